@@ -1,0 +1,61 @@
+#include "core/command_line.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace nightjar::core {
+namespace {
+
+constexpr int kMajor = 3;
+constexpr int kMinor = 7;
+constexpr int kPatch = 3;
+
+}  // namespace
+
+CommandLine parseCommandLine(int argc, char* argv[]) {
+  CommandLine line;
+  optind = 0;  // full reset, so that a second parse starts afresh
+  int option;
+  while ((option = getopt(argc, argv, "dhiuvp:")) != -1) {
+    switch (option) {
+      case 'd':
+        line.daemonise = true;
+        continue;
+      case 'i':
+        line.command = Command::InstallRights;
+        return line;
+      case 'u':
+        line.command = Command::RemoveRights;
+        return line;
+      case 'v':
+        line.command = Command::Version;
+        return line;
+      default:  // -h, -p (which sets nothing) and every unknown option
+        line.command = Command::Usage;
+        return line;
+    }
+  }
+  return line;
+}
+
+std::string usageText(const char* programName) {
+  char text[1024];
+  std::snprintf(text, sizeof text,
+                "Usage: %s [-dhiuv] [-p <absolute path>]\n"
+                "        -d   Daemonise on launch (for Mac OS X 10.3).\n"
+                "        -h   Show this help message and exit.\n"
+                "        -i   Install default security policy rights and exit.\n"
+                "        -u   Uninstall security policy rights and exit.\n"
+                "        -v   Show version details and exit.\n",
+                programName ? programName : "");
+  return text;
+}
+
+std::string versionText() {
+  char text[64];
+  std::snprintf(text, sizeof text, "%s v%d.%d.%d\n", "nightjard", kMajor, kMinor, kPatch);
+  return text;
+}
+
+}  // namespace nightjar::core

@@ -1,0 +1,19 @@
+// Small descriptor operations shared by the signal socket and the API server.
+// Each answers 0 or an error number; none logs.
+#pragma once
+
+#include <cstddef>
+
+namespace nightjar::core {
+
+// Ignores SIGPIPE for the process, keeping its mask and flags.
+int ignoreSIGPIPE();
+
+// Adds O_NONBLOCK to the descriptor's status flags.
+int setNonBlocking(int fd);
+
+// Reads exactly `count` bytes, retrying on EINTR. End of file before the count
+// is complete answers EPIPE. `bytesRead`, when given, receives what arrived.
+int readFully(int fd, void* buffer, std::size_t count, std::size_t* bytesRead = nullptr);
+
+}  // namespace nightjar::core

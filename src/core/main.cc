@@ -1,0 +1,131 @@
+// nightjard: builds the modules in a fixed order, runs the one run loop until a
+// quit or interrupt signal stops it, and tears everything down again.
+#include <systemd/sd-daemon.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "core/command_line.h"
+#include "core/descriptors.h"
+#include "core/lock_file.h"
+#include "core/logging.h"
+#include "core/notification_relay.h"
+#include "core/signal_socket.h"
+#include "platform/linux/daemon_root.h"
+#include "platform/linux/dbus_distributed_center.h"
+#include "platform/linux/system_bus.h"
+#include "runloop/notification_center.h"
+#include "runloop/run_loop.h"
+
+namespace nightjar {
+namespace {
+
+using platform::linux_adapter::underRoot;
+
+constexpr char kLockPath[] = "/var/run/nightjard.pid";
+constexpr char kDaemonWorkingDirectory[] = "/usr/local/";
+constexpr int kExitLockFailed = 1;
+constexpr int kExitNoRunLoop = 13;
+
+// Everything the process builds before its run loop, torn down in reverse.
+struct Daemon {
+  std::string root;
+  std::unique_ptr<runloop::RunLoop> loop;
+  platform::linux_adapter::BusPtr bus;
+  std::unique_ptr<platform::DistributedCenter> distributedCenter;
+};
+
+void stopHandler(int signal) {
+  core::logMessage(LOG_INFO, "Caught %d signal, quitting", signal);
+  if (runloop::RunLoop* loop = runloop::RunLoop::current())
+    loop->stop();
+}
+
+void buildModules(Daemon& daemon) {
+  daemon.bus = platform::linux_adapter::connectSystemBus(*daemon.loop);
+  daemon.distributedCenter = platform::linux_adapter::makeDbusDistributedCenter(daemon.bus.get());
+
+  if (core::relayCreate()) {
+    core::relayAddCallbacks(core::relayGet(),
+                            core::distributedPoster(daemon.distributedCenter.get()));
+  }
+}
+
+// Runs the loop when the relay exists; answers the exit status.
+int runLoop(Daemon& daemon) {
+  core::NotificationRelay* relay = core::relayGet();
+  if (relay == nullptr || daemon.loop == nullptr)
+    return kExitNoRunLoop;
+  core::relayQueue(relay, "socket.open");
+  // Under systemd (Type=notify) and in the tests: the signals are handled and
+  // the socket is served from here on.
+  sd_notify(0, "READY=1");
+  daemon.loop->run();
+  sd_notify(0, "STOPPING=1");
+  core::relayQueue(relay, "socket.closed");
+  return 0;
+}
+
+void tearDown(Daemon& daemon) {
+  core::relayDestroy();
+  daemon.distributedCenter.reset();
+  daemon.bus.reset();  // flushes the broadcasts still queued
+  daemon.loop.reset();
+}
+
+int runDaemon(const core::CommandLine& line) {
+  Daemon daemon;
+  daemon.root = platform::linux_adapter::daemonRoot();
+  const std::string lockPath = underRoot(daemon.root, kLockPath);
+  if (!core::advertise(lockPath)) {
+    core::logMessage(LOG_ERR, "Stopping, failed to claim unique lock: %s", lockPath.c_str());
+    return kExitLockFailed;
+  }
+  if (line.daemonise) {
+    core::closeLog();
+    core::daemonise(underRoot(daemon.root, kDaemonWorkingDirectory));
+    core::openLog();
+  }
+  daemon.loop = runloop::RunLoop::create();
+  if (daemon.loop != nullptr) {
+    core::SignalCallbacks callbacks;
+    callbacks.quit = stopHandler;
+    callbacks.interrupt = stopHandler;
+    core::installSignalHandlers(*daemon.loop, std::move(callbacks));
+    buildModules(daemon);
+  }
+  int status = runLoop(daemon);
+  tearDown(daemon);
+  core::stopAdvertising(lockPath);
+  return status;
+}
+
+}  // namespace
+}  // namespace nightjar
+
+int main(int argc, char* argv[]) {
+  using namespace nightjar;
+  core::ignoreSIGPIPE();
+  core::openLog();
+  const core::CommandLine line = core::parseCommandLine(argc, argv);
+  int status = 0;
+  switch (line.command) {
+    case core::Command::Run:
+      status = runDaemon(line);
+      break;
+    case core::Command::Version:
+      std::fputs(core::versionText().c_str(), stdout);
+      break;
+    case core::Command::Usage:
+      std::fputs(core::usageText(argv[0]).c_str(), stdout);
+      break;
+    case core::Command::InstallRights:
+    case core::Command::RemoveRights:
+      // The rights database arrives with the API; until then these change nothing.
+      break;
+  }
+  core::closeLog();
+  return status;
+}

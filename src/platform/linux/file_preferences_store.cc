@@ -1,0 +1,313 @@
+#include "platform/linux/file_preferences_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "core/logging.h"
+#include "platform/linux/daemon_root.h"
+#include "plist/xml.h"
+
+namespace nightjar::platform::linux_adapter {
+namespace {
+
+constexpr std::string_view kStoreFolder = "/var/lib/nightjar";
+constexpr std::string_view kStoreFile = "/var/lib/nightjar/preferences.plist";
+constexpr std::string_view kForcedFile = "/etc/nightjar/forced.plist";
+// Anything larger is not a file this daemon wrote: treated as corrupt.
+constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kFolderMode = 0755;
+
+// One version of a file on disk. A rename-over gives a new inode and an edit in
+// place a new size or mtime, so either is seen as a change by one stat.
+struct FileIdentity {
+  bool exists = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t mtimeNs = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+FileIdentity identityOf(const struct stat& st) {
+  return {true, st.st_dev, st.st_ino, st.st_size,
+          std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
+}
+
+// A missing or unreachable file has the identity "does not exist".
+FileIdentity statIdentity(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0)
+    return {};
+  return identityOf(st);
+}
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  int get() const { return fd_; }
+  // Closes now, answering 0 or the error number of close.
+  int reset() {
+    int error = 0;
+    if (fd_ >= 0 && ::close(fd_) != 0)
+      error = errno;
+    fd_ = -1;
+    return error;
+  }
+
+ private:
+  int fd_;
+};
+
+enum class ReadOutcome { Ok, Missing, Empty, Unreadable, Corrupt };
+
+struct ReadResult {
+  ReadOutcome outcome = ReadOutcome::Ok;
+  int error = 0;
+  FileIdentity identity;
+  plist::Dictionary entries;
+};
+
+// Reads at most kMaxFileBytes + 1 bytes; answers false on a read error.
+bool readBounded(int fd, std::string& bytes) {
+  char buffer[64 * 1024];
+  while (bytes.size() <= kMaxFileBytes) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return false;
+    if (n == 0)
+      return true;
+    bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+// The file's dictionary. Non-blocking open so that a FIFO put in the file's
+// place cannot stall the run loop; anything but a regular file is unreadable.
+ReadResult readDictionaryFile(const std::string& path) {
+  ReadResult result;
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (fd.get() < 0) {
+    result.error = errno;
+    result.outcome = result.error == ENOENT ? ReadOutcome::Missing : ReadOutcome::Unreadable;
+    return result;
+  }
+  struct stat st {};
+  if (::fstat(fd.get(), &st) != 0) {
+    result.error = errno;
+    result.outcome = ReadOutcome::Unreadable;
+    return result;
+  }
+  result.identity = identityOf(st);
+  if (!S_ISREG(st.st_mode)) {
+    result.error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    result.outcome = ReadOutcome::Unreadable;
+    return result;
+  }
+  std::string bytes;
+  if (static_cast<std::uint64_t>(st.st_size) > kMaxFileBytes) {
+    result.outcome = ReadOutcome::Corrupt;
+  } else if (!readBounded(fd.get(), bytes)) {
+    result.error = errno;
+    result.outcome = ReadOutcome::Unreadable;
+  } else if (bytes.empty()) {
+    result.outcome = ReadOutcome::Empty;
+  } else {
+    plist::Value document = plist::parseXml(bytes, {.maxBytes = kMaxFileBytes});
+    if (const plist::Dictionary* entries = document.asDictionary()) {
+      result.entries = *entries;
+    } else {
+      result.outcome = ReadOutcome::Corrupt;
+    }
+  }
+  return result;
+}
+
+void logOutcome(const std::string& path, const ReadResult& result) {
+  switch (result.outcome) {
+    case ReadOutcome::Ok:
+      return;
+    case ReadOutcome::Missing:
+      core::logMessage(LOG_INFO, "%s: No preferences file, reading as empty; path: %s",
+                       "readPreferences", path.c_str());
+      return;
+    case ReadOutcome::Empty:
+      core::logMessage(LOG_INFO, "%s: Empty preferences file, reading as empty; path: %s",
+                       "readPreferences", path.c_str());
+      return;
+    case ReadOutcome::Unreadable:
+      core::logMessage(LOG_ERR,
+                       "%s: Preferences file unreadable, reading as empty; path: %s; error: %d",
+                       "readPreferences", path.c_str(), result.error);
+      return;
+    case ReadOutcome::Corrupt:
+      core::logMessage(LOG_ERR, "%s: Preferences file corrupt, reading as empty; path: %s",
+                       "readPreferences", path.c_str());
+      return;
+  }
+}
+
+// A file the store reads, with the version held in memory. A file is read,
+// and a bad one logged, only once per version, not on every look.
+struct TrackedFile {
+  std::string path;
+  std::optional<FileIdentity> known;  // none until first read
+
+  // Re-reads into `entries` when the file changed since the last look;
+  // answers whether it did.
+  bool refresh(plist::Dictionary& entries) {
+    FileIdentity now = statIdentity(path);
+    if (known && *known == now)
+      return false;
+    ReadResult result = readDictionaryFile(path);
+    known = result.identity.exists ? result.identity : now;
+    entries = std::move(result.entries);
+    logOutcome(path, result);
+    return true;
+  }
+};
+
+// Creates the store's folder and its missing parents below the root. The mode
+// is set explicitly because mkdir's is cut by the umask. Answers 0 or errno.
+int makeStoreFolder(const std::string& root) {
+  for (std::string_view part :
+       {std::string_view("/var"), std::string_view("/var/lib"), kStoreFolder}) {
+    std::string folder = underRoot(root, part);
+    if (::mkdir(folder.c_str(), kFolderMode) == 0) {
+      ::chmod(folder.c_str(), kFolderMode);
+    } else if (errno != EEXIST) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+int writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return errno;
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return 0;
+}
+
+// Fills and syncs a fresh temporary file, then renames it over `path` and syncs
+// the folder, so that `path` holds either the old or the new bytes whole, even
+// across a crash. On failure the temporary file is removed. Answers 0 or errno.
+int writeAtomically(const std::string& folder, const std::string& path, std::string_view bytes) {
+  std::string temporary = folder + "/.preferences.plist.XXXXXX";
+  UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (fd.get() < 0)
+    return errno;
+  int error = ::fchmod(fd.get(), kFileMode) != 0 ? errno : 0;
+  if (error == 0)
+    error = writeAll(fd.get(), bytes);
+  if (error == 0 && ::fsync(fd.get()) != 0)
+    error = errno;
+  int closeError = fd.reset();
+  if (error == 0)
+    error = closeError;
+  if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
+    error = errno;
+  if (error != 0) {
+    ::unlink(temporary.c_str());
+    return error;
+  }
+  UniqueFd folderFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folderFd.get() < 0)
+    return errno;
+  return ::fsync(folderFd.get()) != 0 ? errno : 0;
+}
+
+class FilePreferencesStore final : public PreferencesStore {
+ public:
+  explicit FilePreferencesStore(std::string root)
+      : root_(std::move(root)),
+        folder_(underRoot(root_, kStoreFolder)),
+        store_{underRoot(root_, kStoreFile), {}},
+        forced_{underRoot(root_, kForcedFile), {}} {
+    makeStoreFolder(root_);
+    synchronize();
+  }
+
+  plist::Value copyValue(std::string_view key) override {
+    if (auto it = forcedValues_.find(key); it != forcedValues_.end())
+      return it->second;
+    if (auto it = values_.find(key); it != values_.end())
+      return it->second;
+    return {};
+  }
+
+  bool setValue(std::string_view key, const plist::Value& value) override {
+    if (store_.refresh(values_))
+      unsaved_ = false;
+    auto it = values_.find(key);
+    bool unchanged = value ? it != values_.end() && it->second == value : it == values_.end();
+    // Save-on-change writes the same state often; an unchanged store needs no write.
+    if (unchanged && !unsaved_)
+      return true;
+    if (!value) {
+      values_.erase(it);
+    } else if (it == values_.end()) {
+      values_.emplace(std::string(key), value);
+    } else {
+      it->second = value;
+    }
+    return write();
+  }
+
+  void synchronize() override {
+    if (store_.refresh(values_)) {
+      unsaved_ = false;
+    } else if (unsaved_) {
+      write();
+    }
+    forced_.refresh(forcedValues_);
+  }
+
+  bool isForced(std::string_view key) override { return forcedValues_.contains(key); }
+
+ private:
+  bool write() {
+    std::string document = plist::writeXml(plist::Value::dictionary(values_));
+    int error = makeStoreFolder(root_);
+    if (error == 0)
+      error = writeAtomically(folder_, store_.path, document);
+    unsaved_ = error != 0;
+    // Our own write is the version now held: the next look must not re-read it.
+    if (!unsaved_)
+      store_.known = statIdentity(store_.path);
+    return !unsaved_;
+  }
+
+  std::string root_;
+  std::string folder_;
+  TrackedFile store_;
+  TrackedFile forced_;
+  plist::Dictionary values_;
+  plist::Dictionary forcedValues_;
+  bool unsaved_ = false;  // the view holds changes that are not on disk
+};
+
+}  // namespace
+
+std::unique_ptr<PreferencesStore> makeFilePreferencesStore(std::string root) {
+  return std::make_unique<FilePreferencesStore>(std::move(root));
+}
+
+}  // namespace nightjar::platform::linux_adapter

@@ -1,0 +1,147 @@
+#include <cstdio>
+#include <string>
+
+#include "plist/base64.h"
+#include "plist/scalar_text.h"
+#include "plist/xml.h"
+
+namespace nightjar::plist {
+
+namespace {
+
+constexpr std::string_view kHeader =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+    "<plist version=\"1.0\">\n";
+constexpr std::string_view kFooter = "</plist>\n";
+constexpr std::size_t kBase64LineLength = 76;
+
+// Writes values in the customary layout: one element per line, indented by one
+// tab per level of nesting below <plist>.
+class XmlWriter {
+ public:
+  explicit XmlWriter(std::string& out) : out_(out) {}
+
+  void write(const Value& value, std::size_t depth) {
+    switch (value.kind()) {
+      case Kind::Dictionary:
+        return writeDictionary(*value.asDictionary(), depth);
+      case Kind::Array:
+        return writeArray(*value.asArray(), depth);
+      case Kind::String:
+        return writeLeaf("string", escaped(*value.asString()), depth);
+      case Kind::Integer:
+        return writeLeaf("integer", std::to_string(*value.asInteger()), depth);
+      case Kind::Real:
+        return writeLeaf("real", formatRealText(*value.numberAsDouble()), depth);
+      case Kind::Boolean:
+        indent(depth);
+        out_ += *value.asBoolean() ? "<true/>\n" : "<false/>\n";
+        return;
+      case Kind::Date:
+        return writeLeaf("date", formatDateText(*value.asDate()), depth);
+      case Kind::Data:
+        return writeData(*value.asData(), depth);
+    }
+  }
+
+ private:
+  void indent(std::size_t depth) { out_.append(depth, '\t'); }
+
+  void writeLeaf(std::string_view tag, const std::string& text, std::size_t depth) {
+    indent(depth);
+    out_.append("<").append(tag).append(">");
+    out_ += text;
+    out_.append("</").append(tag).append(">\n");
+  }
+
+  void writeDictionary(const Dictionary& entries, std::size_t depth) {
+    indent(depth);
+    if (entries.empty()) {
+      out_ += "<dict/>\n";
+      return;
+    }
+    out_ += "<dict>\n";
+    for (const auto& [key, member] : entries) {
+      if (!member.isNone()) {
+        writeLeaf("key", escaped(key), depth + 1);
+        write(member, depth + 1);
+      }
+    }
+    indent(depth);
+    out_ += "</dict>\n";
+  }
+
+  void writeArray(const Array& elements, std::size_t depth) {
+    indent(depth);
+    if (elements.empty()) {
+      out_ += "<array/>\n";
+      return;
+    }
+    out_ += "<array>\n";
+    for (const Value& element : elements) {
+      writeMember(element, depth + 1);
+    }
+    indent(depth);
+    out_ += "</array>\n";
+  }
+
+  // A none member has no XML form and is left out, as if it were absent.
+  void writeMember(const Value& member, std::size_t depth) {
+    if (!member.isNone()) {
+      write(member, depth);
+    }
+  }
+
+  void writeData(const Bytes& bytes, std::size_t depth) {
+    indent(depth);
+    out_ += "<data>\n";
+    out_ += encodeBase64(bytes, kBase64LineLength, std::string(depth, '\t'));
+    indent(depth);
+    out_ += "</data>\n";
+  }
+
+  // Escapes the markup characters; a carriage return is written as a
+  // character reference because XML readers turn a literal one into a line
+  // feed.
+  static std::string escaped(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+      switch (c) {
+        case '&':
+          out += "&amp;";
+          break;
+        case '<':
+          out += "&lt;";
+          break;
+        case '>':
+          out += "&gt;";
+          break;
+        case '\r':
+          out += "&#13;";
+          break;
+        default:
+          out += c;
+      }
+    }
+    return out;
+  }
+
+  std::string& out_;
+};
+
+}  // namespace
+
+std::string writeXml(const Value& value) {
+  if (value.isNone()) {
+    return {};
+  }
+  std::string out(kHeader);
+  XmlWriter(out).write(value, 0);
+  out += kFooter;
+  return out;
+}
+
+}  // namespace nightjar::plist

@@ -1,0 +1,61 @@
+"""Fixtures shared by every end-to-end test: see nightjar_harness for the pieces."""
+
+import pytest
+
+from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
+                              make_root)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def daemon_binary():
+    if not DAEMON.exists():
+        pytest.fail(f"{DAEMON} is missing: build first (or set NIGHTJAR_BUILD_DIR)")
+    return DAEMON
+
+
+@pytest.fixture
+def root(tmp_path):
+    return make_root(tmp_path)
+
+
+@pytest.fixture
+def system_bus(tmp_path):
+    bus = PrivateBus(tmp_path)
+    yield bus
+    bus.stop()
+
+
+@pytest.fixture
+def logind(system_bus):
+    mock = DbusMock(system_bus, "logind")
+    yield mock
+    mock.stop()
+
+
+@pytest.fixture
+def polkitd(system_bus):
+    mock = DbusMock(system_bus, "polkitd")
+    yield mock
+    mock.stop()
+
+
+@pytest.fixture
+def broadcasts(system_bus):
+    listener = BroadcastListener(system_bus)
+    yield listener
+    listener.stop()
+
+
+@pytest.fixture
+def start_daemon(root, system_bus):
+    """Starts nightjard on the temporary root and the private bus; stops it after the test."""
+    started = []
+
+    def start(*args, bus=True, extra_env=None):
+        daemon = Daemon(root, system_bus.address if bus else None, args, extra_env)
+        started.append(daemon)
+        return daemon
+
+    yield start
+    for daemon in started:
+        daemon.stop()

@@ -1,0 +1,257 @@
+"""Runs the real nightjard under a temporary root beside a private system bus.
+
+Every end-to-end test builds on these pieces: a root folder laid out like the
+daemon expects, a private dbus-daemon standing in for the system bus, a
+listener for the daemon's D-Bus broadcasts, and the daemon process itself
+with its log lines read from standard error.
+"""
+
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+import dbus
+import dbus.mainloop.glib
+from gi.repository import GLib
+
+BUILD_DIR = Path(os.environ.get("NIGHTJAR_BUILD_DIR",
+                                Path(__file__).resolve().parents[2] / "build" / "release"))
+DAEMON = BUILD_DIR / "src" / "core" / "nightjard"
+PYTHON = "/usr/bin/python3"
+
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_type="method_return"/>
+    <allow send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="signal"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow eavesdrop="true"/>
+  </policy>
+</busconfig>
+"""
+
+FAKE_TOOL = """#!/bin/sh
+echo "$0 $*" >> "{log}"
+"""
+
+
+def wait_until(predicate, timeout=5.0, interval=0.01):
+    """Polls `predicate` until it answers something true or `timeout` passes."""
+    deadline = time.monotonic() + timeout
+    while True:
+        result = predicate()
+        if result or time.monotonic() >= deadline:
+            return result
+        time.sleep(interval)
+
+
+def make_root(base: Path) -> Path:
+    """Lays out a daemon root: the folders and files the daemon reads or writes."""
+    root = base / "root"
+    for folder in ("var/run", "var/lib/nightjar", "etc/nightjar", "sys/class/rtc/rtc0",
+                   "usr/local/nightjar/bin", "usr/share/polkit-1/actions"):
+        (root / folder).mkdir(parents=True, exist_ok=True)
+    tmp = root / "var/tmp"
+    tmp.mkdir(parents=True, exist_ok=True)
+    os.chmod(tmp, 0o1777)
+    shutil.copy("/usr/share/zoneinfo/UTC", root / "etc/localtime")
+    (root / "sys/class/rtc/rtc0/wakealarm").write_text("")
+    tool_log = root / "tool-calls.log"
+    for tool in ("gracestop", "perch"):
+        path = root / "usr/local/nightjar/bin" / tool
+        path.write_text(FAKE_TOOL.format(log=tool_log))
+        os.chmod(path, 0o755)
+    return root
+
+
+class PrivateBus:
+    """A dbus-daemon of its own, configured like a permissive system bus."""
+
+    def __init__(self, base: Path):
+        self.socket = base / "system_bus_socket"
+        config = base / "bus.conf"
+        config.write_text(BUS_CONFIG.format(socket=self.socket))
+        self.address = f"unix:path={self.socket}"
+        self.process = subprocess.Popen(
+            ["dbus-daemon", "--nofork", f"--config-file={config}"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        if not wait_until(self.socket.exists, timeout=10):
+            self.stop()
+            raise RuntimeError("private dbus-daemon did not start")
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(timeout=10)
+
+
+class DbusMock:
+    """python3-dbusmock serving one template on the private bus."""
+
+    def __init__(self, bus: PrivateBus, template: str, parameters=None):
+        args = [PYTHON, "-m", "dbusmock", "--system", "--template", template]
+        if parameters:
+            args += ["--parameters", repr(parameters)]
+        env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address)
+        self.process = subprocess.Popen(args, env=env, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT)
+        self.bus = dbus.bus.BusConnection(bus.address)
+        names = {"logind": "org.freedesktop.login1",
+                 "polkitd": "org.freedesktop.PolicyKit1"}
+        name = names.get(template, template)
+        if not wait_until(lambda: self.bus.name_has_owner(name), timeout=15):
+            self.stop()
+            raise RuntimeError(f"dbusmock {template} did not start")
+        self.name = name
+
+    def object(self, path):
+        return self.bus.get_object(self.name, path)
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(timeout=10)
+        self.bus.close()
+
+
+class BroadcastListener:
+    """Collects the daemon's "Notification" signals from the bus."""
+
+    def __init__(self, bus: PrivateBus):
+        self._lock = threading.Lock()
+        self._received = []
+        # dbus-python dispatches on GLib's global default context; this thread
+        # is the only one that iterates it.
+        self._loop = GLib.MainLoop()
+        self._ready = threading.Event()
+        self._address = bus.address
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+        if not self._ready.wait(10):
+            raise RuntimeError("broadcast listener did not start")
+
+    def _run(self):
+        connection = dbus.bus.BusConnection(
+            self._address, mainloop=dbus.mainloop.glib.DBusGMainLoop())
+        connection.add_signal_receiver(self._on_signal, signal_name="Notification",
+                                       dbus_interface="quillon.nightjar",
+                                       path="/quillon/nightjar")
+        # A round trip makes sure the match rule is in place before we report ready.
+        connection.get_unique_name()
+        connection.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                 "org.freedesktop.DBus", "GetId", "", [])
+        self._ready.set()
+        self._loop.run()
+        connection.close()
+
+    def _on_signal(self, name, user_info):
+        with self._lock:
+            self._received.append((str(name), str(user_info)))
+
+    def names(self):
+        with self._lock:
+            return [name for name, _ in self._received]
+
+    def received(self):
+        with self._lock:
+            return list(self._received)
+
+    def wait_for(self, name, count=1, timeout=5.0):
+        return wait_until(lambda: self.names().count(name) >= count, timeout)
+
+    def stop(self):
+        GLib.idle_add(self._loop.quit)
+        self._thread.join(timeout=5)
+
+
+class Daemon:
+    """The real nightjard, its standard error collected line by line."""
+
+    def __init__(self, root: Path, bus_address=None, args=(), extra_env=None):
+        env = dict(os.environ, NIGHTJAR_ROOT=str(root), NIGHTJAR_LOG="stderr",
+                   TZ=f":{root}/etc/localtime")
+        env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
+        if bus_address:
+            env["DBUS_SYSTEM_BUS_ADDRESS"] = bus_address
+        else:
+            # Point at a socket that does not exist, never at the host's bus.
+            env["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={root}/no-bus"
+        # The daemon says READY=1 here once its signals and socket are live.
+        self._notify_path = root.parent / f"notify-{time.monotonic_ns()}"
+        self._notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._notify.bind(str(self._notify_path))
+        env["NOTIFY_SOCKET"] = str(self._notify_path)
+        env.update(extra_env or {})
+        self.root = root
+        self.pid_file = root / "var/run/nightjard.pid"
+        self._lines = []
+        self._lock = threading.Lock()
+        self.process = subprocess.Popen([str(DAEMON), *args], env=env,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        stdin=subprocess.DEVNULL)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for raw in self.process.stderr:
+            with self._lock:
+                self._lines.append(raw.decode("utf-8", "replace").rstrip("\n"))
+
+    def lines(self):
+        with self._lock:
+            return list(self._lines)
+
+    def messages(self):
+        """Log lines without their "<N>" priority prefix."""
+        return [re.sub(r"^<\d+>", "", line) for line in self.lines()]
+
+    def wait_for_line(self, text, timeout=5.0):
+        return wait_until(lambda: any(text in line for line in self.messages()), timeout)
+
+    def wait_running(self, timeout=5.0):
+        """Waits for the daemon's READY=1; answers False if it never comes."""
+        self._notify.settimeout(timeout)
+        try:
+            while True:
+                message = self._notify.recv(4096).decode()
+                if "READY=1" in message.split("\n"):
+                    return self.process.poll() is None
+        except (socket.timeout, OSError):
+            return False
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def wait(self, timeout=10.0):
+        code = self.process.wait(timeout=timeout)
+        self._reader.join(timeout=5)
+        self._notify.close()
+        return code
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+            try:
+                self.process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        self._reader.join(timeout=5)
+        self._notify.close()

@@ -1,0 +1,111 @@
+"""The daemon's command line, start-up, signals and tear-down, seen from outside."""
+
+import os
+import signal
+
+from nightjar_harness import wait_until
+
+
+def test_one_shot_options_print_and_exit_without_claiming_the_lock(start_daemon, root):
+    cases = {
+        ("-v",): "nightjard v3.7.3\n",
+        ("-d", "-v"): "nightjard v3.7.3\n",
+        ("-v", "-d"): "nightjard v3.7.3\n",
+    }
+    for args, expected in cases.items():
+        daemon = start_daemon(*args)
+        assert daemon.wait() == 0
+        assert daemon.process.stdout.read().decode() == expected
+    for args in (("-h",), ("-p", "x"), ("-z",)):
+        daemon = start_daemon(*args)
+        assert daemon.wait() == 0
+        out = daemon.process.stdout.read().decode()
+        assert out.startswith(f"Usage: {daemon.process.args[0]} [-dhiuv] [-p <absolute path>]\n")
+        assert "        -v   Show version details and exit.\n" in out
+    assert not (root / "var/run/nightjard.pid").exists()
+
+
+def test_unwritable_lock_folder_stops_with_status_1(start_daemon, root):
+    # A regular file where the folder should be defeats even root.
+    (root / "var/run").rmdir()
+    (root / "var/run").write_text("")
+    daemon = start_daemon()
+    assert daemon.wait() == 1
+    assert any(line.startswith("<3>Stopping, failed to claim unique lock: ")
+               and line.endswith("/var/run/nightjard.pid") for line in daemon.lines())
+    assert any("advertise: Lock file creation error; path: " in m for m in daemon.messages())
+
+
+def test_sigterm_broadcasts_and_tears_down(start_daemon, broadcasts):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    assert broadcasts.wait_for("socket.open")
+    assert daemon.pid_file.read_text() == str(daemon.process.pid)
+
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait() == 0
+    messages = daemon.messages()
+    assert "SIGTERM/SIGQUIT/quit signal caught" in messages
+    assert "Caught 15 signal, quitting" in messages
+    assert "<6>Caught 15 signal, quitting" in daemon.lines()
+    assert not daemon.pid_file.exists()
+    assert broadcasts.wait_for("socket.closed")
+    assert broadcasts.names() == ["socket.open", "socket.closed"]
+    for _, user_info in broadcasts.received():
+        assert "<dict/>" in user_info or "<dict>\n</dict>" in user_info
+
+
+def test_sigint_and_sigquit_stop_the_daemon(start_daemon):
+    for number, line in ((signal.SIGINT, "SIGINT/interrupt signal caught"),
+                         (signal.SIGQUIT, "SIGTERM/SIGQUIT/quit signal caught")):
+        daemon = start_daemon()
+        assert daemon.wait_running()
+        daemon.signal(number)
+        assert daemon.wait() == 0
+        assert line in daemon.messages()
+        assert f"Caught {int(number)} signal, quitting" in daemon.messages()
+
+
+def test_hup_and_usr_signals_are_logged_only(start_daemon):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    for number, line in ((signal.SIGHUP, "SIGHUP/restart signal caught"),
+                         (signal.SIGUSR1, "SIGUSR1/rotate signal caught"),
+                         (signal.SIGUSR2, "SIGUSR2/fetch signal caught")):
+        daemon.signal(number)
+        assert daemon.wait_for_line(line)
+        assert daemon.process.poll() is None
+    assert not any("quitting" in m for m in daemon.messages())
+    assert daemon.pid_file.exists()
+
+
+def test_runs_without_a_system_bus(start_daemon):
+    daemon = start_daemon(bus=False)
+    assert daemon.wait_running()
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait() == 0
+    assert "Caught 15 signal, quitting" in daemon.messages()
+
+
+def test_daemonise_detaches_and_the_child_keeps_running(start_daemon, root, broadcasts):
+    daemon = start_daemon("-d")
+    assert daemon.wait() == 0  # the parent leaves at once
+    assert broadcasts.wait_for("socket.open")
+    pid = int(daemon.pid_file.read_text())
+    # The pid file names the process that was started, not the detached child.
+    assert pid == daemon.process.pid
+    children = [int(p) for p in os.listdir("/proc") if p.isdigit()
+                and _cmdline(p).startswith(str(daemon.process.args[0]))]
+    assert children
+    for child in children:
+        os.kill(child, signal.SIGTERM)
+    assert broadcasts.wait_for("socket.closed")
+    assert wait_until(lambda: not daemon.pid_file.exists())
+
+
+def _cmdline(pid):
+    try:
+        with open(f"/proc/{pid}/cmdline", "rb") as f:
+            return f.read().replace(b"\0", b" ").decode()
+    except OSError:
+        return ""

@@ -1,0 +1,59 @@
+#include "core/logging.h"
+
+#include <gtest/gtest.h>
+
+#include "fakes/recording_log_sink.h"
+
+namespace nightjar::core {
+namespace {
+
+using plist::Value;
+
+TEST(LogFormat, PrintfDirectivesBehaveAsPrintf) {
+  EXPECT_EQ(formatLogLine("Caught %d signal, quitting", {std::int64_t{15}}),
+            "Caught 15 signal, quitting");
+  EXPECT_EQ(formatLogLine("%s: path: %s; error: %d",
+                          {"advertise", "/var/run/nightjard.pid", std::int64_t{13}}),
+            "advertise: path: /var/run/nightjard.pid; error: 13");
+  EXPECT_EQ(formatLogLine("%5.1f|%-4d|%x|%%|%c",
+                          {2.25, std::int64_t{7}, std::int64_t{255}, std::int64_t{'A'}}),
+            "  2.2|7   |ff|%|A");
+  EXPECT_EQ(formatLogLine("%ld %lu %lld", {std::int64_t{-5}, std::uint64_t{6}, std::int64_t{7}}),
+            "-5 6 7");
+  EXPECT_EQ(formatLogLine("%*d|%.*s", {std::int64_t{3}, std::int64_t{1}, std::int64_t{2}, "abc"}),
+            "  1|ab");
+}
+
+TEST(LogFormat, ObjectDirectiveInsertsTextsBareAndValuesDescribed) {
+  EXPECT_EQ(formatLogLine("API: %@ > %@", {Value::string("a"), Value::integer(7)}), "API: a > 7");
+  EXPECT_EQ(formatLogLine("%@", {Value::dictionary({{"uniqueid", Value::integer(7)}})}),
+            "{\"uniqueid\"=>7}");
+  EXPECT_EQ(formatLogLine("%@", {"plain"}), "plain");
+}
+
+TEST(LogFormat, HostileOrMismatchedArgumentsNeverCrash) {
+  EXPECT_EQ(formatLogLine("%d %s %@ end", {}), "   end");
+  EXPECT_EQ(formatLogLine("%s|%d", {std::int64_t{1}, "x"}), "|");
+  EXPECT_EQ(formatLogLine("%n%d", {std::int64_t{4}}), "4");  // %n writes nothing, takes nothing
+  EXPECT_EQ(formatLogLine("trailing %", {}), "trailing ");
+  EXPECT_EQ(formatLogLine("%s", {static_cast<const char*>(nullptr)}), "(null)");
+  std::string wide = formatLogLine("%500d", {std::int64_t{1}});
+  EXPECT_EQ(wide.size(), 500u);
+}
+
+TEST(LogMessage, ValuesAreWrittenLiterallyThroughTheSink) {
+  testing::RecordingLogSink sink;
+  logMessage(LOG_ERR, "Invalid event: %@", Value::string("%d %s %n — naïve 夜鷹"));
+  logMessage(LOG_INFO, "no directive %d", 3);
+  logValue(LOG_DEBUG, "Performing: %@", Value::dictionary({{"name", Value::string("%d")}}));
+  logValue(LOG_ERR, "Dropped invalid event within scheduler.", Value::integer(1));
+  ASSERT_EQ(sink.lines.size(), 4u);
+  EXPECT_EQ(sink.lines[0],
+            std::make_pair(LOG_ERR, std::string("Invalid event: %d %s %n — naïve 夜鷹")));
+  EXPECT_EQ(sink.lines[1], std::make_pair(LOG_INFO, std::string("no directive 3")));
+  EXPECT_EQ(sink.lines[2].second, "Performing: {\"name\"=>\"%d\"}");
+  EXPECT_EQ(sink.lines[3].second, "Dropped invalid event within scheduler.");
+}
+
+}  // namespace
+}  // namespace nightjar::core

@@ -1,0 +1,29 @@
+// Captures log lines for tests; installs itself for its lifetime.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/logging.h"
+
+namespace nightjar::testing {
+
+class RecordingLogSink final : public core::LogSink {
+ public:
+  RecordingLogSink() { core::setLogSink(this); }
+  ~RecordingLogSink() override { core::setLogSink(nullptr); }
+
+  void write(int priority, std::string_view line) override {
+    lines.emplace_back(priority, std::string(line));
+  }
+  std::vector<std::string> texts() const {
+    std::vector<std::string> out;
+    for (const auto& [priority, text] : lines) out.push_back(text);
+    return out;
+  }
+
+  std::vector<std::pair<int, std::string>> lines;
+};
+
+}  // namespace nightjar::testing

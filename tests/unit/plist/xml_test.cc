@@ -1,0 +1,162 @@
+#include "plist/xml.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+namespace nightjar::plist {
+namespace {
+
+const std::string kHead =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n";
+
+std::string plist(const std::string& body) {
+  return kHead + "<plist version=\"1.0\">" + body + "</plist>";
+}
+
+std::string nestedArrays(int depth) {
+  std::string open, close;
+  for (int i = 0; i < depth; ++i) {
+    open += "<array>";
+    close += "</array>";
+  }
+  return plist(open + close);
+}
+
+Value everyKind() {
+  return Value::dictionary({
+      {"string", Value::string("a & b < c > d \"q\" 'é' \r\n\t 😀")},
+      {"empty", Value::string("")},
+      {"integer", Value::integer(-9223372036854775807 - 1)},
+      {"real", Value::real(0.1)},
+      {"infinity", Value::real(-INFINITY)},
+      {"true", Value::boolean(true)},
+      {"false", Value::boolean(false)},
+      {"date", Value::date(784111777.0)},
+      {"data", Value::data(Bytes(100, 0xA5))},
+      {"nodata", Value::data({})},
+      {"array", Value::array({Value::integer(1), Value::array({}), Value::dictionary({})})},
+      {"k<&>", Value::dictionary({{"inner", Value::string("x")}})},
+  });
+}
+
+TEST(XmlTest, WritesTheCustomaryLayout) {
+  Value value =
+      Value::dictionary({{"name", Value::string("a&b")},
+                         {"list", Value::array({Value::integer(1), Value::boolean(true)})}});
+  EXPECT_EQ(writeXml(value), kHead +
+                                 "<plist version=\"1.0\">\n"
+                                 "<dict>\n"
+                                 "\t<key>list</key>\n"
+                                 "\t<array>\n"
+                                 "\t\t<integer>1</integer>\n"
+                                 "\t\t<true/>\n"
+                                 "\t</array>\n"
+                                 "\t<key>name</key>\n"
+                                 "\t<string>a&amp;b</string>\n"
+                                 "</dict>\n"
+                                 "</plist>\n");
+  EXPECT_EQ(writeXml(Value()), "");
+}
+
+TEST(XmlTest, EveryKindRoundTrips) {
+  const Value original = everyKind();
+  const std::string text = writeXml(original);
+  const Value parsed = parseXml(text);
+  EXPECT_EQ(parsed, original) << text;
+  EXPECT_EQ(writeXml(parsed), text);
+  // Each kind also stands alone as the root value.
+  for (const auto& [key, member] : *original.asDictionary()) {
+    EXPECT_EQ(parseXml(writeXml(member)), member) << key;
+  }
+}
+
+TEST(XmlTest, RoundTripKeepsKindsAndFloorsDates) {
+  Value parsed = parseXml(writeXml(Value::array({Value::real(3.0), Value::date(12.75)})));
+  EXPECT_TRUE(parsed.at(0).isReal());
+  EXPECT_EQ(parsed.at(1).asDate(), 12.0);
+  EXPECT_TRUE(std::isnan(*parseXml(writeXml(Value::real(NAN))).numberAsDouble()));
+}
+
+TEST(XmlTest, AcceptsCommonVariants) {
+  EXPECT_EQ(parseXml("<plist><string>x</string></plist>"), Value::string("x"));
+  EXPECT_EQ(parseXml("<?xml version=\"1.0\"?><plist version=\"1.0\"><true/></plist>"),
+            Value::boolean(true));
+  EXPECT_EQ(parseXml(plist("<integer> 0x10 </integer>")), Value::integer(16));
+  EXPECT_EQ(parseXml(plist("<string>&lt;&#65;&#x42;<![CDATA[<c>]]></string>")),
+            Value::string("<AB<c>"));
+  EXPECT_EQ(parseXml(plist("<!-- note --><dict>\n <key>a</key> <real>1e3</real></dict>")),
+            Value::dictionary({{"a", Value::real(1000)}}));
+}
+
+TEST(XmlTest, NestingLimit) {
+  EXPECT_TRUE(parseXml(nestedArrays(128)).isArray());
+  EXPECT_TRUE(parseXml(nestedArrays(129)).isNone());
+  EXPECT_TRUE(parseXml(nestedArrays(3), XmlLimits{.maxDepth = 2}).isNone());
+}
+
+TEST(XmlTest, SizeLimit) {
+  const std::string document = plist("<string>0123456789</string>");
+  EXPECT_TRUE(parseXml(document, XmlLimits{.maxBytes = document.size()}).isString());
+  EXPECT_TRUE(parseXml(document, XmlLimits{.maxBytes = document.size() - 1}).isNone());
+}
+
+struct HostileCase {
+  const char* name;
+  std::string document;
+};
+
+TEST(XmlTest, RefusesHostileAndMalformedDocuments) {
+  const std::string laughs =
+      "<?xml version=\"1.0\"?><!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\">"
+      "<!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;\">]>"
+      "<plist><string>&c;</string></plist>";
+  const HostileCase cases[] = {
+      {"empty", ""},
+      {"not xml", "hello"},
+      {"unclosed", plist("<string>x")},
+      {"mismatched", "<plist><string>x</data></plist>"},
+      {"billion laughs", laughs},
+      {"internal subset", "<!DOCTYPE plist [<!ELEMENT plist ANY>]><plist><true/></plist>"},
+      {"external entity",
+       "<!DOCTYPE plist SYSTEM \"x.dtd\" [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>"
+       "<plist><string>&e;</string></plist>"},
+      {"undeclared entity", kHead + "<plist><string>&e;</string></plist>"},
+      {"wrong doctype", "<!DOCTYPE html><plist><true/></plist>"},
+      {"wrong public id",
+       "<!DOCTYPE plist PUBLIC \"-//W3C//DTD X//EN\" \"x\"><plist><true/></plist>"},
+      {"other encoding", "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><plist><true/></plist>"},
+      {"invalid utf-8", plist("<string>\xC3\x28</string>")},
+      {"wrong root", "<dict></dict>"},
+      {"unknown element", plist("<float>1</float>")},
+      {"attribute", plist("<string id=\"1\">x</string>")},
+      {"wrong version", "<plist version=\"2.0\"><true/></plist>"},
+      {"text in container", plist("<array>x<true/></array>")},
+      {"text in boolean", plist("<true>yes</true>")},
+      {"child in leaf", plist("<string><true/></string>")},
+      {"no value", plist("")},
+      {"two root values", plist("<true/><false/>")},
+      {"two roots", "<plist><true/></plist><plist><true/></plist>"},
+      {"trailing text", "<plist><true/></plist>junk"},
+      {"key without value", plist("<dict><key>a</key></dict>")},
+      {"value without key", plist("<dict><string>a</string></dict>")},
+      {"key in array", plist("<array><key>a</key></array>")},
+      {"duplicate key", plist("<dict><key>a</key><true/><key>a</key><false/></dict>")},
+      {"nested plist", plist("<array><plist/></array>")},
+      {"bad base64", plist("<data>Zm9v!</data>")},
+      {"bad date", plist("<date>2026-13-01T00:00:00Z</date>")},
+      {"bad integer", plist("<integer>12abc</integer>")},
+      {"integer overflow", plist("<integer>9223372036854775808</integer>")},
+      {"empty integer", plist("<integer/>")},
+      {"bad real", plist("<real>1.2.3</real>")},
+  };
+  for (const HostileCase& hostile : cases) {
+    EXPECT_TRUE(parseXml(hostile.document).isNone()) << hostile.name;
+  }
+}
+
+}  // namespace
+}  // namespace nightjar::plist

@@ -1,0 +1,121 @@
+#include "runloop/notification_center.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace nightjar::runloop {
+namespace {
+
+class NotificationCenterTest : public ::testing::Test {
+ protected:
+  // Observes as `tag`, recording "tag:name" for each notification it gets.
+  void observe(const void* observer, const std::string& tag, std::optional<std::string> name,
+               const void* object) {
+    center.addObserver(
+        observer,
+        [this, tag](std::string_view n, const void*, const plist::Value&) {
+          log.push_back(tag + ":" + std::string(n));
+        },
+        std::move(name), object);
+  }
+
+  NotificationCenter center;
+  std::vector<std::string> log;
+  int a = 0, b = 0, c = 0;  // observers and objects, by address
+};
+
+TEST_F(NotificationCenterTest, FiltersByNameAndObjectInRegistrationOrder) {
+  observe(&a, "name", "x", nullptr);
+  observe(&b, "object", std::nullopt, &a);
+  observe(&c, "both", "x", &a);
+  observe(&c, "all", std::nullopt, nullptr);
+  center.post("x", &b);
+  center.post("y", &a);
+  center.post("x", &a);
+  EXPECT_EQ(log, (std::vector<std::string>{"name:x", "all:x", "object:y", "all:y", "name:x",
+                                           "object:x", "both:x", "all:x"}));
+}
+
+TEST_F(NotificationCenterTest, HandsOverTheObjectAndTheUserInfo) {
+  const plist::Value info = plist::Value::string("payload");
+  const void* seenObject = nullptr;
+  const void* seenInfo = nullptr;
+  center.addObserver(
+      &a,
+      [&](std::string_view, const void* object, const plist::Value& userInfo) {
+        seenObject = object;
+        seenInfo = userInfo.identity();
+      },
+      std::nullopt, nullptr);
+  center.post("x", &b, info);
+  EXPECT_EQ(seenObject, &b);
+  EXPECT_EQ(seenInfo, info.identity());
+}
+
+TEST_F(NotificationCenterTest, RemoveObserverRemovesEachOfItsObservations) {
+  observe(&a, "a1", "x", nullptr);
+  observe(&b, "b", "x", nullptr);
+  observe(&a, "a2", std::nullopt, nullptr);
+  center.removeObserver(&a);
+  EXPECT_EQ(center.observationCount(), 1u);
+  center.post("x", nullptr);
+  EXPECT_EQ(log, (std::vector<std::string>{"b:x"}));
+}
+
+TEST_F(NotificationCenterTest, ObserverRemovedDuringAPostIsNotCalledAfterwards) {
+  center.addObserver(
+      &a, [&](std::string_view, const void*, const plist::Value&) { center.removeObserver(&b); },
+      std::nullopt, nullptr);
+  observe(&b, "b", std::nullopt, nullptr);
+  observe(&c, "c", std::nullopt, nullptr);
+  center.post("x", nullptr);
+  EXPECT_EQ(log, (std::vector<std::string>{"c:x"}));
+  EXPECT_EQ(center.observationCount(), 2u);
+}
+
+TEST_F(NotificationCenterTest, ObserverAddedDuringAPostWaitsForTheNextPost) {
+  center.addObserver(
+      &a,
+      [&, added = false](std::string_view, const void*, const plist::Value&) mutable {
+        if (!added) {
+          added = true;
+          // Enough additions to move the stored callbacks while this one runs.
+          for (int i = 0; i < 64; ++i) {
+            observe(&b, "b", "x", nullptr);
+          }
+        }
+        log.push_back(added ? "a" : "?");  // reads its own state after the additions
+      },
+      std::nullopt, nullptr);
+  center.post("x", nullptr);
+  EXPECT_EQ(log, (std::vector<std::string>{"a"}));
+  center.post("x", nullptr);
+  EXPECT_EQ(log.size(), 2u + 64u);
+  EXPECT_EQ(center.observationCount(), 1u + 64u);  // the callback kept its state
+}
+
+TEST_F(NotificationCenterTest, NestedPostsSeeChangesMadeBeforeThem) {
+  center.addObserver(
+      &a,
+      [&](std::string_view name, const void*, const plist::Value&) {
+        if (name == "outer") {
+          observe(&b, "late", "inner", nullptr);
+          center.removeObserver(&c);
+          center.post("inner", nullptr);
+        }
+      },
+      std::nullopt, nullptr);
+  observe(&c, "c", std::nullopt, nullptr);
+  center.post("outer", nullptr);
+  EXPECT_EQ(log, (std::vector<std::string>{"late:inner"}));
+  EXPECT_EQ(center.observationCount(), 2u);
+}
+
+TEST(LocalCenterTest, IsOneInstance) {
+  EXPECT_EQ(&localCenter(), &localCenter());
+}
+
+}  // namespace
+}  // namespace nightjar::runloop

@@ -1,0 +1,127 @@
+#include "runloop/run_loop.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "loop_fixture.h"
+
+namespace nightjar::runloop {
+namespace {
+
+class RunLoopTest : public LoopTest {
+ protected:
+  void SetUp() override {
+    LoopTest::SetUp();
+    ASSERT_EQ(pipe(fds), 0);
+  }
+  void TearDown() override {
+    close(fds[0]);
+    close(fds[1]);
+  }
+  void writeByte() { ASSERT_EQ(write(fds[1], "x", 1), 1); }
+  // Records each activity as "wait" or "exit"; stops the loop at `stopAtWait`.
+  std::unique_ptr<ObserverHandle> recordingObserver(int stopAtWait) {
+    return loop->addObserver([this, stopAtWait](Activity activity) {
+      log.push_back(activity == Activity::Exit ? "exit" : "wait");
+      if (activity == Activity::BeforeWaiting && ++waits == stopAtWait) {
+        loop->stop();
+      }
+    });
+  }
+
+  int fds[2] = {-1, -1};
+  std::vector<std::string> log;
+  int waits = 0;
+};
+
+TEST(RunLoopCurrentTest, IsTheLoopCreatedLastUntilDestroyed) {
+  auto first = RunLoop::create();
+  auto second = RunLoop::create();
+  EXPECT_EQ(RunLoop::current(), second.get());
+  first.reset();  // an older loop does not clear the slot
+  EXPECT_EQ(RunLoop::current(), second.get());
+  second.reset();
+  EXPECT_EQ(RunLoop::current(), nullptr);
+}
+
+TEST_F(RunLoopTest, FdSourceWakesTheSleepingLoop) {
+  std::uint32_t seen = 0;
+  auto source = loop->addFd(fds[0], EPOLLIN, [&](std::uint32_t revents) {
+    seen = revents;
+    loop->stop();
+  });
+  ASSERT_NE(source, nullptr);
+  auto writer = loop->addTimer([this] { writeByte(); });
+  writer->setNextFireDate(systemClock().now() + 0.005);
+  runLoop();
+  EXPECT_TRUE(seen & EPOLLIN);
+}
+
+TEST_F(RunLoopTest, FirstPassRunsObserversWithNothingElseQueued) {
+  auto observer = recordingObserver(/*stopAtWait=*/1);
+  runLoop();
+  EXPECT_EQ(log, (std::vector<std::string>{"wait", "exit"}));
+}
+
+TEST_F(RunLoopTest, ObserverRunsOnceAfterTheWholeBurst) {
+  std::vector<std::unique_ptr<Timer>> timers;
+  for (int i = 0; i < 3; ++i) {
+    timers.push_back(loop->addTimer([this] {
+      // Work that arrives during the burst belongs to it.
+      if (log.empty()) {
+        writeByte();
+      }
+      log.push_back("timer");
+    }));
+    timers.back()->setNextFireDate(systemClock().now() - 1);
+  }
+  auto source = loop->addFd(fds[0], EPOLLIN, [this](std::uint32_t) {
+    char c;
+    EXPECT_EQ(read(fds[0], &c, 1), 1);
+    log.push_back("fd");
+  });
+  auto observer = recordingObserver(/*stopAtWait=*/1);
+  runLoop();
+  ASSERT_EQ(log.size(), 6u);
+  EXPECT_EQ(std::count(log.begin(), log.end(), "timer"), 3);
+  EXPECT_EQ(std::vector<std::string>(log.begin() + 4, log.end()),
+            (std::vector<std::string>{"wait", "exit"}));
+}
+
+TEST_F(RunLoopTest, StopInsideACallbackEndsRunWithExitInsteadOfWait) {
+  auto observer = recordingObserver(/*stopAtWait=*/0);
+  auto timer = loop->addTimer([this] {
+    log.push_back("timer");
+    loop->stop();
+  });
+  timer->setNextFireDate(systemClock().now() + 0.02);
+  runLoop();
+  // The first pass, then the later timer's pass, which exits instead of waiting.
+  EXPECT_EQ(log, (std::vector<std::string>{"wait", "timer", "exit"}));
+}
+
+TEST_F(RunLoopTest, DestroyedObserverIsNeverCalled) {
+  auto observer = recordingObserver(/*stopAtWait=*/0);
+  observer.reset();
+  stopAfter(0.005);
+  runLoop();
+  EXPECT_TRUE(log.empty());
+}
+
+TEST_F(RunLoopTest, ObserverMayDestroyItsOwnHandle) {
+  std::unique_ptr<ObserverHandle> observer;
+  observer = loop->addObserver([&](Activity) {
+    ++waits;
+    observer.reset();
+  });
+  stopAfter(0.005);
+  runLoop();
+  EXPECT_EQ(waits, 1);  // not again after the stopper's pass, nor at exit
+}
+
+}  // namespace
+}  // namespace nightjar::runloop

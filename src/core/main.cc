@@ -13,8 +13,10 @@
 #include "core/logging.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
+#include "persistence/preferences.h"
 #include "platform/linux/daemon_root.h"
 #include "platform/linux/dbus_distributed_center.h"
+#include "platform/linux/file_preferences_store.h"
 #include "platform/linux/system_bus.h"
 #include "runloop/notification_center.h"
 #include "runloop/run_loop.h"
@@ -35,6 +37,7 @@ struct Daemon {
   std::unique_ptr<runloop::RunLoop> loop;
   platform::linux_adapter::BusPtr bus;
   std::unique_ptr<platform::DistributedCenter> distributedCenter;
+  std::unique_ptr<platform::PreferencesStore> preferences;
 };
 
 void stopHandler(int signal) {
@@ -44,6 +47,8 @@ void stopHandler(int signal) {
 }
 
 void buildModules(Daemon& daemon) {
+  daemon.preferences = platform::linux_adapter::makeFilePreferencesStore(daemon.root);
+  persistence::preferencesSetStore(daemon.preferences.get());
   daemon.bus = platform::linux_adapter::connectSystemBus(*daemon.loop);
   daemon.distributedCenter = platform::linux_adapter::makeDbusDistributedCenter(daemon.bus.get());
 
@@ -72,6 +77,8 @@ void tearDown(Daemon& daemon) {
   core::relayDestroy();
   daemon.distributedCenter.reset();
   daemon.bus.reset();  // flushes the broadcasts still queued
+  persistence::preferencesSetStore(nullptr);
+  daemon.preferences.reset();
   daemon.loop.reset();
 }
 

@@ -13,10 +13,17 @@
 #include "core/logging.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
+#include "monitors/file_watcher.h"
+#include "monitors/system_monitor.h"
 #include "persistence/preferences.h"
 #include "platform/linux/daemon_root.h"
 #include "platform/linux/dbus_distributed_center.h"
 #include "platform/linux/file_preferences_store.h"
+#include "platform/linux/file_time_zone_source.h"
+#include "platform/linux/inotify_file_change_source.h"
+#include "platform/linux/logind_console_user_source.h"
+#include "platform/linux/logind_power_source.h"
+#include "platform/linux/logind_sleep_guard.h"
 #include "platform/linux/system_bus.h"
 #include "runloop/notification_center.h"
 #include "runloop/run_loop.h"
@@ -52,6 +59,15 @@ void buildModules(Daemon& daemon) {
   daemon.bus = platform::linux_adapter::connectSystemBus(*daemon.loop);
   daemon.distributedCenter = platform::linux_adapter::makeDbusDistributedCenter(daemon.bus.get());
 
+  monitors::fileWatcherCreate(
+      platform::linux_adapter::makeInotifyFileChangeSource(*daemon.loop, daemon.root));
+  monitors::SystemMonitorPorts ports;
+  ports.consoleUser = platform::linux_adapter::makeLogindConsoleUserSource(daemon.bus.get());
+  ports.power = platform::linux_adapter::makeLogindPowerSource(daemon.bus.get());
+  ports.sleepGuard = platform::linux_adapter::makeLogindSleepGuard(daemon.bus.get());
+  ports.timeZone = platform::linux_adapter::makeFileTimeZoneSource(daemon.root);
+  monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
+
   if (core::relayCreate()) {
     core::relayAddCallbacks(core::relayGet(),
                             core::distributedPoster(daemon.distributedCenter.get()));
@@ -75,6 +91,8 @@ int runLoop(Daemon& daemon) {
 
 void tearDown(Daemon& daemon) {
   core::relayDestroy();
+  monitors::systemMonitorDestroy(monitors::fileWatcherGet());
+  monitors::fileWatcherDestroy();
   daemon.distributedCenter.reset();
   daemon.bus.reset();  // flushes the broadcasts still queued
   persistence::preferencesSetStore(nullptr);

@@ -1,0 +1,62 @@
+"""The daemon's system monitors against python3-dbusmock's logind on the private bus."""
+
+import signal
+
+import dbus
+
+from nightjar_harness import wait_until
+
+LOGIND_PATH = "/org/freedesktop/login1"
+MANAGER = "org.freedesktop.login1.Manager"
+MOCK = "org.freedesktop.DBus.Mock"
+
+
+def sleep_delays(logind):
+    manager = logind.object(LOGIND_PATH)
+    inhibitors = manager.ListInhibitors(dbus_interface=MANAGER)
+    return [i for i in inhibitors if str(i[0]) == "sleep" and str(i[1]) == "nightjard"
+            and str(i[3]) == "delay"]
+
+
+def prepare_for_sleep(logind, starting):
+    logind.object(LOGIND_PATH).EmitSignal(MANAGER, "PrepareForSleep", "b",
+                                          [dbus.Boolean(starting)], dbus_interface=MOCK)
+
+
+def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(start_daemon, logind):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    assert wait_until(lambda: len(sleep_delays(logind)) == 1)
+
+    prepare_for_sleep(logind, True)
+    assert wait_until(lambda: not sleep_delays(logind))  # released: the system may sleep
+    prepare_for_sleep(logind, False)
+    assert wait_until(lambda: len(sleep_delays(logind)) == 1)
+
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait() == 0
+    assert wait_until(lambda: not sleep_delays(logind))
+
+
+def test_console_user_changes_and_time_zone_switch_keep_the_daemon_running(
+        start_daemon, logind, root):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    mock = logind.object(LOGIND_PATH)
+    mock.AddSession("c1", "seat0", dbus.UInt32(1000), "alice", True, dbus_interface=MOCK)
+    mock.AddSession("c2", "seat0", dbus.UInt32(1001), "bob", True, dbus_interface=MOCK)
+    zone = root / "etc/localtime"
+    zone.unlink()
+    zone.write_bytes(open("/usr/share/zoneinfo/Asia/Tokyo", "rb").read())
+    daemon.signal(signal.SIGHUP)
+    assert daemon.wait_for_line("SIGHUP/restart signal caught")
+    assert daemon.process.poll() is None
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait() == 0
+
+
+def test_without_logind_the_daemon_runs_on(start_daemon, system_bus):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait() == 0

@@ -1,0 +1,179 @@
+#include "monitors/system_monitor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_console_user_source.h"
+#include "fakes/fake_file_change_source.h"
+#include "fakes/fake_power_source.h"
+#include "fakes/fake_sleep_guard.h"
+#include "fakes/fake_time_zone_source.h"
+#include "fakes/recording_log_sink.h"
+#include "monitors/notification_recorder.h"
+
+namespace nightjar::monitors {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using testing::namedZone;
+using Dictionary = plist::Dictionary;
+
+class SystemMonitorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto files = std::make_unique<testing::FakeFileChangeSource>();
+    files_ = files.get();
+    ASSERT_TRUE(fileWatcherCreate(std::move(files)));
+    watcher_ = fileWatcherGet();
+  }
+  void TearDown() override {
+    recorder_.reset();
+    systemMonitorDestroy(watcher_);
+    fileWatcherDestroy();
+  }
+
+  // Builds the monitor over a fake of every port; the zone reads as Paris.
+  void createWithFakes(FileWatcher* watcher) {
+    SystemMonitorPorts ports;
+    ports.consoleUser = std::make_unique<testing::FakeConsoleUserSource>();
+    ports.power = std::make_unique<testing::FakePowerSource>();
+    ports.sleepGuard = std::make_unique<testing::FakeSleepGuard>();
+    ports.timeZone = std::make_unique<testing::FakeTimeZoneSource>();
+    console_ = static_cast<testing::FakeConsoleUserSource*>(ports.consoleUser.get());
+    power_ = static_cast<testing::FakePowerSource*>(ports.power.get());
+    guard_ = static_cast<testing::FakeSleepGuard*>(ports.sleepGuard.get());
+    zone_ = static_cast<testing::FakeTimeZoneSource*>(ports.timeZone.get());
+    zone_->zone = namedZone("Europe/Paris");
+    create(watcher, std::move(ports));
+  }
+  void create(FileWatcher* watcher, SystemMonitorPorts ports) {
+    ASSERT_TRUE(systemMonitorCreate(watcher, std::move(ports)));
+    monitor_ = systemMonitorGet();
+    recorder_.emplace(monitor_);
+  }
+
+  testing::FakeFileChangeSource* files_ = nullptr;
+  FileWatcher* watcher_ = nullptr;
+  testing::FakeConsoleUserSource* console_ = nullptr;
+  testing::FakePowerSource* power_ = nullptr;
+  testing::FakeSleepGuard* guard_ = nullptr;
+  testing::FakeTimeZoneSource* zone_ = nullptr;
+  SystemMonitor* monitor_ = nullptr;
+  std::optional<testing::NotificationRecorder> recorder_;
+};
+
+TEST_F(SystemMonitorTest, ConsoleReportsBecomeLoginsAndLogouts) {
+  createWithFakes(watcher_);
+  console_->report(testing::userSession("alice", 1000, 100));
+  console_->report(testing::userSession("", 1001, std::nullopt));  // the same user again counts
+  console_->report(testing::greeterSession());
+  console_->report(platform::ConsoleSession{});
+  EXPECT_THAT(recorder_->names, ElementsAre("externalevents.login", "externalevents.login",
+                                            "externalevents.logout", "externalevents.logout"));
+  EXPECT_EQ(recorder_->posted[0].object, monitor_);
+  EXPECT_EQ(recorder_->posted[0].userInfo,
+            plist::Value::dictionary(Dictionary{{"username", plist::Value::string("alice")},
+                                                {"uid", plist::Value::integer(1000)},
+                                                {"gid", plist::Value::integer(100)}}));
+  // What is unknown is left out.
+  EXPECT_EQ(recorder_->posted[1].userInfo,
+            plist::Value::dictionary(Dictionary{{"uid", plist::Value::integer(1001)}}));
+  EXPECT_TRUE(recorder_->posted[2].userInfo.isNone());
+}
+
+TEST_F(SystemMonitorTest, ConsoleUserIsActiveOnlyForAUserSession) {
+  EXPECT_FALSE(isConsoleUserActive());  // no monitor
+  createWithFakes(watcher_);
+  EXPECT_FALSE(isConsoleUserActive());
+  console_->session = testing::userSession("alice", 1000, 100);
+  EXPECT_TRUE(isConsoleUserActive());
+  console_->session = testing::greeterSession();
+  EXPECT_FALSE(isConsoleUserActive());
+}
+
+TEST_F(SystemMonitorTest, SleepAndWakeArePosted) {
+  createWithFakes(watcher_);
+  power_->sleep();
+  power_->wake();
+  EXPECT_THAT(recorder_->names, ElementsAre("externalevents.sleep", "externalevents.wake"));
+  EXPECT_EQ(recorder_->posted[1].object, monitor_);
+}
+
+TEST_F(SystemMonitorTest, IdleSleepIsRefusedWhileActivityIsAboveZero) {
+  testing::RecordingLogSink log;
+  createWithFakes(watcher_);
+  systemMonitorRaiseActivity(monitor_);
+  systemMonitorRaiseActivity(monitor_);  // nested: already refusing
+  systemMonitorLowerActivity(monitor_);
+  EXPECT_TRUE(guard_->held());
+  systemMonitorLowerActivity(monitor_);
+  EXPECT_EQ(guard_->holds, 1);
+  EXPECT_EQ(guard_->releases, 1);
+  EXPECT_THAT(log.lines, ElementsAre(std::make_pair(LOG_INFO, "Dening idle sleep request")));
+
+  systemMonitorRaiseActivity(monitor_);  // each new performance refuses again
+  EXPECT_EQ(guard_->holds, 2);
+  EXPECT_EQ(log.lines.size(), 2u);
+  EXPECT_THAT(recorder_->posted, IsEmpty());
+}
+
+TEST_F(SystemMonitorTest, WithoutFacilitiesNothingIsPostedOrRefused) {
+  testing::RecordingLogSink log;
+  create(watcher_, {});
+  systemMonitorRaiseActivity(monitor_);
+  systemMonitorLowerActivity(monitor_);
+  EXPECT_FALSE(isConsoleUserActive());
+  EXPECT_THAT(log.lines, IsEmpty());
+  EXPECT_THAT(files_->adds, IsEmpty());
+  systemMonitorRaiseActivity(nullptr);
+  EXPECT_TRUE(systemMonitorCreate(watcher_, {}));  // exists already: kept
+  EXPECT_EQ(systemMonitorGet(), monitor_);
+}
+
+TEST_F(SystemMonitorTest, OnlyARealZoneChangeIsPosted) {
+  createWithFakes(watcher_);
+  EXPECT_THAT(files_->adds, ElementsAre("/etc/"));
+  files_->change("/etc/");  // say, a new entry in /etc/
+  EXPECT_THAT(recorder_->posted, IsEmpty());
+
+  zone_->zone = namedZone("Asia/Tokyo");
+  files_->change("/etc/");
+  files_->change("/etc/");
+  EXPECT_THAT(recorder_->names, ElementsAre("externalevents.timezone"));
+
+  // An unreadable zone is no change, and the held zone stays.
+  zone_->zone.reset();
+  files_->change("/etc/");
+  zone_->zone = namedZone("Asia/Tokyo");
+  files_->change("/etc/");
+  EXPECT_EQ(recorder_->posted.size(), 1u);
+}
+
+TEST_F(SystemMonitorTest, ZoneIsFollowedOnlyWithWatcherAndReadableZone) {
+  createWithFakes(nullptr);
+  EXPECT_EQ(zone_->reads, 0);
+  systemMonitorDestroy(nullptr);
+
+  SystemMonitorPorts ports;
+  ports.timeZone = std::make_unique<testing::FakeTimeZoneSource>();  // unreadable
+  create(watcher_, std::move(ports));
+  EXPECT_THAT(files_->adds, IsEmpty());
+}
+
+TEST_F(SystemMonitorTest, DestroyDropsTheWatchOnlyWhenGivenTheWatcher) {
+  createWithFakes(watcher_);
+  systemMonitorDestroy(nullptr);
+  EXPECT_EQ(systemMonitorGet(), nullptr);
+  files_->change("/etc/");  // the watch stays; the gone monitor hears nothing
+
+  createWithFakes(watcher_);  // the watch is now referenced twice
+  systemMonitorDestroy(watcher_);
+  systemMonitorDestroy(watcher_);  // absent: nothing
+  EXPECT_THAT(files_->removes, IsEmpty());
+  fileWatcherRemove(watcher_, "/etc/");  // the first monitor's reference was the last
+  EXPECT_EQ(files_->removes.size(), 1u);
+}
+
+}  // namespace
+}  // namespace nightjar::monitors

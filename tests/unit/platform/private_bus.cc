@@ -1,0 +1,171 @@
+#include "platform/private_bus.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+extern char** environ;
+
+namespace nightjar::testing {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Everything is allowed: the bus exists for one test and its own children.
+constexpr char kConfig[] = R"(<busconfig>
+  <type>system</type>
+  <listen>unix:path=@DIR@/bus</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/> <allow own="*"/>
+    <allow send_destination="*"/> <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+)";
+
+// Spawns `argv` with this process's environment plus `extraEnv`, stdout on
+// `stdoutFd` (/dev/null when -1) and stderr on /dev/null when `quiet`.
+pid_t spawn(std::vector<std::string> argv, const std::string& extraEnv, int stdoutFd, bool quiet) {
+  std::vector<char*> args;
+  for (std::string& arg : argv)
+    args.push_back(arg.data());
+  args.push_back(nullptr);
+  std::string extra = extraEnv;
+  const std::size_t nameLength = extra.find('=') + 1;  // 0 without an extra
+  std::vector<char*> env;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (nameLength == 0 || std::strncmp(*entry, extra.c_str(), nameLength) != 0) {
+      env.push_back(*entry);
+    }
+  }
+  if (!extra.empty())
+    env.push_back(extra.data());
+  env.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (stdoutFd >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  }
+  if (quiet)
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  const int r = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), env.data());
+  posix_spawn_file_actions_destroy(&actions);
+  return r == 0 ? pid : -1;
+}
+
+void stop(pid_t pid) {
+  if (pid <= 0)
+    return;
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+}
+
+bool nameHasOwner(sd_bus* bus, const std::string& name) {
+  sd_bus_message* reply = nullptr;
+  int owned = 0;
+  if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                         "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
+                         name.c_str()) >= 0) {
+    sd_bus_message_read(reply, "b", &owned);
+  }
+  sd_bus_message_unref(reply);
+  return owned != 0;
+}
+
+}  // namespace
+
+PrivateBus::PrivateBus() {
+  char pattern[] = "/tmp/nightjar-bus-XXXXXX";
+  if (mkdtemp(pattern) == nullptr)
+    return;
+  directory_ = pattern;
+  std::string config = kConfig;
+  config.replace(config.find("@DIR@"), 5, directory_);
+  std::ofstream(directory_ + "/bus.conf") << config;
+
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0)
+    return;
+  daemon_ = spawn({"/usr/bin/dbus-daemon", "--config-file=" + directory_ + "/bus.conf", "--nofork",
+                   "--print-address"},
+                  "", out[1], /*quiet=*/true);
+  close(out[1]);
+  // The daemon prints its address once it listens, or exits and closes the pipe.
+  FILE* printed = fdopen(out[0], "r");
+  char line[512] = "";
+  if (printed != nullptr && std::fgets(line, sizeof line, printed) != nullptr) {
+    address_.assign(line, std::strcspn(line, "\n"));
+  }
+  if (printed != nullptr)
+    std::fclose(printed);
+}
+
+PrivateBus::~PrivateBus() {
+  for (pid_t mock : mocks_)
+    stop(mock);
+  stop(daemon_);
+  std::error_code ignored;
+  if (!directory_.empty())
+    std::filesystem::remove_all(directory_, ignored);
+}
+
+bool PrivateBus::startTemplate(const std::string& name, const std::string& busName,
+                               const std::string& parameters) {
+  if (!ok())
+    return false;
+  const pid_t pid = spawn({"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", name,
+                           "--parameters", parameters},
+                          "DBUS_SYSTEM_BUS_ADDRESS=" + address_, -1, /*quiet=*/false);
+  if (pid <= 0)
+    return false;
+  mocks_.push_back(pid);
+  platform::linux_adapter::BusPtr bus = connect();
+  const auto deadline = Clock::now() + std::chrono::seconds(20);
+  while (bus != nullptr && Clock::now() < deadline) {
+    if (nameHasOwner(bus.get(), busName))
+      return true;
+    if (waitpid(pid, nullptr, WNOHANG) == pid) {
+      mocks_.pop_back();
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+platform::linux_adapter::BusPtr PrivateBus::connect() const {
+  sd_bus* raw = nullptr;
+  if (sd_bus_new(&raw) < 0)
+    return nullptr;
+  platform::linux_adapter::BusPtr bus(raw);
+  if (sd_bus_set_address(raw, address_.c_str()) < 0 || sd_bus_set_bus_client(raw, 1) < 0 ||
+      sd_bus_negotiate_fds(raw, 1) < 0 || sd_bus_start(raw) < 0) {
+    return nullptr;
+  }
+  return bus;
+}
+
+bool runUntil(sd_event* event, const std::function<bool()>& done,
+              std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (!done()) {
+    if (Clock::now() >= deadline)
+      return false;
+    sd_event_run(event, 20'000);
+  }
+  return true;
+}
+
+}  // namespace nightjar::testing

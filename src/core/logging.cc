@@ -95,15 +95,15 @@ std::string starArgument(ArgCursor& cursor) {
 }
 
 template <typename T>
-std::string printfOne(const std::string& spec, T value) {
+std::string printfOne(const std::string& directive, T value) {
   char small[128];
-  int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+  int n = std::snprintf(small, sizeof small, directive.c_str(), value);
   if (n < 0)
     return {};
   if (static_cast<std::size_t>(n) < sizeof small)
     return std::string(small, static_cast<std::size_t>(n));
   std::string big(static_cast<std::size_t>(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), spec.c_str(), value);
+  std::snprintf(big.data(), big.size(), directive.c_str(), value);
   big.resize(static_cast<std::size_t>(n));
   return big;
 }

@@ -25,8 +25,13 @@ class StderrSink final : public LogSink {
  public:
   void write(int priority, std::string_view line) override {
     // One write per line, so that lines of concurrent writers never interleave.
-    std::string text = "<" + std::to_string(priority & LOG_PRIMASK) + ">";
+    char prefix[16];
+    int prefixLength = std::snprintf(prefix, sizeof prefix, "<%d>", priority & LOG_PRIMASK);
+    std::string text;
+    text.reserve(static_cast<std::size_t>(prefixLength) + line.size() + 1);
+    text.append(prefix, static_cast<std::size_t>(prefixLength));
     text.append(line);
+
     text.push_back('\n');
     std::size_t done = 0;
     while (done < text.size()) {

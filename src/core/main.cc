@@ -13,7 +13,9 @@
 #include "core/logging.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
+#include "model/event_list.h"
 #include "monitors/file_watcher.h"
+
 #include "monitors/system_monitor.h"
 #include "persistence/preferences.h"
 #include "platform/linux/daemon_root.h"
@@ -67,6 +69,7 @@ void buildModules(Daemon& daemon) {
   ports.sleepGuard = platform::linux_adapter::makeLogindSleepGuard(daemon.bus.get());
   ports.timeZone = platform::linux_adapter::makeFileTimeZoneSource(daemon.root);
   monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
+  model::eventListSetUp();
 
   if (core::relayCreate()) {
     core::relayAddCallbacks(core::relayGet(),
@@ -91,6 +94,7 @@ int runLoop(Daemon& daemon) {
 
 void tearDown(Daemon& daemon) {
   core::relayDestroy();
+  model::eventListTearDown();
   monitors::systemMonitorDestroy(monitors::fileWatcherGet());
   monitors::fileWatcherDestroy();
   daemon.distributedCenter.reset();

@@ -1,0 +1,103 @@
+// The event array: an ordered array of event records with identity by
+// "uniqueid", and the four primitives the event containers are built on.
+//
+// Identifiers are compared with property-list equality and the first member
+// that matches wins, so a container holding two members with one identifier
+// (possible only through an unchecked append) always answers the earlier one.
+//
+// Lookups by a string identifier go through a hash index instead of a linear
+// search; the answers are the same (see event_array.cc).
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "plist/value.h"
+
+namespace nightjar::model {
+
+class EventArray {
+ public:
+  EventArray() = default;
+
+  const plist::Array& members() const { return members_; }
+  int size() const { return static_cast<int>(members_.size()); }
+  bool empty() const { return members_.empty(); }
+  // The member at `index`, or none when the index is out of range.
+  plist::Value at(int index) const;
+
+  // Index of the first member whose "uniqueid" equals `id`, or -1.
+  int indexOf(const plist::Value& id) const;
+  // Index of the first member equal to `event` as a whole, or -1.
+  int indexOfEqual(const plist::Value& event) const;
+
+  // Unchecked edits (indexes must be in range): the primitives below decide
+  // what may be stored.
+  void append(plist::Value event);
+  void replace(int index, plist::Value event);
+  void erase(int index);
+  void clear();
+  // Moves the member at `from` to `to`, shifting the members between by one.
+  void move(int from, int to);
+  // Stable sort by `less`, a strict weak order on members.
+  template <typename Less>
+  void sort(Less less) {
+    std::stable_sort(members_.begin(), members_.end(), less);
+    reindex();
+  }
+
+ private:
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>()(text);
+    }
+  };
+
+  int scanFor(const plist::Value& id) const;
+  void shiftAfterErase(int index);
+  void reindex();
+  void dropIndex();
+
+  plist::Array members_;
+  // ids_[i]: the string identifier of members_[i] (inside the held record), or
+  // nullptr when it has none or a non-string one.
+  std::vector<const std::string*> ids_;
+  // The first position of each string identifier, stored as position + bias_
+  // so that an erase near the front shifts the few entries before it.
+  std::unordered_map<std::string, long, Hash, std::equal_to<>> firstAt_;
+  long bias_ = 0;
+  // False while two members share a string identifier: lookups then scan.
+  bool indexed_ = true;
+};
+
+// Index of the first member whose "uniqueid" equals `id`, or -1.
+int eventArrayIndexOf(const EventArray& array, const plist::Value& id);
+// Removes that member; answers its former index, or -1 when there was none.
+int eventArrayRemove(EventArray& array, const plist::Value& id);
+// That member (the held record itself), or none.
+plist::Value eventArrayFind(const EventArray& array, const plist::Value& id);
+
+// What a store did, and where the stored member now is.
+struct StoreOutcome {
+  enum class Change { Refused, Unchanged, Added, Replaced };
+  Change change = Change::Refused;
+  int index = -1;  // the stored member's index when added or replaced, else -1
+
+  bool changed() const { return change == Change::Added || change == Change::Replaced; }
+};
+
+// Validated add-or-replace. An invalid event is refused with the error line
+// "Invalid event: %@". A held member with the event's identifier is replaced
+// in its place unless it equals the event (then nothing changes); an event
+// with a new identifier is appended.
+StoreOutcome eventArrayStoreAt(EventArray& array, const plist::Value& event);
+// As eventArrayStoreAt; true when the array changed.
+bool eventArrayStore(EventArray& array, const plist::Value& event);
+
+}  // namespace nightjar::model

@@ -1,0 +1,143 @@
+#include "model/event_queue.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "model/event.h"
+#include "runloop/notification_center.h"
+
+namespace nightjar::model {
+namespace {
+
+void postUpdate(const EventQueue* queue, const plist::Value& userInfo = {}) {
+  runloop::localCenter().post(kQueueUpdateNotification, queue, userInfo);
+}
+
+// The first index in [0, count) at which `predicate` turns false, for a
+// predicate that is true on a prefix and false after it.
+template <typename Predicate>
+int partitionPoint(int count, Predicate predicate) {
+  int low = 0;
+  int high = count;
+  while (low < high) {
+    const int middle = low + (high - low) / 2;
+    if (predicate(middle)) {
+      low = middle + 1;
+    } else {
+      high = middle;
+    }
+  }
+  return low;
+}
+
+}  // namespace
+
+bool EventQueue::less(const plist::Value& a, const plist::Value& b) const {
+  return comparator_ != nullptr && comparator_(a, b, context_) < 0;
+}
+
+// The members other than the changed one are usually still in order. Then the
+// changed member is moved to its place among them: after the equal members
+// that stood before it and before those that stood after it. That is exactly
+// where a stable sort of the whole array puts it, at the cost of one pass of
+// comparisons instead of a full sort. When the others are out of order (after
+// a replace-all, or when the owner's order moved), the whole array is sorted.
+void EventQueue::resort(int changed) {
+  const plist::Array& members = events_.members();
+  const int restCount = events_.size() - 1;
+  const auto rest = [&](int k) -> const plist::Value& {
+    return members[static_cast<std::size_t>(k < changed ? k : k + 1)];
+  };
+  for (int k = 1; k < restCount; ++k) {
+    if (less(rest(k), rest(k - 1))) {
+      events_.sort([this](const plist::Value& a, const plist::Value& b) { return less(a, b); });
+      return;
+    }
+  }
+  const plist::Value& event = members[static_cast<std::size_t>(changed)];
+  const int low = partitionPoint(restCount, [&](int k) { return less(rest(k), event); });
+  const int high = partitionPoint(restCount, [&](int k) { return !less(event, rest(k)); });
+  events_.move(changed, std::clamp(changed, low, std::max(low, high)));
+}
+
+std::unique_ptr<EventQueue> eventQueueCreate(EventComparator comparator, void* context) {
+  return std::make_unique<EventQueue>(comparator, context);
+}
+
+void eventQueueDestroy(std::unique_ptr<EventQueue> queue) {
+  queue.reset();
+}
+
+plist::Value eventQueueFirst(const EventQueue* queue) {
+  return queue == nullptr ? plist::Value() : queue->events().at(0);
+}
+
+plist::Value eventQueueCopyEvents(const EventQueue* queue) {
+  return queue == nullptr ? plist::Value() : plist::Value::array(queue->events().members());
+}
+
+plist::Value eventQueueFind(const EventQueue* queue, const plist::Value& id) {
+  return queue == nullptr ? plist::Value() : eventArrayFind(queue->events(), id);
+}
+
+int eventQueueIndexOf(const EventQueue* queue, const plist::Value& id) {
+  return queue == nullptr ? -1 : eventArrayIndexOf(queue->events(), id);
+}
+
+int eventQueueRemove(EventQueue* queue, const plist::Value& id) {
+  if (queue == nullptr) {
+    return -1;
+  }
+  const int index = eventArrayRemove(queue->events_, id);
+  if (index >= 0) {
+    postUpdate(queue);
+  }
+  return index;
+}
+
+void eventQueueRemoveAll(EventQueue* queue) {
+  if (queue == nullptr) {
+    return;
+  }
+  while (!queue->events_.empty()) {
+    const plist::Value id = eventUniqueID(queue->events_.at(0));
+    // An identifier that finds nothing (one unequal to itself) ends the loop
+    // rather than spinning on it; the silent clear below takes the rest.
+    if (id.isNone() || eventQueueRemove(queue, id) < 0) {
+      break;
+    }
+  }
+  queue->events_.clear();
+}
+
+void eventQueueReplaceAll(EventQueue* queue, const plist::Value& events) {
+  if (queue == nullptr || events.isNone()) {
+    return;
+  }
+  eventQueueRemoveAll(queue);
+  if (const plist::Array* members = events.asArray()) {
+    for (const plist::Value& member : *members) {
+      if (member.isDictionary() && !eventUniqueID(member).isNone()) {
+        queue->events_.append(member);
+      }
+    }
+  }
+  postUpdate(queue);
+}
+
+int eventQueueStore(EventQueue* queue, const plist::Value& event) {
+  if (queue == nullptr) {
+    return -1;
+  }
+  const StoreOutcome outcome = eventArrayStoreAt(queue->events_, event);
+  if (outcome.change == StoreOutcome::Change::Refused) {
+    return -1;
+  }
+  if (outcome.changed()) {
+    queue->resort(outcome.index);
+    postUpdate(queue, event);
+  }
+  return queue->events_.indexOfEqual(event);
+}
+
+}  // namespace nightjar::model

@@ -25,27 +25,7 @@ BUILD_DIR = Path(os.environ.get("NIGHTJAR_BUILD_DIR",
 DAEMON = BUILD_DIR / "src" / "core" / "nightjard"
 PYTHON = "/usr/bin/python3"
 
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_type="method_return"/>
-    <allow send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="signal"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow eavesdrop="true"/>
-  </policy>
-</busconfig>
-"""
+BUS_CONFIG = Path(__file__).resolve().parents[2] / "scripts" / "private-system-bus.conf"
 
 FAKE_TOOL = """#!/bin/sh
 echo "$0 $*" >> "{log}"
@@ -87,7 +67,7 @@ class PrivateBus:
     def __init__(self, base: Path):
         self.socket = base / "system_bus_socket"
         config = base / "bus.conf"
-        config.write_text(BUS_CONFIG.format(socket=self.socket))
+        config.write_text(BUS_CONFIG.read_text().replace("@SOCKET@", str(self.socket)))
         self.address = f"unix:path={self.socket}"
         self.process = subprocess.Popen(
             ["dbus-daemon", "--nofork", f"--config-file={config}"],

@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "model/event.h"
 #include "plist/value.h"
 
 namespace nightjar::model {
@@ -99,5 +100,20 @@ struct StoreOutcome {
 StoreOutcome eventArrayStoreAt(EventArray& array, const plist::Value& event);
 // As eventArrayStoreAt; true when the array changed.
 bool eventArrayStore(EventArray& array, const plist::Value& event);
+
+// Empties `array` one member at a time, first member first, through
+// `removeById` (the container's own remove, which posts); then clears what is
+// left silently: members without an identifier, and the rest once an
+// identifier finds nothing (one unequal to itself), rather than spinning on it.
+template <typename RemoveById>
+void eventArrayRemoveEach(EventArray& array, RemoveById removeById) {
+  while (!array.empty()) {
+    const plist::Value id = eventUniqueID(array.at(0));
+    if (id.isNone() || removeById(id) < 0) {
+      break;
+    }
+  }
+  array.clear();
+}
 
 }  // namespace nightjar::model

@@ -73,14 +73,8 @@ void eventListRemoveAll(EventList* list) {
   if (list == nullptr) {
     return;
   }
-  while (!list->events_.empty()) {
-    const plist::Value id = eventUniqueID(list->events_.at(0));
-    // An identifier that finds nothing ends the loop rather than spinning on it.
-    if (id.isNone() || eventListRemove(list, id) < 0) {
-      break;
-    }
-  }
-  list->events_.clear();
+  eventArrayRemoveEach(list->events_,
+                       [list](const plist::Value& id) { return eventListRemove(list, id); });
 }
 
 void eventListReplaceAll(EventList* list, const plist::Value& events) {

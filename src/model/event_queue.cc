@@ -99,15 +99,8 @@ void eventQueueRemoveAll(EventQueue* queue) {
   if (queue == nullptr) {
     return;
   }
-  while (!queue->events_.empty()) {
-    const plist::Value id = eventUniqueID(queue->events_.at(0));
-    // An identifier that finds nothing (one unequal to itself) ends the loop
-    // rather than spinning on it; the silent clear below takes the rest.
-    if (id.isNone() || eventQueueRemove(queue, id) < 0) {
-      break;
-    }
-  }
-  queue->events_.clear();
+  eventArrayRemoveEach(queue->events_,
+                       [queue](const plist::Value& id) { return eventQueueRemove(queue, id); });
 }
 
 void eventQueueReplaceAll(EventQueue* queue, const plist::Value& events) {

@@ -19,7 +19,8 @@ class RecordingLogSink final : public core::LogSink {
   }
   std::vector<std::string> texts() const {
     std::vector<std::string> out;
-    for (const auto& [priority, text] : lines) out.push_back(text);
+    for (const auto& [priority, text] : lines)
+      out.push_back(text);
     return out;
   }
 

@@ -9,10 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "core/logging.h"
-#include "plist/describe.h"
+#include "fakes/notification_recorder.h"
+#include "fakes/recording_log_sink.h"
 #include "plist/value.h"
-#include "runloop/notification_center.h"
 
 namespace nightjar::plist {
 inline void PrintTo(const Value& value, std::ostream* out) {
@@ -53,35 +52,8 @@ inline Value onceEvent(const std::string& id, plist::AbsoluteTime date) {
   return validEvent(id).with("trigger", Dict({{"type", S("once")}, {"date", D(date)}}));
 }
 
-// Captures log lines for its lifetime.
-struct RecordingLog : core::LogSink {
-  RecordingLog() { core::setLogSink(this); }
-  ~RecordingLog() override { core::setLogSink(nullptr); }
-  void write(int priority, std::string_view line) override { lines.emplace_back(priority, line); }
-  std::vector<std::pair<int, std::string>> lines;
-};
-
-struct Post {
-  std::string name;
-  Value userInfo;
-  bool operator==(const Post&) const = default;
-};
-inline void PrintTo(const Post& post, std::ostream* out) {
-  *out << post.name << " " << plist::describeValue(post.userInfo);
-}
-
-// Records every post on the local center whose object is `object` (not null).
-struct PostRecorder {
-  explicit PostRecorder(const void* object) {
-    runloop::localCenter().addObserver(
-        this,
-        [this](std::string_view name, auto, const Value& info) {
-          posts.push_back({std::string(name), info});
-        },
-        std::nullopt, object);
-  }
-  ~PostRecorder() { runloop::localCenter().removeObserver(this); }
-  std::vector<Post> posts;
-};
+using RecordingLog = nightjar::testing::RecordingLogSink;
+using PostRecorder = nightjar::testing::NotificationRecorder;
+using nightjar::testing::Post;
 
 }  // namespace nightjar::model::testing

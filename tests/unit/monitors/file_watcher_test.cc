@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "fakes/fake_file_change_source.h"
-#include "monitors/notification_recorder.h"
+#include "fakes/notification_recorder.h"
 
 namespace nightjar::monitors {
 namespace {
@@ -37,9 +37,9 @@ TEST_F(FileWatcherTest, ChangesArePostedUnderTheirPathInOrder) {
   source_->change("/etc/");
   source_->change("/a");
   source_->change("/etc/");
-  EXPECT_THAT(recorder_->names, ElementsAre("/etc/", "/a", "/etc/"));
-  EXPECT_EQ(recorder_->posted[0].object, watcher_);
-  EXPECT_TRUE(recorder_->posted[0].userInfo.isNone());
+  EXPECT_THAT(recorder_->names(), ElementsAre("/etc/", "/a", "/etc/"));
+  EXPECT_EQ(recorder_->posts[0].object, watcher_);
+  EXPECT_TRUE(recorder_->posts[0].userInfo.isNone());
 }
 
 TEST_F(FileWatcherTest, WatchIsReferenceCounted) {
@@ -54,7 +54,7 @@ TEST_F(FileWatcherTest, WatchIsReferenceCounted) {
   fileWatcherRemove(watcher_, "/etc/");  // no watch left: nothing
   EXPECT_THAT(source_->removes, ElementsAre(source_->ids.at("/etc/")));
   source_->change("/etc/");
-  EXPECT_EQ(recorder_->names.size(), 1u);
+  EXPECT_EQ(recorder_->names().size(), 1u);
 }
 
 TEST_F(FileWatcherTest, UnwatchablePathIsLeftOutAndTriedAgainLater) {
@@ -71,7 +71,7 @@ TEST_F(FileWatcherTest, PathsNamingOneFileAreEachPostedUnlessDroppedMeanwhile) {
   source_->sameFile["/etc/"] = "/etc";
   fileWatcherAdd(watcher_, "/etc/");
   source_->change("/etc");
-  EXPECT_THAT(recorder_->names, ElementsAre("/etc", "/etc/"));
+  EXPECT_THAT(recorder_->names(), ElementsAre("/etc", "/etc/"));
 
   // An observer of the first path drops the second before its turn.
   int dropper = 0;
@@ -79,7 +79,7 @@ TEST_F(FileWatcherTest, PathsNamingOneFileAreEachPostedUnlessDroppedMeanwhile) {
       &dropper, [&](auto...) { fileWatcherRemove(watcher_, "/etc/"); }, "/etc", watcher_);
   source_->change("/etc");
   runloop::localCenter().removeObserver(&dropper);
-  EXPECT_THAT(recorder_->names, ElementsAre("/etc", "/etc/", "/etc"));
+  EXPECT_THAT(recorder_->names(), ElementsAre("/etc", "/etc/", "/etc"));
 }
 
 TEST_F(FileWatcherTest, SlotHoldsOneWatcherUntilDestroyed) {

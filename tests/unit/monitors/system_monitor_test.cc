@@ -8,8 +8,8 @@
 #include "fakes/fake_power_source.h"
 #include "fakes/fake_sleep_guard.h"
 #include "fakes/fake_time_zone_source.h"
+#include "fakes/notification_recorder.h"
 #include "fakes/recording_log_sink.h"
-#include "monitors/notification_recorder.h"
 
 namespace nightjar::monitors {
 namespace {
@@ -69,17 +69,17 @@ TEST_F(SystemMonitorTest, ConsoleReportsBecomeLoginsAndLogouts) {
   console_->report(testing::userSession("", 1001, std::nullopt));  // the same user again counts
   console_->report(testing::greeterSession());
   console_->report(platform::ConsoleSession{});
-  EXPECT_THAT(recorder_->names, ElementsAre("externalevents.login", "externalevents.login",
-                                            "externalevents.logout", "externalevents.logout"));
-  EXPECT_EQ(recorder_->posted[0].object, monitor_);
-  EXPECT_EQ(recorder_->posted[0].userInfo,
+  EXPECT_THAT(recorder_->names(), ElementsAre("externalevents.login", "externalevents.login",
+                                              "externalevents.logout", "externalevents.logout"));
+  EXPECT_EQ(recorder_->posts[0].object, monitor_);
+  EXPECT_EQ(recorder_->posts[0].userInfo,
             plist::Value::dictionary(Dictionary{{"username", plist::Value::string("alice")},
                                                 {"uid", plist::Value::integer(1000)},
                                                 {"gid", plist::Value::integer(100)}}));
   // What is unknown is left out.
-  EXPECT_EQ(recorder_->posted[1].userInfo,
+  EXPECT_EQ(recorder_->posts[1].userInfo,
             plist::Value::dictionary(Dictionary{{"uid", plist::Value::integer(1001)}}));
-  EXPECT_TRUE(recorder_->posted[2].userInfo.isNone());
+  EXPECT_TRUE(recorder_->posts[2].userInfo.isNone());
 }
 
 TEST_F(SystemMonitorTest, ConsoleUserIsActiveOnlyForAUserSession) {
@@ -96,8 +96,8 @@ TEST_F(SystemMonitorTest, SleepAndWakeArePosted) {
   createWithFakes(watcher_);
   power_->sleep();
   power_->wake();
-  EXPECT_THAT(recorder_->names, ElementsAre("externalevents.sleep", "externalevents.wake"));
-  EXPECT_EQ(recorder_->posted[1].object, monitor_);
+  EXPECT_THAT(recorder_->names(), ElementsAre("externalevents.sleep", "externalevents.wake"));
+  EXPECT_EQ(recorder_->posts[1].object, monitor_);
 }
 
 TEST_F(SystemMonitorTest, IdleSleepIsRefusedWhileActivityIsAboveZero) {
@@ -115,7 +115,7 @@ TEST_F(SystemMonitorTest, IdleSleepIsRefusedWhileActivityIsAboveZero) {
   systemMonitorRaiseActivity(monitor_);  // each new performance refuses again
   EXPECT_EQ(guard_->holds, 2);
   EXPECT_EQ(log.lines.size(), 2u);
-  EXPECT_THAT(recorder_->posted, IsEmpty());
+  EXPECT_THAT(recorder_->posts, IsEmpty());
 }
 
 TEST_F(SystemMonitorTest, WithoutFacilitiesNothingIsPostedOrRefused) {
@@ -135,19 +135,19 @@ TEST_F(SystemMonitorTest, OnlyARealZoneChangeIsPosted) {
   createWithFakes(watcher_);
   EXPECT_THAT(files_->adds, ElementsAre("/etc/"));
   files_->change("/etc/");  // say, a new entry in /etc/
-  EXPECT_THAT(recorder_->posted, IsEmpty());
+  EXPECT_THAT(recorder_->posts, IsEmpty());
 
   zone_->zone = namedZone("Asia/Tokyo");
   files_->change("/etc/");
   files_->change("/etc/");
-  EXPECT_THAT(recorder_->names, ElementsAre("externalevents.timezone"));
+  EXPECT_THAT(recorder_->names(), ElementsAre("externalevents.timezone"));
 
   // An unreadable zone is no change, and the held zone stays.
   zone_->zone.reset();
   files_->change("/etc/");
   zone_->zone = namedZone("Asia/Tokyo");
   files_->change("/etc/");
-  EXPECT_EQ(recorder_->posted.size(), 1u);
+  EXPECT_EQ(recorder_->posts.size(), 1u);
 }
 
 TEST_F(SystemMonitorTest, ZoneIsFollowedOnlyWithWatcherAndReadableZone) {

@@ -116,7 +116,11 @@ int runDaemon(const core::CommandLine& line) {
     core::closeLog();
     core::daemonise(underRoot(daemon.root, kDaemonWorkingDirectory));
     core::openLog();
+    // The file was claimed before the fork; now it names the process that
+    // goes on running, so that `kill $(cat …)` reaches the daemon.
+    core::advertise(lockPath);
   }
+
   daemon.loop = runloop::RunLoop::create();
   if (daemon.loop != nullptr) {
     core::SignalCallbacks callbacks;

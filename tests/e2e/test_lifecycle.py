@@ -91,21 +91,14 @@ def test_daemonise_detaches_and_the_child_keeps_running(start_daemon, root, broa
     daemon = start_daemon("-d")
     assert daemon.wait() == 0  # the parent leaves at once
     assert broadcasts.wait_for("socket.open")
+    # The pid file names the detached daemon, not the process that was started.
     pid = int(daemon.pid_file.read_text())
-    # The pid file names the process that was started, not the detached child.
-    assert pid == daemon.process.pid
-    children = [int(p) for p in os.listdir("/proc") if p.isdigit()
-                and _cmdline(p).startswith(str(daemon.process.args[0]))]
-    assert children
-    for child in children:
-        os.kill(child, signal.SIGTERM)
+    assert pid != daemon.process.pid
+    assert os.getsid(pid) == pid  # a session of its own: no controlling terminal
+    with open(f"/proc/{pid}/status") as status:
+        assert "Umask:\t0027" in status.read()
+    assert os.readlink(f"/proc/{pid}/cwd") == str(root / "usr/local")
+    os.kill(pid, signal.SIGTERM)
     assert broadcasts.wait_for("socket.closed")
     assert wait_until(lambda: not daemon.pid_file.exists())
 
-
-def _cmdline(pid):
-    try:
-        with open(f"/proc/{pid}/cmdline", "rb") as f:
-            return f.read().replace(b"\0", b" ").decode()
-    except OSError:
-        return ""

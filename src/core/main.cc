@@ -23,6 +23,8 @@
 #include "platform/linux/file_preferences_store.h"
 #include "platform/linux/file_time_zone_source.h"
 #include "platform/linux/inotify_file_change_source.h"
+#include "platform/linux/logind_bus.h"
+
 #include "platform/linux/logind_console_user_source.h"
 #include "platform/linux/logind_power_source.h"
 #include "platform/linux/logind_sleep_guard.h"
@@ -55,20 +57,29 @@ void stopHandler(int signal) {
     loop->stop();
 }
 
+// The file watcher, then the system monitor over the Linux adapters. logind is
+// asked once, within a bounded wait: when it does not answer, every logind
+// facility is left out at once instead of each waiting in turn.
+void createMonitors(Daemon& daemon) {
+  namespace adapter = platform::linux_adapter;
+  monitors::fileWatcherCreate(adapter::makeInotifyFileChangeSource(*daemon.loop, daemon.root));
+  sd_bus* logindBus = daemon.bus != nullptr && adapter::logind::reachable(daemon.bus.get())
+                          ? daemon.bus.get()
+                          : nullptr;
+  monitors::SystemMonitorPorts ports;
+  ports.consoleUser = adapter::makeLogindConsoleUserSource(logindBus);
+  ports.power = adapter::makeLogindPowerSource(logindBus);
+  ports.sleepGuard = adapter::makeLogindSleepGuard(logindBus);
+  ports.timeZone = adapter::makeFileTimeZoneSource(daemon.root);
+  monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
+}
+
 void buildModules(Daemon& daemon) {
   daemon.preferences = platform::linux_adapter::makeFilePreferencesStore(daemon.root);
   persistence::preferencesSetStore(daemon.preferences.get());
   daemon.bus = platform::linux_adapter::connectSystemBus(*daemon.loop);
   daemon.distributedCenter = platform::linux_adapter::makeDbusDistributedCenter(daemon.bus.get());
-
-  monitors::fileWatcherCreate(
-      platform::linux_adapter::makeInotifyFileChangeSource(*daemon.loop, daemon.root));
-  monitors::SystemMonitorPorts ports;
-  ports.consoleUser = platform::linux_adapter::makeLogindConsoleUserSource(daemon.bus.get());
-  ports.power = platform::linux_adapter::makeLogindPowerSource(daemon.bus.get());
-  ports.sleepGuard = platform::linux_adapter::makeLogindSleepGuard(daemon.bus.get());
-  ports.timeZone = platform::linux_adapter::makeFileTimeZoneSource(daemon.root);
-  monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
+  createMonitors(daemon);
   model::eventListSetUp();
 
   if (core::relayCreate()) {

@@ -1,10 +1,11 @@
 """The daemon's system monitors against python3-dbusmock's logind on the private bus."""
 
 import signal
+import subprocess
 
 import dbus
 
-from nightjar_harness import wait_until
+from nightjar_harness import PYTHON, wait_until
 
 LOGIND_PATH = "/org/freedesktop/login1"
 MANAGER = "org.freedesktop.login1.Manager"
@@ -60,3 +61,26 @@ def test_without_logind_the_daemon_runs_on(start_daemon, system_bus):
     assert daemon.wait_running()
     daemon.signal(signal.SIGTERM)
     assert daemon.wait() == 0
+
+
+HUNG_LOGIND = """
+import sys, time, dbus
+bus = dbus.bus.BusConnection(sys.argv[1])
+bus.request_name("org.freedesktop.login1")
+print("owned", flush=True)
+time.sleep(60)  # owns the name, never answers
+"""
+
+
+def test_a_logind_that_never_answers_does_not_stop_the_daemon(start_daemon, system_bus):
+    hung = subprocess.Popen([PYTHON, "-c", HUNG_LOGIND, system_bus.address],
+                            stdout=subprocess.PIPE)
+    try:
+        assert hung.stdout.readline().strip() == b"owned"
+        daemon = start_daemon()
+        assert daemon.wait_running(timeout=15)
+        daemon.signal(signal.SIGTERM)
+        assert daemon.wait() == 0
+    finally:
+        hung.kill()
+        hung.wait()

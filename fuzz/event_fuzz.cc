@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 #include "model/event.h"
 #include "model/event_list.h"
 #include "model/event_queue.h"
@@ -23,7 +23,7 @@ namespace {
 using nightjar::plist::Value;
 namespace model = nightjar::model;
 
-class NullSink : public nightjar::core::LogSink {
+class NullSink : public nightjar::logging::LogSink {
  public:
   void write(int, std::string_view) override {}
 };
@@ -115,7 +115,7 @@ std::weak_ordering byName(const Value& a, const Value& b, void*) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static NullSink sink;
-  static const bool ready = (nightjar::core::setLogSink(&sink), model::eventListSetUp(), true);
+  static const bool ready = (nightjar::logging::setLogSink(&sink), model::eventListSetUp(), true);
   (void)ready;
   const Value value =
       nightjar::plist::parseXml(std::string_view(reinterpret_cast<const char*>(data), size));

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 
 namespace nightjar::core {
 
@@ -17,15 +17,15 @@ bool advertise(const std::string& path) {
   int error = errno;
   umask(previous);
   if (file == nullptr) {
-    logMessage(LOG_ERR, "%s: Lock file creation error; path: %s; error: %d", "advertise",
-               path.c_str(), error);
+    logging::logMessage(LOG_ERR, "%s: Lock file creation error; path: %s; error: %d", "advertise",
+                        path.c_str(), error);
     return false;
   }
   std::fprintf(file, "%d", static_cast<int>(getpid()));
   // A pid that did not reach the disk is no claim.
   if (std::fclose(file) != 0) {
-    logMessage(LOG_ERR, "%s: Lock file creation error; path: %s; error: %d", "advertise",
-               path.c_str(), errno);
+    logging::logMessage(LOG_ERR, "%s: Lock file creation error; path: %s; error: %d", "advertise",
+                        path.c_str(), errno);
     return false;
   }
   return true;
@@ -33,8 +33,8 @@ bool advertise(const std::string& path) {
 
 void stopAdvertising(const std::string& path) {
   if (unlink(path.c_str()) != 0) {
-    logMessage(LOG_ERR, "%s: Lock file removal error; path: %s; error: %d", "stopAdvertising",
-               path.c_str(), errno);
+    logging::logMessage(LOG_ERR, "%s: Lock file removal error; path: %s; error: %d",
+                        "stopAdvertising", path.c_str(), errno);
   }
 }
 

@@ -10,9 +10,9 @@
 #include "core/command_line.h"
 #include "core/descriptors.h"
 #include "core/lock_file.h"
-#include "core/logging.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
+#include "logging/logging.h"
 #include "model/event_list.h"
 #include "monitors/file_watcher.h"
 
@@ -52,7 +52,7 @@ struct Daemon {
 };
 
 void stopHandler(int signal) {
-  core::logMessage(LOG_INFO, "Caught %d signal, quitting", signal);
+  logging::logMessage(LOG_INFO, "Caught %d signal, quitting", signal);
   if (runloop::RunLoop* loop = runloop::RunLoop::current())
     loop->stop();
 }
@@ -120,13 +120,13 @@ int runDaemon(const core::CommandLine& line) {
   daemon.root = platform::linux_adapter::daemonRoot();
   const std::string lockPath = underRoot(daemon.root, kLockPath);
   if (!core::advertise(lockPath)) {
-    core::logMessage(LOG_ERR, "Stopping, failed to claim unique lock: %s", lockPath.c_str());
+    logging::logMessage(LOG_ERR, "Stopping, failed to claim unique lock: %s", lockPath.c_str());
     return kExitLockFailed;
   }
   if (line.daemonise) {
-    core::closeLog();
+    logging::closeLog();
     core::daemonise(underRoot(daemon.root, kDaemonWorkingDirectory));
-    core::openLog();
+    logging::openLog();
     // The file was claimed before the fork; now it names the process that
     // goes on running, so that `kill $(cat …)` reaches the daemon.
     core::advertise(lockPath);
@@ -152,7 +152,7 @@ int runDaemon(const core::CommandLine& line) {
 int main(int argc, char* argv[]) {
   using namespace nightjar;
   core::ignoreSIGPIPE();
-  core::openLog();
+  logging::openLog();
   const core::CommandLine line = core::parseCommandLine(argc, argv);
   int status = 0;
   switch (line.command) {
@@ -170,6 +170,6 @@ int main(int argc, char* argv[]) {
       // The rights database arrives with the API; until then these change nothing.
       break;
   }
-  core::closeLog();
+  logging::closeLog();
   return status;
 }

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "core/descriptors.h"
-#include "core/logging.h"
+#include "logging/logging.h"
 
 namespace nightjar::core {
 namespace {
@@ -105,29 +105,29 @@ void SignalRunLoopCallback(const siginfo_t& record, const SignalCallbacks& callb
   const SignalCallback* callback = nullptr;
   switch (record.si_signo) {
     case SIGHUP:
-      logMessage(LOG_INFO, "SIGHUP/restart signal caught");
+      logging::logMessage(LOG_INFO, "SIGHUP/restart signal caught");
       callback = &callbacks.restart;
       break;
     case SIGINT:
-      logMessage(LOG_INFO, "SIGINT/interrupt signal caught");
+      logging::logMessage(LOG_INFO, "SIGINT/interrupt signal caught");
       callback = &callbacks.interrupt;
       break;
     case SIGQUIT:
     case SIGTERM:
-      logMessage(LOG_INFO, "SIGTERM/SIGQUIT/quit signal caught");
+      logging::logMessage(LOG_INFO, "SIGTERM/SIGQUIT/quit signal caught");
       callback = &callbacks.quit;
       break;
     case SIGUSR1:
-      logMessage(LOG_INFO, "SIGUSR1/rotate signal caught");
+      logging::logMessage(LOG_INFO, "SIGUSR1/rotate signal caught");
       callback = &callbacks.rotate;
       break;
     case SIGUSR2:
-      logMessage(LOG_INFO, "SIGUSR2/fetch signal caught");
+      logging::logMessage(LOG_INFO, "SIGUSR2/fetch signal caught");
       callback = &callbacks.fetch;
       break;
     default:
-      logMessage(LOG_ERR, "%s: Unknown signal %d caught and ignored", "SignalRunLoopCallback",
-                 record.si_signo);
+      logging::logMessage(LOG_ERR, "%s: Unknown signal %d caught and ignored",
+                          "SignalRunLoopCallback", record.si_signo);
       return;
   }
   if (*callback)
@@ -140,7 +140,7 @@ void installSignalHandlers(runloop::RunLoop& loop, SignalCallbacks callbacks) {
                                     SignalRunLoopCallback(record, callbacks);
                                   });
   if (error != 0)
-    logMessage(LOG_ERR, "Error installing signal handlers: %d", error);
+    logging::logMessage(LOG_ERR, "Error installing signal handlers: %d", error);
 }
 
 }  // namespace nightjar::core

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 #include "model/event.h"
 #include "model/validation.h"
 
@@ -196,7 +196,7 @@ plist::Value eventArrayFind(const EventArray& array, const plist::Value& id) {
 StoreOutcome eventArrayStoreAt(EventArray& array, const plist::Value& event) {
   using Change = StoreOutcome::Change;
   if (validateEvent(event)) {
-    core::logValue(LOG_ERR, "Invalid event: %@", event);
+    logging::logValue(LOG_ERR, "Invalid event: %@", event);
     return {Change::Refused};
   }
   const plist::Value id = eventUniqueID(event);

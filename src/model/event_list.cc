@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 #include "model/event.h"
 #include "model/validation.h"
 #include "runloop/notification_center.h"
@@ -91,7 +91,7 @@ void eventListReplaceAll(EventList* list, const plist::Value& events) {
       continue;
     }
     if (validateEvent(member)) {
-      core::logValue(LOG_ERR, "Invalid event: %@", member);
+      logging::logValue(LOG_ERR, "Invalid event: %@", member);
       continue;
     }
     list->events_.append(member);

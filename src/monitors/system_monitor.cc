@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 #include "monitors/monitor_decisions.h"
 #include "runloop/notification_center.h"
 
@@ -62,7 +62,7 @@ void onActivityChange(SystemMonitor* monitor) {
     return;
   if (refuse) {
     guard->hold();
-    core::logMessage(LOG_INFO, "Dening idle sleep request");
+    logging::logMessage(LOG_INFO, "Dening idle sleep request");
   } else {
     guard->release();
   }

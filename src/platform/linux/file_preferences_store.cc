@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 #include "platform/linux/daemon_root.h"
 #include "plist/xml.h"
 
@@ -140,21 +140,21 @@ void logOutcome(const std::string& path, const ReadResult& result) {
     case ReadOutcome::Ok:
       return;
     case ReadOutcome::Missing:
-      core::logMessage(LOG_INFO, "%s: No preferences file, reading as empty; path: %s",
-                       "readPreferences", path.c_str());
+      logging::logMessage(LOG_INFO, "%s: No preferences file, reading as empty; path: %s",
+                          "readPreferences", path.c_str());
       return;
     case ReadOutcome::Empty:
-      core::logMessage(LOG_INFO, "%s: Empty preferences file, reading as empty; path: %s",
-                       "readPreferences", path.c_str());
+      logging::logMessage(LOG_INFO, "%s: Empty preferences file, reading as empty; path: %s",
+                          "readPreferences", path.c_str());
       return;
     case ReadOutcome::Unreadable:
-      core::logMessage(LOG_ERR,
-                       "%s: Preferences file unreadable, reading as empty; path: %s; error: %d",
-                       "readPreferences", path.c_str(), result.error);
+      logging::logMessage(LOG_ERR,
+                          "%s: Preferences file unreadable, reading as empty; path: %s; error: %d",
+                          "readPreferences", path.c_str(), result.error);
       return;
     case ReadOutcome::Corrupt:
-      core::logMessage(LOG_ERR, "%s: Preferences file corrupt, reading as empty; path: %s",
-                       "readPreferences", path.c_str());
+      logging::logMessage(LOG_ERR, "%s: Preferences file corrupt, reading as empty; path: %s",
+                          "readPreferences", path.c_str());
       return;
   }
 }

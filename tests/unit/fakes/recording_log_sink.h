@@ -5,14 +5,14 @@
 #include <utility>
 #include <vector>
 
-#include "core/logging.h"
+#include "logging/logging.h"
 
 namespace nightjar::testing {
 
-class RecordingLogSink final : public core::LogSink {
+class RecordingLogSink final : public logging::LogSink {
  public:
-  RecordingLogSink() { core::setLogSink(this); }
-  ~RecordingLogSink() override { core::setLogSink(nullptr); }
+  RecordingLogSink() { logging::setLogSink(this); }
+  ~RecordingLogSink() override { logging::setLogSink(nullptr); }
 
   void write(int priority, std::string_view line) override {
     lines.emplace_back(priority, std::string(line));

@@ -1,4 +1,4 @@
-#include "core/logging.h"
+#include "logging/logging.h"
 
 #include <unistd.h>
 
@@ -9,7 +9,7 @@
 
 #include "plist/describe.h"
 
-namespace nightjar::core {
+namespace nightjar::logging {
 namespace {
 
 constexpr char kIdent[] = "nightjard";
@@ -277,4 +277,4 @@ void logValue(int priority, std::string_view format, const plist::Value& value) 
   logMessage(priority, format, plist::describeValue(value));
 }
 
-}  // namespace nightjar::core
+}  // namespace nightjar::logging

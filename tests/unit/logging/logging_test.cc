@@ -1,10 +1,10 @@
-#include "core/logging.h"
+#include "logging/logging.h"
 
 #include <gtest/gtest.h>
 
 #include "fakes/recording_log_sink.h"
 
-namespace nightjar::core {
+namespace nightjar::logging {
 namespace {
 
 using plist::Value;
@@ -56,4 +56,4 @@ TEST(LogMessage, ValuesAreWrittenLiterallyThroughTheSink) {
 }
 
 }  // namespace
-}  // namespace nightjar::core
+}  // namespace nightjar::logging

@@ -14,7 +14,7 @@
 
 #include "plist/value.h"
 
-namespace nightjar::core {
+namespace nightjar::logging {
 
 // Where finished log lines go. Ports do not log; modules do, through here.
 class LogSink {
@@ -85,4 +85,4 @@ void logMessage(int priority, std::string_view format, const Args&... args) {
 // a directive is logged unchanged.
 void logValue(int priority, std::string_view format, const plist::Value& value);
 
-}  // namespace nightjar::core
+}  // namespace nightjar::logging

@@ -6,7 +6,7 @@ namespace nightjar::platform::linux_adapter {
 namespace {
 
 constexpr logind::InhibitRequest kIdleSleepBlock = {
-    .what = "idle:sleep", .why = "Performing a scheduled event", .mode = "block"};
+    .what = "idle", .why = "Performing a scheduled event", .mode = "block"};
 
 class LogindSleepGuard final : public SleepGuard {
  public:

@@ -11,7 +11,7 @@ namespace {
 using namespace nightjar::testing::logind_mock;
 
 const Inhibitor kSleepDelay{"sleep", "nightjard", "Announcing sleep to scheduled events", "delay"};
-const Inhibitor kIdleBlock{"idle:sleep", "nightjard", "Performing a scheduled event", "block"};
+const Inhibitor kIdleBlock{"idle", "nightjard", "Performing a scheduled event", "block"};
 
 class LogindPowerTest : public LogindTest {
  protected:

@@ -49,7 +49,7 @@ class InhibitorLock {
 
 // One Inhibit call; "who" is always "nightjard".
 struct InhibitRequest {
-  const char* what;  // "sleep", "idle:sleep", ...
+  const char* what;  // "sleep", "idle", ...
   const char* why;
   const char* mode;  // "block" or "delay"
 };

@@ -1,4 +1,4 @@
-// The SleepGuard over logind: an "idle:sleep" block inhibitor while held.
+// The SleepGuard over logind: an "idle" block inhibitor while held.
 #pragma once
 
 #include <systemd/sd-bus.h>

@@ -17,7 +17,9 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
   CommandLine line;
   optind = 0;  // full reset, so that a second parse starts afresh
   int option;
-  while ((option = getopt(argc, argv, "dhiuvp:")) != -1) {
+  // "+": stop at the first word that is not an option, as POSIX getopt does;
+  // glibc would otherwise move later options forward and obey them.
+  while ((option = getopt(argc, argv, "+dhiuvp:")) != -1) {
     switch (option) {
       case 'd':
         line.daemonise = true;

@@ -38,6 +38,10 @@ TEST(CommandLine, FirstOptionOtherThanDaemoniseDecides) {
       {{"nightjard", "-p"}, Command::Usage, false},
       {{"nightjard", "-z"}, Command::Usage, false},
       {{"nightjard", "-dv"}, Command::Version, true},
+      // Parsing stops at the first word that is not an option.
+      {{"nightjard", "foo", "-v"}, Command::Run, false},
+      {{"nightjard", "-d", "foo", "-h"}, Command::Run, true},
+      {{"nightjard", "--", "-v"}, Command::Run, false},
   };
   for (const Case& c : cases) {
     CommandLine line = parse(c.words);

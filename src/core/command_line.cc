@@ -42,15 +42,21 @@ CommandLine parseCommandLine(int argc, char* argv[]) {
 }
 
 std::string usageText(const char* programName) {
-  char text[1024];
-  std::snprintf(text, sizeof text,
-                "Usage: %s [-dhiuv] [-p <absolute path>]\n"
-                "        -d   Daemonise on launch (for Mac OS X 10.3).\n"
-                "        -h   Show this help message and exit.\n"
-                "        -i   Install default security policy rights and exit.\n"
-                "        -u   Uninstall security policy rights and exit.\n"
-                "        -v   Show version details and exit.\n",
-                programName ? programName : "");
+  static constexpr char kUsage[] =
+      "Usage: %s [-dhiuv] [-p <absolute path>]\n"
+      "        -d   Daemonise on launch (for Mac OS X 10.3).\n"
+      "        -h   Show this help message and exit.\n"
+      "        -i   Install default security policy rights and exit.\n"
+      "        -u   Uninstall security policy rights and exit.\n"
+      "        -v   Show version details and exit.\n";
+  const char* name = programName ? programName : "";
+  // Sized from a first measuring pass: argv[0] may be of any length.
+  const int length = std::snprintf(nullptr, 0, kUsage, name);
+  if (length < 0)
+    return {};
+  std::string text(static_cast<std::size_t>(length) + 1, '\0');
+  std::snprintf(text.data(), text.size(), kUsage, name);
+  text.pop_back();
   return text;
 }
 

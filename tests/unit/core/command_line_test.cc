@@ -60,6 +60,12 @@ TEST(CommandLine, TextsCarryTheProgramNameAndVersion) {
   EXPECT_NE(usage.find("        -u   Uninstall security policy rights and exit.\n"),
             std::string::npos);
   EXPECT_EQ(usage.back(), '\n');
+
+  // A long program name does not cut the text short.
+  const std::string longName(4000, 'n');
+  const std::string longUsage = usageText(longName.c_str());
+  EXPECT_EQ(longUsage.size(), usage.size() - std::string("/opt/x/nj").size() + longName.size());
+  EXPECT_EQ(longUsage.substr(longUsage.size() - 40), usage.substr(usage.size() - 40));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "platform/distributed_center.h"
 #include "platform/system_sleep.h"
 #include "plist/value.h"
+#include "runloop/clock.h"
 #include "runloop/timer.h"
 
 namespace nightjar::scheduling {
@@ -41,7 +42,8 @@ struct EventActionPorts {
   platform::SystemSleep* sleep = nullptr;
   platform::CommandRunner* commands = nullptr;
   platform::ConsoleNotice* notice = nullptr;
-  runloop::TimerFactory timers;  // for the pause; required
+  runloop::TimerFactory timers;           // for the pause; without it there is no pause
+  const runloop::Clock* clock = nullptr;  // dates the pause; null: the system clock
 };
 
 // Fills the process-wide slot (the caller keeps the ports alive until

@@ -126,12 +126,14 @@ std::string objectText(const LogArg* arg) {
   return {};
 }
 
-std::string expand(const Directive& d, ArgCursor& cursor) {
+std::string expand(const Directive& d, ArgCursor& cursor, int errorNumber) {
   const std::string head = "%" + d.flags + d.width + d.precision;
   const LogArg* arg = nullptr;
   switch (d.conversion) {
     case '@':
       return objectText(cursor.next());
+    case 'm':  // takes no argument
+      return printfOne(head + "s", std::strerror(errorNumber));
     case 'd':
     case 'i':
       if (auto v = asSigned(cursor.next()))
@@ -221,7 +223,8 @@ void closeLog() {
     closelog();
 }
 
-std::string formatLogLine(std::string_view format, const std::vector<LogArg>& args) {
+std::string formatLogLine(std::string_view format, const std::vector<LogArg>& args,
+                          int errorNumber) {
   std::string out;
   out.reserve(format.size());
   ArgCursor cursor(args);
@@ -264,14 +267,14 @@ std::string formatLogLine(std::string_view format, const std::vector<LogArg>& ar
     if (i >= format.size())
       break;
     d.conversion = format[i++];
-    out += expand(d, cursor);
+    out += expand(d, cursor, errorNumber);
   }
   return out;
 }
 
 void logValue(int priority, std::string_view format, const plist::Value& value) {
   if (format.find("%@") == std::string_view::npos) {
-    logSink().write(priority, format);
+    logMessage(priority, format);  // "%%" and "%m" still expand, as in syslog
     return;
   }
   logMessage(priority, format, plist::describeValue(value));

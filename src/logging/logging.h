@@ -4,6 +4,7 @@
 
 #include <syslog.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -44,9 +45,16 @@ void closeLog();
 using LogArg =
     std::variant<std::int64_t, std::uint64_t, double, const char*, const void*, plist::Value>;
 
-// Expands `format` with `args`. A directive without a matching argument, or with
-// one of the wrong kind, expands to nothing: formatting never crashes.
-std::string formatLogLine(std::string_view format, const std::vector<LogArg>& args);
+// Expands `format` with `args`. "%m" takes no argument and inserts the text of
+// `errorNumber`, as syslog does with errno. A directive without a matching
+// argument, or with one of the wrong kind, expands to nothing: formatting never
+// crashes.
+std::string formatLogLine(std::string_view format, const std::vector<LogArg>& args,
+                          int errorNumber);
+// The same, with "%m" naming errno as it is now.
+inline std::string formatLogLine(std::string_view format, const std::vector<LogArg>& args) {
+  return formatLogLine(format, args, errno);
+}
 
 namespace detail {
 template <typename T>
@@ -75,14 +83,17 @@ LogArg toLogArg(const T& value) {
 }
 }  // namespace detail
 
-// Logs one line at `priority` (LOG_ERR, LOG_NOTICE, LOG_INFO, LOG_DEBUG).
+// Logs one line at `priority` (LOG_ERR, LOG_NOTICE, LOG_INFO, LOG_DEBUG). As
+// with syslog, "%m" names errno as it was at the call, and errno is kept.
 template <typename... Args>
 void logMessage(int priority, std::string_view format, const Args&... args) {
-  logSink().write(priority, formatLogLine(format, {detail::toLogArg(args)...}));
+  const int callerErrno = errno;  // before building the arguments can touch it
+  logSink().write(priority, formatLogLine(format, {detail::toLogArg(args)...}, callerErrno));
+  errno = callerErrno;
 }
 
 // Logs `value`'s description through a format with one "%@"; a format without
-// a directive is logged unchanged.
+// "%@" is logged as logMessage logs it without arguments.
 void logValue(int priority, std::string_view format, const plist::Value& value);
 
 }  // namespace nightjar::logging

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "fakes/recording_log_sink.h"
 
 namespace nightjar::logging {
@@ -53,6 +56,26 @@ TEST(LogMessage, ValuesAreWrittenLiterallyThroughTheSink) {
   EXPECT_EQ(sink.lines[1], std::make_pair(LOG_INFO, std::string("no directive 3")));
   EXPECT_EQ(sink.lines[2].second, "Performing: {\"name\"=>\"%d\"}");
   EXPECT_EQ(sink.lines[3].second, "Dropped invalid event within scheduler.");
+}
+
+// As syslog: "%m" is the text of errno as it was when logMessage was called,
+// "%%" a percent sign, and errno is left as it was.
+TEST(LogMessage, ErrorTextAndPercentBehaveAsSyslog) {
+  testing::RecordingLogSink sink;
+  const std::string noEntry = std::strerror(ENOENT);
+  errno = ENOENT;
+  logMessage(LOG_ERR, "open: %m (%d%%) [%-3s]", 5, "x");
+  EXPECT_EQ(errno, ENOENT);
+  errno = EACCES;
+  logMessage(LOG_ERR, "no argument: %m");
+  ASSERT_EQ(sink.lines.size(), 2u);
+  EXPECT_EQ(sink.lines[0].second, "open: " + noEntry + " (5%) [x  ]");
+  EXPECT_EQ(sink.lines[1].second, "no argument: " + std::string(std::strerror(EACCES)));
+  logValue(LOG_ERR, "100%% done", Value::integer(1));
+  ASSERT_EQ(sink.lines.size(), 3u);
+  EXPECT_EQ(sink.lines[2].second, "100% done");
+  EXPECT_EQ(formatLogLine("%m|%m", {}, EPERM),
+            std::string(std::strerror(EPERM)) + "|" + std::strerror(EPERM));
 }
 
 }  // namespace

@@ -1,0 +1,74 @@
+// The replies of the six request operations, with and without a controller.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "notifications/notification_controller.h"
+#include "notifications/notification_testing.h"
+
+namespace nightjar::notifications::testing {
+namespace {
+
+const plist::Value kOk = Dict({{"status", I(200)}});
+const plist::Value kFailed = Dict({{"status", I(400)}});
+
+TEST_F(NotificationControllerTest, RequestsWithoutAControllerAnswerTheirDefaults) {
+  EXPECT_EQ(notificationRequestPending(nullptr), kOk);
+  EXPECT_EQ(notificationRequestNotifyPeriod(nullptr), kOk);
+  EXPECT_EQ(notificationRequestCancel(nullptr, S("a")), kFailed);
+  EXPECT_EQ(notificationRequestDelay(nullptr, S("a"), I(60)), kFailed);
+  EXPECT_EQ(notificationRequestReset(nullptr, S("a")), kFailed);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(nullptr, R(60)),
+            Dict({{"error", I(400)}, {"reason", S("Missing notification controller")}}));
+}
+
+TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
+  NotificationController* controller = create();
+  notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
+  std::vector<double> delays;
+  NotificationHandlers handlers;
+  handlers.delay = [](NotificationController*, const plist::Value&, double s, void* context) {
+    static_cast<std::vector<double>*>(context)->push_back(s);
+  };
+  handlers.context = &delays;
+  notificationControllerRegisterHandlers(controller, handlers);
+
+  EXPECT_EQ(
+      notificationRequestPending(controller),
+      Dict({{"status", I(200)}, {"response", notificationControllerCopyPendingView(controller)}}));
+  EXPECT_EQ(notificationRequestNotifyPeriod(controller),
+            Dict({{"status", I(200)}, {"response", R(900)}}));
+  EXPECT_TRUE(notificationRequestNotifyPeriod(controller).get("response").isReal());
+
+  EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);
+  EXPECT_EQ(notificationRequestCancel(controller, S("not pending")), kOk);
+  EXPECT_EQ(notificationRequestCancel(controller, {}), kFailed);
+  EXPECT_EQ(notificationRequestReset(controller, S("a")), kOk);
+  EXPECT_EQ(notificationRequestReset(controller, {}), kFailed);
+  EXPECT_EQ(rescheduled_, std::vector<plist::Value>{S("a")});
+
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(90.7)), kOk);  // read as 90
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(0)), kOk);     // does nothing
+  EXPECT_EQ(notificationRequestDelay(controller, {}, I(60)), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), S("60")), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), {}), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(1e300)), kFailed);
+  EXPECT_EQ(delays, (std::vector<double>{60, 90}));
+
+  const plist::Value invalidSeconds = Dict({{"error", I(405)}, {"reason", S("Invalid seconds")}});
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I((std::int64_t{1} << 53) + 1)),
+            invalidSeconds);
+  EXPECT_EQ(
+      notificationRequestSetNotifyPeriod(controller, R(std::numeric_limits<double>::quiet_NaN())),
+      invalidSeconds);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, S("60")), invalidSeconds);
+  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), 900);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, R(61.5)), kOk);
+  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), 61.5);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I(-30)), kOk);
+  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), -30);
+}
+
+}  // namespace
+}  // namespace nightjar::notifications::testing

@@ -1,0 +1,8 @@
+# The date-time controller: calendar arithmetic, trigger computation, the
+# controller itself, and a sweep over the installed zone data.
+nightjar_unit_test(date_time_test
+  SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/calendar_test.cc
+    ${CMAKE_CURRENT_LIST_DIR}/date_time_trigger_test.cc
+  LIBS nightjar_scheduling
+)

@@ -1,0 +1,145 @@
+#include "api/notification_requests.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "api/request_action.h"
+#include "api/scheduler_requests.h"
+#include "model/event.h"
+#include "model/validation.h"
+#include "notifications/notification_controller.h"
+
+namespace nightjar::api {
+namespace {
+
+namespace message = model::message;
+using notifications::notificationControllerGet;
+
+plist::Value elementFault(std::string_view text) {
+  return faultRecord(model::kElementKey, messageValue(text));
+}
+
+// A number's value read as a 32-bit integer: truncated toward zero and
+// saturated, with whether that lost nothing.
+struct Int32Reading {
+  std::int64_t value;
+  bool exact;
+};
+
+Int32Reading readInt32(const plist::Value& number) {
+  constexpr std::int64_t kMin = std::numeric_limits<std::int32_t>::min();
+  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
+  if (std::optional<std::int64_t> integer = number.asInteger()) {
+    return {std::clamp(*integer, kMin, kMax), *integer >= kMin && *integer <= kMax};
+  }
+  const double real = number.numberAsDouble().value_or(0.0);
+  if (std::isnan(real)) {
+    return {0, false};
+  }
+  // Clamped as a double first: converting an out-of-range double is undefined.
+  const double truncated = std::trunc(real);
+  const double clamped =
+      std::clamp(truncated, static_cast<double>(kMin), static_cast<double>(kMax));
+  return {static_cast<std::int64_t>(clamped), truncated == real && clamped == truncated};
+}
+
+// Both numeric checks run and the later one wins, as in the event checks.
+plist::Value delaySecondsFault(const plist::Value& seconds) {
+  if (!seconds) {
+    return faultRecord(model::kGeneralKey, messageValue(kDelaySecondsMissing));
+  }
+  if (!seconds.isNumber()) {
+    return elementFault(message::kMustBeNumber);
+  }
+  plist::Value fault;
+  const Int32Reading reading = readInt32(seconds);
+  if (!reading.exact) {
+    fault = elementFault(message::kLostResolution);
+  }
+  if (reading.value > model::kMaxSeconds) {
+    fault = elementFault(message::kAboveMaximum);
+  }
+  return fault;
+}
+
+plist::Value checkUniqueId(const plist::Value& parameter) {
+  if (plist::Value fault = model::validateUniqueID(parameter)) {
+    return faultRecord(kUniqueIdDetailKey, std::move(fault));
+  }
+  return {};
+}
+
+plist::Value checkSeconds(const plist::Value& parameter) {
+  if (parameter.isNumber()) {
+    return {};
+  }
+  return faultRecord(kSecondsDetailKey, messageValue(message::kMustBeNumber));
+}
+
+plist::Value pending(const plist::Value&) {
+  return notifications::notificationRequestPending(notificationControllerGet());
+}
+
+plist::Value cancel(const plist::Value& uniqueId) {
+  return notifications::notificationRequestCancel(notificationControllerGet(), uniqueId);
+}
+
+plist::Value delay(const plist::Value& parameter) {
+  return notifications::notificationRequestDelay(notificationControllerGet(),
+                                                 parameter.get(model::kUniqueIdKey),
+                                                 parameter.get(kSecondsDetailKey));
+}
+
+plist::Value reset(const plist::Value& uniqueId) {
+  return notifications::notificationRequestReset(notificationControllerGet(), uniqueId);
+}
+
+plist::Value notifyPeriod(const plist::Value&) {
+  return notifications::notificationRequestNotifyPeriod(notificationControllerGet());
+}
+
+plist::Value setNotifyPeriod(const plist::Value& seconds) {
+  return notifications::notificationRequestSetNotifyPeriod(notificationControllerGet(), seconds);
+}
+
+constexpr std::array kNotificationActions{
+    RequestAction{"pending", /*takesParameter=*/false, nullptr, pending},
+    RequestAction{"cancel", true, checkUniqueId, cancel},
+    RequestAction{"delay", true, checkDelayParameter, delay},
+    RequestAction{"reset", true, checkUniqueId, reset},
+    RequestAction{"notifyperiod", false, nullptr, notifyPeriod},
+    RequestAction{"setnotifyperiod", true, checkSeconds, setNotifyPeriod},
+};
+
+}  // namespace
+
+plist::Value handleNotificationsRequest(std::string_view action, const plist::Value& parameter) {
+  return performRequestAction(kNotificationActions, action, parameter);
+}
+
+plist::Value checkDelayParameter(const plist::Value& parameter) {
+  if (!parameter.isDictionary()) {
+    return faultRecord(model::kParameterKey, messageValue(message::kMustBeDictionary));
+  }
+  plist::Dictionary faults;
+  if (plist::Value fault = delaySecondsFault(parameter.get(kSecondsDetailKey))) {
+    faults.emplace(kSecondsDetailKey, std::move(fault));
+  }
+  if (plist::Value fault = model::validateUniqueID(parameter.get(model::kUniqueIdKey))) {
+    faults.emplace(model::kUniqueIdKey, std::move(fault));
+  }
+  if (parameter.count() > kMaxDelayEntries) {
+    faults.emplace(model::kParameterKey, messageValue(kTooManyEntries));
+  }
+  if (faults.empty()) {
+    return {};
+  }
+  return plist::Value::dictionary(std::move(faults));
+}
+
+}  // namespace nightjar::api

@@ -37,6 +37,21 @@ class PowerManager {
   // Removes the entry with that date, identifier and type, if listed.
   virtual void cancel(plist::AbsoluteTime date, const std::string& scheduledBy,
                       const std::string& type) = 0;
+  // Whether an entry with that identifier and type is listed, whatever its
+  // date. The default looks through copyEntries(); an adapter that keeps an
+  // index answers without copying the whole list. Run-loop thread only.
+  virtual bool isListed(const std::string& scheduledBy, const std::string& type) const {
+    const plist::Value entries = copyEntries();
+    for (std::size_t i = 0; i < entries.count(); ++i) {
+      const plist::Value entry = entries.at(i);
+      const std::string* by = entry.get(kEntryScheduledByKey).asString();
+      const std::string* kind = entry.get(kEntryTypeKey).asString();
+      if (by != nullptr && kind != nullptr && entry.get(kEntryTimeKey) && *by == scheduledBy &&
+          *kind == type)
+        return true;
+    }
+    return false;
+  }
 };
 
 }  // namespace nightjar::platform

@@ -35,5 +35,9 @@ void eventSchedulerResync(EventScheduler* scheduler);
 // The handler of "externalevents.timezone": resyncs `scheduler` (the
 // observer) when `name` is that notification's.
 void eventSchedulerTimeZoneChanged(EventScheduler* scheduler, std::string_view name);
+// Registers that handler on the local center for "externalevents.timezone"
+// from `systemMonitor`, with the scheduler as observer, so that tear-down
+// removes it. Does nothing without a scheduler.
+void eventSchedulerObserveTimeZone(EventScheduler* scheduler, const void* systemMonitor);
 
 }  // namespace nightjar::scheduling

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "logging/logging.h"
+#include "platform/linux/atomic_file.h"
 #include "platform/linux/daemon_root.h"
 #include "plist/xml.h"
 
@@ -49,26 +50,6 @@ FileIdentity statIdentity(const std::string& path) {
   return identityOf(st);
 }
 
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-  // Closes now, answering 0 or the error number of close.
-  int reset() {
-    int error = 0;
-    if (fd_ >= 0 && ::close(fd_) != 0)
-      error = errno;
-    fd_ = -1;
-    return error;
-  }
-
- private:
-  int fd_;
-};
-
 enum class ReadOutcome { Ok, Missing, Empty, Unreadable, Corrupt };
 
 struct ReadResult {
@@ -77,22 +58,6 @@ struct ReadResult {
   FileIdentity identity;
   plist::Dictionary entries;
 };
-
-// Reads at most kMaxFileBytes + 1 bytes; answers false on a read error.
-bool readBounded(int fd, std::string& bytes) {
-  char buffer[64 * 1024];
-  while (bytes.size() <= kMaxFileBytes) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      return false;
-    if (n == 0)
-      return true;
-    bytes.append(buffer, static_cast<std::size_t>(n));
-  }
-  return true;
-}
 
 // The file's dictionary. Non-blocking open so that a FIFO put in the file's
 // place cannot stall the run loop; anything but a regular file is unreadable.
@@ -119,8 +84,8 @@ ReadResult readDictionaryFile(const std::string& path) {
   std::string bytes;
   if (static_cast<std::uint64_t>(st.st_size) > kMaxFileBytes) {
     result.outcome = ReadOutcome::Corrupt;
-  } else if (!readBounded(fd.get(), bytes)) {
-    result.error = errno;
+  } else if (int error = readBounded(fd.get(), bytes, kMaxFileBytes); error != 0) {
+    result.error = error;
     result.outcome = ReadOutcome::Unreadable;
   } else if (bytes.empty()) {
     result.outcome = ReadOutcome::Empty;
@@ -182,56 +147,7 @@ struct TrackedFile {
 // Creates the store's folder and its missing parents below the root. The mode
 // is set explicitly because mkdir's is cut by the umask. Answers 0 or errno.
 int makeStoreFolder(const std::string& root) {
-  for (std::string_view part :
-       {std::string_view("/var"), std::string_view("/var/lib"), kStoreFolder}) {
-    std::string folder = underRoot(root, part);
-    if (::mkdir(folder.c_str(), kFolderMode) == 0) {
-      ::chmod(folder.c_str(), kFolderMode);
-    } else if (errno != EEXIST) {
-      return errno;
-    }
-  }
-  return 0;
-}
-
-int writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      return errno;
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return 0;
-}
-
-// Fills and syncs a fresh temporary file, then renames it over `path` and syncs
-// the folder, so that `path` holds either the old or the new bytes whole, even
-// across a crash. On failure the temporary file is removed. Answers 0 or errno.
-int writeAtomically(const std::string& folder, const std::string& path, std::string_view bytes) {
-  std::string temporary = folder + "/.preferences.plist.XXXXXX";
-  UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
-  if (fd.get() < 0)
-    return errno;
-  int error = ::fchmod(fd.get(), kFileMode) != 0 ? errno : 0;
-  if (error == 0)
-    error = writeAll(fd.get(), bytes);
-  if (error == 0 && ::fsync(fd.get()) != 0)
-    error = errno;
-  int closeError = fd.reset();
-  if (error == 0)
-    error = closeError;
-  if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
-    error = errno;
-  if (error != 0) {
-    ::unlink(temporary.c_str());
-    return error;
-  }
-  UniqueFd folderFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folderFd.get() < 0)
-    return errno;
-  return ::fsync(folderFd.get()) != 0 ? errno : 0;
+  return makeFolders(root, kStoreFolder, kFolderMode);
 }
 
 class FilePreferencesStore final : public PreferencesStore {
@@ -287,7 +203,7 @@ class FilePreferencesStore final : public PreferencesStore {
     std::string document = plist::writeXml(plist::Value::dictionary(values_));
     int error = makeStoreFolder(root_);
     if (error == 0)
-      error = writeAtomically(folder_, store_.path, document);
+      error = writeFileAtomically(folder_, store_.path, document, kFileMode);
     unsaved_ = error != 0;
     // Our own write is the version now held: the next look must not re-read it.
     if (!unsaved_)

@@ -1,0 +1,90 @@
+#include "platform/linux/atomic_file.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/linux/daemon_root.h"
+
+namespace nightjar::platform::linux_adapter {
+
+int UniqueFd::reset() {
+  int error = 0;
+  if (fd_ >= 0 && ::close(fd_) != 0)
+    error = errno;
+  fd_ = -1;
+  return error;
+}
+
+int readBounded(int fd, std::string& bytes, std::size_t maxBytes) {
+  char buffer[64 * 1024];
+  while (bytes.size() <= maxBytes) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return errno;
+    if (n == 0)
+      return 0;
+    bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  return 0;
+}
+
+int writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return errno;
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return 0;
+}
+
+int makeFolders(std::string_view root, std::string_view absoluteFolder, mode_t mode) {
+  for (std::size_t end = absoluteFolder.find('/', 1);; end = absoluteFolder.find('/', end + 1)) {
+    const std::string folder = underRoot(root, absoluteFolder.substr(0, end));
+    if (::mkdir(folder.c_str(), mode) == 0) {
+      ::chmod(folder.c_str(), mode);
+    } else if (errno != EEXIST) {
+      return errno;
+    }
+    if (end == std::string_view::npos)
+      return 0;
+  }
+}
+
+int writeFileAtomically(const std::string& folder, const std::string& path, std::string_view bytes,
+                        mode_t mode) {
+  const std::size_t slash = path.rfind('/');
+  std::string temporary =
+      folder + "/." + (slash == std::string::npos ? path : path.substr(slash + 1)) + ".XXXXXX";
+  UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (fd.get() < 0)
+    return errno;
+  int error = ::fchmod(fd.get(), mode) != 0 ? errno : 0;
+  if (error == 0)
+    error = writeAll(fd.get(), bytes);
+  if (error == 0 && ::fsync(fd.get()) != 0)
+    error = errno;
+  int closeError = fd.reset();
+  if (error == 0)
+    error = closeError;
+  if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
+    error = errno;
+  if (error != 0) {
+    ::unlink(temporary.c_str());
+    return error;
+  }
+  UniqueFd folderFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folderFd.get() < 0)
+    return errno;
+  return ::fsync(folderFd.get()) != 0 ? errno : 0;
+}
+
+}  // namespace nightjar::platform::linux_adapter

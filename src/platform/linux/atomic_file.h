@@ -1,0 +1,47 @@
+// Whole-file reads and replacements shared by the adapters that keep their
+// state in files under the daemon's root.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace nightjar::platform::linux_adapter {
+
+// Owns one file descriptor.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  int get() const { return fd_; }
+  // Closes now, answering 0 or the error number of close.
+  int reset();
+
+ private:
+  int fd_;
+};
+
+// Appends what `fd` holds to `bytes`, stopping once `bytes` is longer than
+// `maxBytes`, so the caller can tell an oversized file. Answers 0 or errno.
+int readBounded(int fd, std::string& bytes, std::size_t maxBytes);
+
+// Writes every byte, retrying short writes. Answers 0 or errno.
+int writeAll(int fd, std::string_view bytes);
+
+// Creates `absoluteFolder` ("/var/lib/x") and its missing parents under
+// `root`, each with `mode` (set explicitly, as mkdir's is cut by the umask).
+// Folders that exist are left as they are. Answers 0 or errno.
+int makeFolders(std::string_view root, std::string_view absoluteFolder, mode_t mode);
+
+// Replaces `path` (inside `folder`) with `bytes`: a fresh temporary file in
+// the folder is filled, given `mode` and synced, renamed over `path`, and the
+// folder is synced, so `path` holds the old or the new bytes whole, even
+// across a crash. On failure the temporary file is removed. Answers 0 or errno.
+int writeFileAtomically(const std::string& folder, const std::string& path, std::string_view bytes,
+                        mode_t mode);
+
+}  // namespace nightjar::platform::linux_adapter

@@ -126,7 +126,7 @@ int runDaemon(const core::CommandLine& line) {
   if (line.daemonise) {
     logging::closeLog();
     core::daemonise(underRoot(daemon.root, kDaemonWorkingDirectory));
-    logging::openLog();
+    logging::openSystemLog();  // standard error is closed now, whatever NIGHTJAR_LOG says
     // The file was claimed before the fork; now it names the process that
     // goes on running, so that `kill $(cat …)` reaches the daemon.
     core::advertise(lockPath);

@@ -1,5 +1,6 @@
 #include "logging/logging.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -187,6 +188,12 @@ std::string expand(const Directive& d, ArgCursor& cursor, int errorNumber) {
   }
 }
 
+// A closed descriptor 2 is soon reused (by the next socket or inotify
+// descriptor), and log lines written there would be lost or corrupt it.
+bool standardErrorIsOpen() {
+  return fcntl(STDERR_FILENO, F_GETFD) != -1;
+}
+
 }  // namespace
 
 std::unique_ptr<LogSink> makeSyslogSink() {
@@ -210,10 +217,14 @@ LogSink& logSink() {
 
 void openLog() {
   const char* mode = std::getenv("NIGHTJAR_LOG");
-  if (mode != nullptr && std::strcmp(mode, "stderr") == 0) {
+  if (mode != nullptr && std::strcmp(mode, "stderr") == 0 && standardErrorIsOpen()) {
     openedSink() = makeStderrSink();
     return;
   }
+  openSystemLog();
+}
+
+void openSystemLog() {
   openlog(kIdent, LOG_PID, LOG_DAEMON);
   openedSink().reset();
 }

@@ -35,8 +35,12 @@ std::unique_ptr<LogSink> makeStderrSink();
 void setLogSink(LogSink* sink);
 LogSink& logSink();
 
-// Opens the log as the daemon does: stderr when NIGHTJAR_LOG=stderr, else syslog.
+// Opens the log as the daemon does: standard error when NIGHTJAR_LOG=stderr and
+// descriptor 2 is open, else syslog.
 void openLog();
+// Opens syslog whatever NIGHTJAR_LOG says: for a detached daemon, whose
+// descriptor 2 is closed and soon reused for something else.
+void openSystemLog();
 void closeLog();
 
 // One formatting argument. "%@" takes a Value (a string inserts its text

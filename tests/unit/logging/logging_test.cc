@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include "fakes/recording_log_sink.h"
 
@@ -76,6 +81,50 @@ TEST(LogMessage, ErrorTextAndPercentBehaveAsSyslog) {
   EXPECT_EQ(sink.lines[2].second, "100% done");
   EXPECT_EQ(formatLogLine("%m|%m", {}, EPERM),
             std::string(std::strerror(EPERM)) + "|" + std::strerror(EPERM));
+}
+
+// Runs `body` with descriptor 2 moved aside and NIGHTJAR_LOG=stderr, then
+// restores both and the log. Answers what reached the pipe that `body` may put
+// on descriptor 2 through `toStderr`.
+std::string withStandardErrorAside(const std::function<void(int toStderr)>& body) {
+  int pipeFds[2];
+  EXPECT_EQ(pipe2(pipeFds, O_NONBLOCK | O_CLOEXEC), 0);
+  const int saved = dup(STDERR_FILENO);
+  setenv("NIGHTJAR_LOG", "stderr", 1);
+  body(pipeFds[1]);
+  closeLog();
+  unsetenv("NIGHTJAR_LOG");
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+  close(pipeFds[1]);
+  std::string seen;
+  char buffer[256];
+  ssize_t n;
+  while ((n = read(pipeFds[0], buffer, sizeof buffer)) > 0)
+    seen.append(buffer, static_cast<std::size_t>(n));
+  close(pipeFds[0]);
+  openLog();
+  return seen;
+}
+
+// A log line must never land on a descriptor 2 that was closed when the log
+// was opened (as in a detached daemon) and then reused for something else.
+TEST(LogOpen, StandardErrorIsUsedOnlyWhileItIsOpen) {
+  EXPECT_EQ(withStandardErrorAside([](int toStderr) {
+              dup2(toStderr, STDERR_FILENO);
+              openLog();
+              logMessage(LOG_ERR, "to standard error");
+              openSystemLog();
+              logMessage(LOG_INFO, "logging_test: to the system log");
+            }),
+            "<3>to standard error\n");
+  EXPECT_EQ(withStandardErrorAside([](int toStderr) {
+              close(STDERR_FILENO);
+              openLog();
+              dup2(toStderr, STDERR_FILENO);  // descriptor 2 reused
+              logMessage(LOG_INFO, "logging_test: to the system log");
+            }),
+            "");
 }
 
 }  // namespace

@@ -1,0 +1,233 @@
+#include "api/authorization.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "api/authorization_testing.h"
+#include "fakes/fake_authority.h"
+#include "fakes/fake_policy_database.h"
+#include "fakes/recording_log_sink.h"
+
+namespace nightjar::api {
+namespace {
+
+using platform::AuthorityAnswer;
+using testing::FakeAuthority;
+using testing::FakePolicyDatabase;
+using testing::formValue;
+
+constexpr char kEvents[] = "quillon.nightjar.scheduler.events";
+constexpr char kSet[] = "quillon.nightjar.scheduler.set";
+
+std::vector<std::string> allChanges(std::string_view verb) {
+  std::vector<std::string> out;
+  for (const RightDefinition& right : kDefaultRights)
+    out.push_back(std::string(verb) + " " + std::string(right.name));
+  return out;
+}
+
+TEST(RightsTest, InstallDefinesEachMissingRightOnceInTableOrder) {
+  FakePolicyDatabase database;
+  testing::RecordingLogSink log;
+  installDefaultRights(database);
+  EXPECT_EQ(database.changes, allChanges("set"));
+  EXPECT_EQ(database.rights.at(kEvents), plist::Value::string("allow"));
+  EXPECT_EQ(database.rights.at(kSet), writeRule());
+  EXPECT_EQ(writeRule().count(), 4u);
+  EXPECT_EQ(writeRule().get("allow-root"), plist::Value::boolean(true));
+  EXPECT_EQ(writeRule().get("shared"), plist::Value::boolean(true));
+
+  database.changes.clear();
+  installDefaultRights(database);
+  EXPECT_TRUE(database.changes.empty());
+  EXPECT_TRUE(log.lines.empty());
+}
+
+TEST(RightsTest, InstallKeepsAnAlreadyDefinedRightAndLogsFailures) {
+  FakePolicyDatabase database;
+  const plist::Value own = plist::Value::string("authenticate-session-owner");
+  database.rights.emplace(kSet, own);
+  database.setFailures.emplace("quillon.nightjar.build.version", 13);
+  testing::RecordingLogSink log;
+  installDefaultRights(database);
+  EXPECT_EQ(database.rights.at(kSet), own);
+  EXPECT_EQ(database.changes.size(), 13u);
+  EXPECT_EQ(database.rights.size(), 13u);  // every other right, despite the failure
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0],
+            std::make_pair(LOG_ERR, std::string("Unable to set right: "
+                                                "quillon.nightjar.build.version, 13")));
+}
+
+TEST(RightsTest, UninstallRemovesOnlyDefinedRightsAndLogsFailures) {
+  FakePolicyDatabase database;
+  installDefaultRights(database);
+  database.rights.emplace("quillon.nightjar.other.right", writeRule());
+  database.removeFailures.emplace(kEvents, 5);
+  database.changes.clear();
+  testing::RecordingLogSink log;
+  uninstallRights(database);
+  EXPECT_EQ(database.changes, allChanges("remove"));
+  EXPECT_EQ(database.rights.size(), 2u);  // the foreign right and the failed one
+  ASSERT_EQ(log.texts(), std::vector<std::string>{
+                             "Unable to remove right: quillon.nightjar.scheduler.events, 5"});
+  EXPECT_EQ(log.lines[0].first, LOG_ERR);
+
+  database.removeFailures.clear();
+  database.changes.clear();
+  uninstallRights(database);
+  uninstallRights(database);
+  EXPECT_EQ(database.changes, std::vector<std::string>{std::string("remove ") + kEvents});
+  EXPECT_EQ(database.rights.size(), 1u);
+}
+
+// A checker over fakes; the peer is pid 4242, started at tick 777.
+class AuthorizationCheckTest : public ::testing::Test {
+ protected:
+  void SetUp() override { create(/*withAuthority=*/true); }
+  void TearDown() override { authorizationDestroy(); }
+
+  void create(bool withAuthority) {
+    authorizationDestroy();
+    auto database = std::make_unique<FakePolicyDatabase>();
+    database_ = database.get();
+    std::unique_ptr<FakeAuthority> authority;
+    if (withAuthority)
+      authority = std::make_unique<FakeAuthority>();
+    authority_ = authority.get();
+    proc_.add(4242, 777);
+    ASSERT_TRUE(authorizationCreate({std::move(database), std::move(authority), proc_.root.path}));
+    installDefaultRights(*database_);
+  }
+
+  // Starts a check; the answer lands in `granted_` (none while waiting).
+  void check(std::uint32_t uid, std::string right = kSet, std::uint32_t formPid = 4242,
+             std::uint64_t startTime = 777) {
+    granted_.reset();
+    calls_ = 0;
+    authorizationCheck(formValue(formPid, uid, startTime), {.pid = 4242, .uid = uid, .gid = 0},
+                       std::move(right), [this](bool granted) {
+                         ++calls_;
+                         granted_ = granted;
+                       });
+  }
+
+  testing::FakeProc proc_;
+  FakePolicyDatabase* database_ = nullptr;
+  FakeAuthority* authority_ = nullptr;
+  std::optional<bool> granted_;
+  int calls_ = 0;
+};
+
+TEST_F(AuthorizationCheckTest, ForeignOrMalformedFormsAreRefusedSilently) {
+  testing::RecordingLogSink log;
+  check(1000, kEvents, /*formPid=*/4243);
+  EXPECT_EQ(granted_, false);
+  check(0, kEvents, 4242, /*startTime=*/776);  // a stale form, even for root
+  EXPECT_EQ(granted_, false);
+  granted_.reset();
+  authorizationCheck(formValue(4242, 1000, 777), {.pid = 4242, .uid = 1001}, kEvents,
+                     [this](bool granted) { granted_ = granted; });
+  EXPECT_EQ(granted_, false);
+  authorizationCheck(plist::Value::data(plist::Bytes(32, 0)), {.pid = 4242, .uid = 0}, kEvents,
+                     [this](bool granted) { granted_ = granted; });
+  EXPECT_EQ(granted_, false);
+  for (const char* right : {"",
+                            "quillon.nightjar.sch\xc3\xa9"
+                            "duler.set"}) {
+    check(0, right);
+    EXPECT_EQ(granted_, false);
+  }
+  check(0, std::string(kEvents) + std::string(1, '\0'));
+  EXPECT_EQ(granted_, false);
+  EXPECT_TRUE(authority_->checks.empty());
+  EXPECT_TRUE(log.lines.empty());
+}
+
+TEST_F(AuthorizationCheckTest, RootHoldsEveryDefinedRightWithoutARoundTrip) {
+  for (const RightDefinition& right : kDefaultRights) {
+    check(0, std::string(right.name));
+    EXPECT_EQ(granted_, true) << right.name;
+  }
+  EXPECT_TRUE(authority_->checks.empty());
+
+  // An undefined right is the authority's to decide, for root too.
+  testing::RecordingLogSink log;
+  check(0, "quillon.nightjar.scheduler.unknown");
+  EXPECT_EQ(authority_->checks.size(), 1u);
+  EXPECT_FALSE(granted_);
+  authority_->answer(AuthorityAnswer::Refused);
+  EXPECT_EQ(granted_, false);
+  EXPECT_EQ(log.lines,
+            (std::vector<std::pair<int, std::string>>{
+                {LOG_NOTICE, "Authorization refused: quillon.nightjar.scheduler.unknown"}}));
+}
+
+TEST_F(AuthorizationCheckTest, OthersAskTheAuthorityAboutThemselves) {
+  testing::RecordingLogSink log;
+  check(1000, kSet);
+  ASSERT_EQ(authority_->checks.size(), 1u);
+  const FakeAuthority::Check& asked = authority_->checks[0];
+  EXPECT_EQ(asked.subject.pid, 4242);
+  EXPECT_EQ(asked.subject.uid, 1000u);
+  EXPECT_EQ(asked.subject.startTime, 777u);
+  EXPECT_EQ(asked.right, kSet);
+  EXPECT_FALSE(granted_);  // waits for the answer
+  authority_->answer(AuthorityAnswer::Granted);
+  EXPECT_EQ(granted_, true);
+  EXPECT_EQ(calls_, 1);
+  EXPECT_TRUE(log.lines.empty());
+
+  // A read right is the authority's to refuse too.
+  check(1000, kEvents);
+  authority_->answer(AuthorityAnswer::Refused);
+  EXPECT_EQ(granted_, false);
+  EXPECT_EQ(log.texts(),
+            std::vector<std::string>{std::string("Authorization refused: ") + kEvents});
+  EXPECT_EQ(log.lines[0].first, LOG_NOTICE);
+}
+
+TEST_F(AuthorizationCheckTest, WithoutAnAuthorityTheInstalledPolicyDecides) {
+  struct Case {
+    std::uint32_t uid;
+    std::string right;
+    bool granted;
+  };
+  const Case cases[] = {
+      {1000, kEvents, true},                           // "allow"
+      {1000, kSet, false},                             // the write rule
+      {1000, "quillon.nightjar.custom.admin", false},  // any other rule
+      {0, "quillon.nightjar.custom.admin", true},      // root: allow-root
+      {1000, "quillon.nightjar.nothing.here", false},  // undefined
+      {0, "quillon.nightjar.nothing.here", false},
+  };
+  for (bool authorityAnswers : {true, false}) {
+    create(/*withAuthority=*/authorityAnswers);
+    database_->rights.emplace("quillon.nightjar.custom.admin",
+                              plist::Value::dictionary({{"allow_any", plist::Value::string("no")}}));
+    for (const Case& c : cases) {
+      testing::RecordingLogSink log;
+      check(c.uid, c.right);
+      if (authorityAnswers && authority_->waiting() > 0)
+        authority_->answer(AuthorityAnswer::NoAuthority);
+      EXPECT_EQ(granted_, c.granted) << c.right << " uid " << c.uid;
+      EXPECT_EQ(calls_, 1);
+      EXPECT_EQ(log.texts().size(), c.granted ? 0u : 1u);
+    }
+  }
+}
+
+TEST_F(AuthorizationCheckTest, AbsentCheckerRefusesAndDestroyDropsPendingChecks) {
+  check(1000, kSet);
+  ASSERT_EQ(authority_->waiting(), 1u);
+  authorizationDestroy();  // the fake authority goes, with its pending check
+  EXPECT_EQ(calls_, 0);
+  check(0, kEvents);
+  EXPECT_EQ(granted_, false);
+  EXPECT_FALSE(authorizationCreate({}));
+  EXPECT_EQ(authorizationGet(), nullptr);
+}
+
+}  // namespace
+}  // namespace nightjar::api

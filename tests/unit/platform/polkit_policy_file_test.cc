@@ -1,0 +1,214 @@
+#include "platform/linux/polkit_policy_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/linux/polkit_action_document.h"
+#include "platform/temporary_root.h"
+
+namespace nightjar::platform::linux_adapter {
+namespace {
+
+constexpr char kFile[] = "/usr/share/polkit-1/actions/quillon.nightjar.policy";
+constexpr char kEvents[] = "quillon.nightjar.scheduler.events";
+constexpr char kSet[] = "quillon.nightjar.scheduler.set";
+
+plist::Value allow() {
+  return plist::Value::string("allow");
+}
+plist::Value adminRule(bool shared) {
+  return plist::Value::dictionary({{"class", plist::Value::string("user")},
+                                   {"group", plist::Value::string("admin")},
+                                   {"shared", plist::Value::boolean(shared)},
+                                   {"allow-root", plist::Value::boolean(true)}});
+}
+
+// An administrator's file: a comment, vendor lines, an annotated action of
+// another program, and one right of ours with its own defaults.
+constexpr char kAdministratorsFile[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE policyconfig PUBLIC "-//freedesktop//DTD PolicyKit Policy Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/PolicyKit/1/policyconfig.dtd">
+<!-- kept by the site's administrator -->
+<policyconfig>
+  <vendor>Site</vendor>
+  <action id="org.example.other"><description>Other</description>
+    <defaults><allow_any>no</allow_any><allow_inactive>no</allow_inactive><allow_active>yes</allow_active></defaults>
+    <annotate key="org.freedesktop.policykit.imply">org.example.more</annotate>
+  </action>
+  <action id="quillon.nightjar.scheduler.set">
+    <defaults>
+      <allow_any> auth_self </allow_any>
+      <allow_active>auth_self</allow_active>
+    </defaults>
+  </action>
+</policyconfig>
+)";
+
+class PolkitPolicyFileTest : public ::testing::Test {
+ protected:
+  std::string read() const {
+    std::ifstream in(root_ / kFile);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  void write(const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(root_ / kFile).parent_path());
+    std::ofstream(root_ / kFile, std::ios::trunc) << text;
+  }
+  bool exists() const { return std::filesystem::exists(root_ / kFile); }
+
+  testing::TemporaryRoot root_;
+  std::unique_ptr<PolicyDatabase> database_ = makePolkitPolicyFile(root_.path);
+  struct stat st_ {};
+};
+
+TEST_F(PolkitPolicyFileTest, RulesMapOntoPolkitDefaultsAndBack) {
+  EXPECT_TRUE(database_->rule(kEvents).isNone());
+  EXPECT_EQ(database_->removeRight(kEvents), ENOENT);
+  EXPECT_FALSE(exists());
+
+  ASSERT_EQ(database_->setRight(kEvents, allow()), 0);
+  ASSERT_EQ(database_->setRight(kSet, adminRule(/*shared=*/true)), 0);
+  EXPECT_EQ(database_->rule(kEvents), allow());
+  EXPECT_EQ(database_->rule(kSet), adminRule(true));
+  EXPECT_EQ((::stat((root_ / kFile).c_str(), &st_), st_.st_mode & 07777), 0644u);
+
+  std::optional<PolkitActionDocument> document = parsePolkitActions(read());
+  ASSERT_TRUE(document);
+  ASSERT_EQ(document->actions.size(), 2u);
+  EXPECT_EQ(document->actions[0].id, kEvents);
+  EXPECT_EQ(document->actions[0].defaults, (PolkitDefaults{"yes", "yes", "yes"}));
+  EXPECT_EQ(document->actions[1].defaults,
+            (PolkitDefaults{"auth_admin_keep", "auth_admin_keep", "auth_admin_keep"}));
+  EXPECT_NE(read().find("<message>"), std::string::npos);  // polkit wants one
+
+  // Not shared: no credential kept. A definition of polkit's own words
+  // survives a round trip; anything else cannot be expressed.
+  ASSERT_EQ(database_->setRight(kSet, adminRule(false)), 0);
+  EXPECT_EQ(database_->rule(kSet), adminRule(false));
+  const plist::Value own =
+      plist::Value::dictionary({{"allow_any", plist::Value::string("no")},
+                                {"allow_inactive", plist::Value::string("no")},
+                                {"allow_active", plist::Value::string("auth_self")}});
+  ASSERT_EQ(database_->setRight(kSet, own), 0);
+  EXPECT_EQ(database_->rule(kSet), own);
+  const std::string before = read();
+  EXPECT_EQ(database_->setRight(kSet, plist::Value::string("authenticate-admin")), EINVAL);
+  EXPECT_EQ(database_->setRight(kSet, own.with("allow_any", plist::Value::string("maybe"))),
+            EINVAL);
+  EXPECT_EQ(database_->setRight(kSet, plist::Value::integer(1)), EINVAL);
+  EXPECT_EQ(read(), before);
+
+  // The file goes with its last action.
+  EXPECT_EQ(database_->removeRight(kSet), 0);
+  EXPECT_TRUE(database_->rule(kSet).isNone());
+  EXPECT_EQ(database_->removeRight(kEvents), 0);
+  EXPECT_FALSE(exists());
+  EXPECT_TRUE(database_->rule(kEvents).isNone());
+}
+
+TEST_F(PolkitPolicyFileTest, EditsLeaveEveryOtherByteOfTheFile) {
+  write(kAdministratorsFile);
+  // Missing defaults read as polkit reads them: "no".
+  EXPECT_EQ(database_->rule(kSet),
+            plist::Value::dictionary({{"allow_any", plist::Value::string("auth_self")},
+                                      {"allow_inactive", plist::Value::string("no")},
+                                      {"allow_active", plist::Value::string("auth_self")}}));
+  ASSERT_EQ(database_->setRight(kEvents, allow()), 0);
+  const std::string added = read();
+  const std::string original = kAdministratorsFile;
+  const std::size_t close = original.find("</policyconfig>");
+  EXPECT_EQ(added.substr(0, close), original.substr(0, close));
+  EXPECT_EQ(added.substr(added.size() - 16), "</policyconfig>\n");
+  EXPECT_EQ(database_->rule(kEvents), allow());
+
+  ASSERT_EQ(database_->removeRight(kEvents), 0);
+  EXPECT_EQ(read(), original);
+
+  // Removing ours keeps the foreign action, so the file stays.
+  ASSERT_EQ(database_->removeRight(kSet), 0);
+  EXPECT_TRUE(exists());
+  std::optional<PolkitActionDocument> document = parsePolkitActions(read());
+  ASSERT_TRUE(document);
+  ASSERT_EQ(document->actions.size(), 1u);
+  EXPECT_EQ(document->actions[0].id, "org.example.other");
+  EXPECT_NE(read().find("<!-- kept by the site's administrator -->"), std::string::npos);
+}
+
+TEST_F(PolkitPolicyFileTest, HostileFilesDefineNothingAndAreNeverOverwritten) {
+  const std::string action = R"(<action id="quillon.nightjar.scheduler.events"><defaults>)"
+                             R"(<allow_any>yes</allow_any><allow_inactive>yes</allow_inactive>)"
+                             R"(<allow_active>yes</allow_active></defaults></action>)";
+  std::string deep = "<policyconfig>" + action;
+  for (int i = 0; i < 40; ++i)
+    deep += "<a>";
+  for (int i = 0; i < 40; ++i)
+    deep += "</a>";
+  deep += "</policyconfig>";
+  const std::string hostile[] = {
+      "<policyconfig>" + action,  // truncated
+      "<?xml version=\"1.0\"?><!DOCTYPE policyconfig [<!ENTITY a \"aaaa\">]><policyconfig>" +
+          action + "</policyconfig>",
+      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><policyconfig>" + action + "</policyconfig>",
+      "<other>" + action + "</other>",
+      deep,
+      "<policyconfig>" + action + std::string(kMaxActionFileBytes, ' ') + "</policyconfig>",
+  };
+  for (const std::string& text : hostile) {
+    write(text);
+    EXPECT_TRUE(database_->rule(kEvents).isNone()) << text.substr(0, 80);
+    EXPECT_NE(database_->setRight(kSet, allow()), 0);
+    EXPECT_NE(database_->removeRight(kEvents), 0);
+    EXPECT_EQ(read(), text);
+  }
+  // A valid file again is seen at once: its identity changed.
+  write("<policyconfig>" + action + "</policyconfig>");
+  EXPECT_EQ(database_->rule(kEvents), allow());
+}
+
+TEST_F(PolkitPolicyFileTest, ReadsAgainOnlyWhenTheFileChanged) {
+  ASSERT_EQ(database_->setRight(kEvents, allow()), 0);
+  EXPECT_EQ(database_->rule(kEvents), allow());
+  // Another writer renames a new version in place, as -i does.
+  auto other = makePolkitPolicyFile(root_.path);
+  ASSERT_EQ(other->setRight(kEvents, adminRule(true)), 0);
+  EXPECT_EQ(database_->rule(kEvents), adminRule(true));
+  ASSERT_EQ(other->removeRight(kEvents), 0);
+  EXPECT_TRUE(database_->rule(kEvents).isNone());
+}
+
+TEST_F(PolkitPolicyFileTest, UnwritableFolderAnswersAnErrorNumber) {
+  std::ofstream(root_ / "/usr") << "a file where the folder should be";
+  EXPECT_EQ(database_->setRight(kEvents, allow()), ENOTDIR);
+  EXPECT_TRUE(database_->rule(kEvents).isNone());
+}
+
+TEST(PolkitActionDocumentTest, EmptyElementsAndAnEmptyRoot) {
+  std::optional<PolkitActionDocument> document = parsePolkitActions(
+      "<policyconfig><action id=\"a\"/><action id=\"b\"></action></policyconfig>");
+  ASSERT_TRUE(document);
+  ASSERT_EQ(document->actions.size(), 2u);
+  EXPECT_EQ(document->text.substr(document->actions[0].begin,
+                                  document->actions[0].end - document->actions[0].begin),
+            "<action id=\"a\"/>");
+  EXPECT_EQ(withoutPolkitAction(*document, document->actions[0]),
+            "<policyconfig><action id=\"b\"></action></policyconfig>");
+  EXPECT_EQ(document->actions[0].defaults, PolkitDefaults{});
+
+  std::optional<PolkitActionDocument> empty = parsePolkitActions("<policyconfig/>");
+  ASSERT_TRUE(empty);
+  std::optional<PolkitActionDocument> grown =
+      parsePolkitActions(withPolkitAction(*empty, renderPolkitAction("x&y", {})));
+  ASSERT_TRUE(grown);
+  ASSERT_EQ(grown->actions.size(), 1u);
+  EXPECT_EQ(grown->actions[0].id, "x&y");
+}
+
+}  // namespace
+}  // namespace nightjar::platform::linux_adapter

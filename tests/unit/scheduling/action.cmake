@@ -1,0 +1,7 @@
+# Event actions: the predicates and the perform sequence against fakes, and the
+# pause on the real run loop.
+nightjar_unit_test(event_action_test
+  SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/event_action_test.cc
+    ${CMAKE_CURRENT_LIST_DIR}/event_action_loop_test.cc
+  LIBS nightjar_scheduling)

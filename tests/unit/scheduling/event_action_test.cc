@@ -1,0 +1,385 @@
+#include "scheduling/event_action.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "fakes/fake_clock.h"
+#include "fakes/fake_command_runner.h"
+#include "fakes/fake_console_notice.h"
+#include "fakes/fake_console_user_source.h"
+#include "fakes/fake_distributed_center.h"
+#include "fakes/fake_preferences_store.h"
+#include "fakes/fake_system_sleep.h"
+#include "fakes/fake_timer.h"
+#include "logging/logging.h"
+#include "monitors/system_monitor.h"
+#include "persistence/preferences.h"
+#include "plist/describe.h"
+
+namespace nightjar::scheduling {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+using Journal = std::vector<std::string>;
+
+constexpr char kGracestop[] = "/usr/local/nightjar/bin/gracestop";
+constexpr char kPerch[] = "/usr/local/nightjar/bin/perch";
+
+// Everything the module does, in one list: log lines as "<priority> text",
+// broadcasts, commands, notices, and the activity count going up and down.
+class JournalSink final : public logging::LogSink {
+ public:
+  explicit JournalSink(Journal& journal) : journal_(journal) {}
+  void write(int priority, std::string_view line) override {
+    if (line != "Dening idle sleep request")  // the monitor's own line
+      journal_.push_back(std::to_string(priority) + " " + std::string(line));
+  }
+
+ private:
+  Journal& journal_;
+};
+
+// The monitor holds the guard while the activity count is above 0.
+class ActivityGuard final : public platform::SleepGuard {
+ public:
+  explicit ActivityGuard(Journal& journal) : journal_(journal) {}
+  void hold() override { journal_.push_back("activity up"); }
+  void release() override { journal_.push_back("activity down"); }
+
+ private:
+  Journal& journal_;
+};
+
+plist::Value event(std::string_view type, std::string_view name = "Nightly") {
+  plist::Dictionary members = {
+      {"name", plist::Value::string(std::string(name))},
+      {"uniqueid", plist::Value::string("u-" + std::string(name))},
+      {"_DateTimeQueueController.Trigger.Date", plist::Value::date(1000)},
+  };
+  if (!type.empty()) {
+    members.emplace("action",
+                    plist::Value::dictionary({{"type", plist::Value::string(std::string(type))}}));
+  }
+  return plist::Value::dictionary(std::move(members));
+}
+
+// The lines that open every perform of `e` named `name`.
+Journal opening(const plist::Value& e, const std::string& name = "Nightly") {
+  return {"activity up", "5 Performing: \"" + name + "\"",
+          "7 Performing: " + plist::describeValue(e)};
+}
+
+Journal concat(Journal a, const Journal& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+class EventActionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    logging::setLogSink(&sink_);
+    monitors::SystemMonitorPorts monitorPorts;
+    auto console = std::make_unique<testing::FakeConsoleUserSource>();
+    console_ = console.get();
+    console_->session = testing::userSession("alice", 1000, 1000);
+    monitorPorts.consoleUser = std::move(console);
+    monitorPorts.sleepGuard = std::make_unique<ActivityGuard>(journal_);
+    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, std::move(monitorPorts)));
+    persistence::preferencesSetStore(&preferences_);
+    auto trace = [this](const std::string& line) { journal_.push_back(line); };
+    center_.trace = sleep_.trace = commands_.trace = notice_.trace = trace;
+    setUp(timers_.timerFactory());
+  }
+  void TearDown() override {
+    eventActionTearDown();
+    persistence::preferencesSetStore(nullptr);
+    monitors::systemMonitorDestroy(nullptr);
+    logging::setLogSink(nullptr);
+  }
+
+  void setUp(runloop::TimerFactory timers) {
+    EventActionPorts ports;
+    ports.broadcasts = &center_;
+    ports.sleep = &sleep_;
+    ports.commands = &commands_;
+    ports.notice = &notice_;
+    ports.timers = std::move(timers);
+    ports.clock = &clock_;
+    eventActionSetUp(std::move(ports));
+  }
+
+  void perform(const plist::Value& e, const std::string& label = "done") {
+    eventActionPerform(e, [this, label] { journal_.push_back(label); });
+  }
+  fakes::FakeTimer& pause() { return *timers_.timer(0); }
+  bool pausing() { return pause().armed() && !pause().parked(); }
+
+  Journal journal_;
+  JournalSink sink_{journal_};
+  fakes::FakeClock clock_{5000};
+  fakes::FakeTimerFactory timers_{clock_};
+  fakes::FakePreferencesStore preferences_;
+  testing::FakeConsoleUserSource* console_ = nullptr;
+  testing::FakeDistributedCenter center_;
+  testing::FakeSystemSleep sleep_;
+  testing::FakeCommandRunner commands_;
+  testing::FakeConsoleNotice notice_;
+};
+
+TEST(EventActionPredicates, Table) {
+  struct Row {
+    plist::Value event;
+    bool wake;
+    double lead;
+    bool preWake;
+    std::optional<std::string_view> powerType;
+  };
+  const plist::Value numberType = plist::Value::dictionary(
+      {{"action", plist::Value::dictionary({{"type", plist::Value::integer(3)}})}});
+  const plist::Value actionNotDictionary =
+      plist::Value::dictionary({{"action", plist::Value::string("wake")}});
+  const std::vector<Row> rows = {
+      {event("wake"), true, 120, false, "wake"},
+      {event("start up or wake"), true, 120, false, "wakepoweron"},
+      {event("sleep"), false, 0, false, std::nullopt},
+      {event("shutdown"), false, 0, true, std::nullopt},
+      {event("restart"), false, 0, true, std::nullopt},
+      {event("logout"), false, 0, true, std::nullopt},
+      {event("fast user switch"), false, 0, true, std::nullopt},
+      {event("Wake"), false, 0, true, std::nullopt},
+      {event(""), false, 0, true, std::nullopt},
+      {numberType, false, 0, true, std::nullopt},
+      {actionNotDictionary, false, 0, true, std::nullopt},
+      {plist::Value(), false, 0, true, std::nullopt},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(plist::describeValue(row.event));
+    EXPECT_EQ(eventActionIsWakeKind(row.event), row.wake);
+    EXPECT_EQ(eventActionLeadTime(row.event), row.lead);
+    EXPECT_EQ(eventActionNeedsPreWake(row.event), row.preWake);
+    EXPECT_EQ(eventActionPowerEventType(row.event), row.powerType);
+  }
+  EXPECT_EQ(eventActionTypeOf(event("sleep")), plist::Value::string("sleep"));
+  EXPECT_TRUE(eventActionTypeOf(actionNotDictionary).isNone());
+}
+
+// Given each carried-out kind, expect: opening lines, "event.willperform", a
+// 2-second pause, the action, "event.didperform", the count lowered, then the
+// completion; the broadcasts carry the event as given, private keys included.
+TEST_F(EventActionTest, EachActionRunsTheWholeSequenceInOrder) {
+  const std::vector<std::pair<std::string, std::string>> kinds = {
+      {"sleep", "sleep"},
+      {"shutdown", std::string(kGracestop) + " -h"},
+      {"restart", std::string(kGracestop) + " -r"},
+      {"logout", std::string(kPerch) + " -l"},
+      {"fast user switch", std::string(kPerch) + " -s"},
+  };
+  for (const auto& [type, action] : kinds) {
+    SCOPED_TRACE(type);
+    journal_.clear();
+    center_.broadcasts.clear();
+    const plist::Value e = event(type);
+    perform(e);
+    EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform"}));
+    ASSERT_TRUE(pausing());
+    EXPECT_EQ(pause().nextFireDate(), clock_.now() + 2.0);
+    EXPECT_TRUE(eventActionBusy());
+
+    pause().fire();
+    EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", action,
+                                            "post event.didperform", "activity down", "done"}));
+    ASSERT_EQ(center_.broadcasts.size(), 2u);
+    EXPECT_EQ(center_.broadcasts[0].userInfo, e);
+    EXPECT_EQ(center_.broadcasts[1].userInfo, e);
+    EXPECT_FALSE(eventActionBusy());
+  }
+  EXPECT_EQ(sleep_.requests, 1);
+  EXPECT_EQ(commands_.commands.size(), 4u);
+}
+
+TEST_F(EventActionTest, WakeKindsAndMissingTypesPostNothingAndCompleteAtOnce) {
+  for (const std::string type : {"wake", "start up or wake"}) {
+    journal_.clear();
+    const plist::Value e = event(type);
+    perform(e);
+    EXPECT_EQ(journal_, concat(opening(e),
+                               {"7 IOKit Performing: \"" + type + "\"", "activity down", "done"}));
+  }
+  journal_.clear();
+  const plist::Value untyped = event("");
+  perform(untyped);
+  EXPECT_EQ(journal_, concat(opening(untyped), {"activity down", "done"}));
+  EXPECT_THAT(center_.broadcasts, IsEmpty());
+  EXPECT_EQ(pause().setCount(), 0);
+  EXPECT_FALSE(eventActionBusy());
+}
+
+TEST_F(EventActionTest, UnknownTypeIsAnnouncedAndPausedForButNothingIsDone) {
+  const plist::Value e = event("dance");
+  perform(e);
+  ASSERT_TRUE(pausing());
+  pause().fire();
+  EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", "post event.didperform",
+                                          "activity down", "done"}));
+  EXPECT_THAT(commands_.commands, IsEmpty());
+  EXPECT_EQ(sleep_.requests, 0);
+}
+
+TEST_F(EventActionTest, FastUserSwitchWithNobodyAtTheConsoleIsIgnoredButAnnounced) {
+  console_->session = testing::greeterSession();
+  const plist::Value e = event("fast user switch");
+  perform(e);
+  pause().fire();
+  EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform",
+                                          "6 Ignored fast user switch - no active user",
+                                          "post event.didperform", "activity down", "done"}));
+  EXPECT_THAT(commands_.commands, IsEmpty());
+}
+
+// The tool's outcome arrives after the perform ended; only a failure is logged.
+TEST_F(EventActionTest, FailingToolsAndRefusedSleepAreLogged) {
+  perform(event("shutdown"));
+  pause().fire();
+  perform(event("logout"));
+  pause().fire();
+  perform(event("restart"));
+  pause().fire();
+  journal_.clear();
+  commands_.exit(1);
+  commands_.exit(0);
+  commands_.exit(128 + 9);
+  EXPECT_THAT(journal_, ElementsAre("3 gracestop error: 1", "3 gracestop error: 137"));
+
+  journal_.clear();
+  commands_.spawnError = ENOENT;
+  perform(event("fast user switch"));
+  pause().fire();
+  EXPECT_THAT(journal_, ::testing::Contains("3 perch error: 2"));
+
+  journal_.clear();
+  perform(event("sleep"));
+  pause().fire();
+  perform(event("sleep"));
+  pause().fire();
+  journal_.clear();
+  sleep_.answer(0);
+  sleep_.answer(EBUSY);
+  EXPECT_THAT(journal_, ElementsAre("3 Sleep error: 16"));
+}
+
+// A perform asked for during another's pause waits its turn, and so does one
+// asked for from a completion; none interleaves with another.
+TEST_F(EventActionTest, PerformsRunOneAfterAnotherInOrderOfAsking) {
+  const plist::Value first = event("shutdown", "first");
+  const plist::Value second = event("wake", "second");
+  const plist::Value third = event("logout", "third");
+  const plist::Value fourth = event("restart", "fourth");
+  perform(first, "first done");
+  perform(second, "second done");
+  eventActionPerform(third, [&] {
+    journal_.push_back("third done");
+    perform(fourth, "fourth done");
+  });
+  EXPECT_EQ(journal_, concat(opening(first, "first"), {"post event.willperform"}));
+
+  journal_.clear();
+  pause().fire();
+  Journal expected = {std::string(kGracestop) + " -h", "post event.didperform", "activity down",
+                      "first done"};
+  expected = concat(expected, opening(second, "second"));
+  expected = concat(expected, {"7 IOKit Performing: \"wake\"", "activity down", "second done"});
+  expected = concat(expected, opening(third, "third"));
+  expected.push_back("post event.willperform");
+  EXPECT_EQ(journal_, expected);
+
+  journal_.clear();
+  pause().fire();
+  expected = {std::string(kPerch) + " -l", "post event.didperform", "activity down", "third done"};
+  expected = concat(expected, opening(fourth, "fourth"));
+  expected.push_back("post event.willperform");
+  EXPECT_EQ(journal_, expected);
+
+  journal_.clear();
+  pause().fire();
+  EXPECT_THAT(journal_, ElementsAreArray(
+                            {std::string(kGracestop) + " -r", std::string("post event.didperform"),
+                             std::string("activity down"), std::string("fourth done")}));
+  EXPECT_FALSE(eventActionBusy());
+}
+
+TEST_F(EventActionTest, ConsoleNotifierShowsTheNoticeForThePauseAndClosesIt) {
+  preferences_.setValue(persistence::kConsoleNotifierKey, plist::Value::boolean(true));
+  const plist::Value e = event("restart");
+  perform(e);
+  ASSERT_EQ(notice_.shown.size(), 1u);
+  EXPECT_EQ(notice_.shown[0].header, "Scheduled restart has begun");
+  EXPECT_EQ(notice_.shown[0].message,
+            "An automated restart has begun. This is a previously scheduled event.");
+  EXPECT_EQ(notice_.shown[0].seconds, 2.0);
+  EXPECT_TRUE(pausing());
+  pause().fire();
+  EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", "notice shown", "notice closed",
+                                          std::string(kGracestop) + " -r", "post event.didperform",
+                                          "activity down", "done"}));
+
+  // No desktop to show it on: no notice, and the pause all the same.
+  journal_.clear();
+  notice_.reachable = false;
+  perform(e);
+  EXPECT_TRUE(pausing());
+  pause().fire();
+  EXPECT_EQ(notice_.closes, 1);
+  EXPECT_THAT(journal_, ::testing::Contains("done"));
+}
+
+TEST_F(EventActionTest, NoNoticeWithTheNotifierOff) {
+  perform(event("restart"));
+  pause().fire();
+  EXPECT_THAT(notice_.shown, IsEmpty());
+}
+
+// Tearing down mid-pause ends the perform: the count goes down, the notice
+// closes, and neither that completion nor a waiting perform's runs.
+TEST_F(EventActionTest, TearDownDuringThePauseEndsThePerform) {
+  preferences_.setValue(persistence::kConsoleNotifierKey, plist::Value::boolean(true));
+  perform(event("shutdown"), "first done");
+  perform(event("logout"), "second done");
+  journal_.clear();
+  eventActionTearDown();
+  EXPECT_THAT(journal_, ElementsAre("notice closed", "activity down"));
+  EXPECT_FALSE(eventActionBusy());
+  EXPECT_THAT(commands_.commands, IsEmpty());
+}
+
+TEST_F(EventActionTest, WithoutSetUpOrEventNothingIsPerformed) {
+  eventActionTearDown();
+  journal_.clear();
+  perform(event("shutdown"));
+  EXPECT_THAT(journal_, ElementsAre("done"));
+  setUp(timers_.timerFactory());
+  journal_.clear();
+  perform(plist::Value());
+  EXPECT_THAT(journal_, IsEmpty());
+}
+
+// A run loop that cannot make the pause timer: the action is carried out
+// without a pause rather than never.
+TEST_F(EventActionTest, WithoutATimerTheActionRunsWithoutAPause) {
+  eventActionTearDown();
+  timers_.setFailing(true);
+  setUp(timers_.timerFactory());
+  journal_.clear();
+  const plist::Value e = event("shutdown");
+  perform(e);
+  EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", std::string(kGracestop) + " -h",
+                                          "post event.didperform", "activity down", "done"}));
+}
+
+}  // namespace
+}  // namespace nightjar::scheduling

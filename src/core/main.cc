@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "api/authorization.h"
 #include "core/command_line.h"
 #include "core/descriptors.h"
 #include "core/lock_file.h"
@@ -28,6 +29,7 @@
 #include "platform/linux/logind_console_user_source.h"
 #include "platform/linux/logind_power_source.h"
 #include "platform/linux/logind_sleep_guard.h"
+#include "platform/linux/polkit_policy_file.h"
 #include "platform/linux/system_bus.h"
 #include "runloop/notification_center.h"
 #include "runloop/run_loop.h"
@@ -166,9 +168,16 @@ int main(int argc, char* argv[]) {
       std::fputs(core::usageText(argv[0]).c_str(), stdout);
       break;
     case core::Command::InstallRights:
-    case core::Command::RemoveRights:
-      // The rights database arrives with the API; until then these change nothing.
+    case core::Command::RemoveRights: {
+      // Failures are logged per right; the exit status does not tell them.
+      auto rights =
+          platform::linux_adapter::makePolkitPolicyFile(platform::linux_adapter::daemonRoot());
+      if (line.command == core::Command::InstallRights)
+        api::installDefaultRights(*rights);
+      else
+        api::uninstallRights(*rights);
       break;
+    }
   }
   logging::closeLog();
   return status;

@@ -1,0 +1,95 @@
+"""nightjard -i and -u: the rights in polkit's action file under the daemon's root."""
+
+import xml.etree.ElementTree as ElementTree
+
+POLICY = "usr/share/polkit-1/actions/quillon.nightjar.policy"
+READ_RIGHTS = ["build.version", "notifications.pending", "notifications.notifyperiod",
+               "scheduler.enabled", "scheduler.events"]
+WRITE_RIGHTS = ["notifications.cancel", "notifications.delay", "notifications.reset",
+                "notifications.setnotifyperiod", "notifications.notify", "scheduler.setenabled",
+                "scheduler.setevents", "scheduler.set", "scheduler.remove"]
+RIGHTS = ["quillon.nightjar." + name for name in READ_RIGHTS + WRITE_RIGHTS]
+
+OWN_SET = """  <action id="quillon.nightjar.scheduler.set">
+    <description>Set by the site</description>
+    <message>Ask the site</message>
+    <defaults><allow_any>no</allow_any><allow_inactive>no</allow_inactive><allow_active>auth_self</allow_active></defaults>
+  </action>
+"""
+FOREIGN = """  <action id="org.example.other">
+    <defaults><allow_any>yes</allow_any></defaults>
+  </action>
+"""
+
+
+def policy_file(actions):
+    return ('<?xml version="1.0" encoding="UTF-8"?>\n<!-- the site\'s -->\n<policyconfig>\n'
+            + actions + "</policyconfig>\n")
+
+
+def run(start_daemon, option):
+    daemon = start_daemon(option)
+    assert daemon.wait() == 0
+    assert daemon.process.stdout.read() == b""
+    return daemon
+
+
+def defaults_by_id(path):
+    result = {}
+    for action in ElementTree.parse(path).getroot().iter("action"):
+        defaults = action.find("defaults")
+        result[action.get("id")] = tuple(
+            (defaults.findtext(key) or "no").strip()
+            for key in ("allow_any", "allow_inactive", "allow_active"))
+    return result
+
+
+def test_install_defines_the_fourteen_rights_once(start_daemon, root):
+    run(start_daemon, "-i")
+    policy = root / POLICY
+    rules = defaults_by_id(policy)
+    assert list(rules) == RIGHTS
+    for name in RIGHTS[:5]:
+        assert rules[name] == ("yes", "yes", "yes")
+    for name in RIGHTS[5:]:
+        assert rules[name] == ("auth_admin_keep",) * 3
+    assert oct(policy.stat().st_mode & 0o777) == "0o644"
+    first = policy.read_bytes()
+
+    daemon = run(start_daemon, "-i")
+    assert policy.read_bytes() == first
+    assert not any("Unable to" in m for m in daemon.messages())
+    assert not (root / "var/run/nightjard.pid").exists()
+
+
+def test_install_keeps_an_already_defined_right_and_the_files_other_content(start_daemon, root):
+    policy = root / POLICY
+    policy.write_text(policy_file(OWN_SET + FOREIGN))
+    run(start_daemon, "-i")
+    text = policy.read_text()
+    assert text.startswith(policy_file(OWN_SET + FOREIGN)[:-len("</policyconfig>\n")])
+    rules = defaults_by_id(policy)
+    assert rules["quillon.nightjar.scheduler.set"] == ("no", "no", "auth_self")
+    assert sorted(rules) == sorted(RIGHTS + ["org.example.other"])
+
+    # -u takes every right of ours, the site's own definition too, and keeps the rest.
+    run(start_daemon, "-u")
+    assert policy.read_text() == policy_file(FOREIGN)
+
+
+def test_uninstall_removes_the_rights_and_then_the_file(start_daemon, root):
+    run(start_daemon, "-i")
+    daemon = run(start_daemon, "-u")
+    assert not (root / POLICY).exists()
+    assert not any("Unable to" in m for m in daemon.messages())
+    run(start_daemon, "-u")
+    assert not (root / POLICY).exists()
+
+
+def test_each_right_that_cannot_be_set_is_logged(start_daemon, root):
+    folder = root / "usr/share/polkit-1/actions"
+    folder.rmdir()
+    folder.write_text("")  # a file where the folder should be: ENOTDIR
+    daemon = run(start_daemon, "-i")
+    failures = [line for line in daemon.lines() if "Unable to set right" in line]
+    assert failures == [f"<3>Unable to set right: {name}, 20" for name in RIGHTS]

@@ -1,0 +1,91 @@
+#include "platform/linux/session_bus_console_notice.h"
+
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/dbusmock_calls.h"
+#include "platform/private_bus.h"
+#include "platform/temporary_root.h"
+
+namespace nightjar::platform::linux_adapter {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr char kService[] = "org.freedesktop.Notifications";
+constexpr char kPath[] = "/org/freedesktop/Notifications";
+
+// A private bus with dbusmock's notification server stands in for the console
+// user's session bus, reached at "<root>/run/user/<uid>/bus".
+class SessionBusConsoleNoticeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(bus_.startTemplate("notification_daemon", kService));
+    const std::string address = bus_.address();
+    const std::string prefix = "unix:path=";
+    ASSERT_EQ(address.rfind(prefix, 0), 0u);
+    const std::string socket = address.substr(prefix.size(), address.find(',') - prefix.size());
+    const std::string userRun = root_ / ("/run/user/" + std::to_string(getuid()));
+    std::filesystem::create_directories(userRun);
+    std::filesystem::create_symlink(socket, userRun + "/bus");
+    loop_ = runloop::RunLoop::create();
+    driver_ = bus_.connect();
+    ASSERT_TRUE(loop_ && driver_);
+    notice_ = makeSessionBusConsoleNotice(*loop_, root_.path, [this] { return consoleUid_; });
+  }
+
+  std::vector<std::vector<std::string>> calls(const char* method) {
+    return nightjar::testing::mockCalls(driver_.get(), kService, kPath, method);
+  }
+  bool pumpUntilCalled(const char* method) {
+    return nightjar::testing::runUntil(loop_->event(), [&] { return !calls(method).empty(); });
+  }
+
+  nightjar::testing::PrivateBus bus_;
+  nightjar::testing::TemporaryRoot root_;
+  std::unique_ptr<runloop::RunLoop> loop_;
+  BusPtr driver_;
+  std::optional<uid_t> consoleUid_ = getuid();
+  std::unique_ptr<ConsoleNotice> notice_;
+};
+
+TEST_F(SessionBusConsoleNoticeTest, ShowsTheNoticeAndClosesIt) {
+  EXPECT_TRUE(notice_->show("Scheduled restart has begun", "An automated restart has begun.", 2));
+  ASSERT_TRUE(pumpUntilCalled("Notify"));
+  EXPECT_THAT(calls("Notify"),
+              ElementsAre(ElementsAre("nightjard", "0", "", "Scheduled restart has begun",
+                                      "An automated restart has begun.", "[ok,OK]", "?", "2000")));
+  // The server names the notice 1; closing names it back.
+  nightjar::testing::runUntil(
+      loop_->event(), [] { return false; }, std::chrono::milliseconds(100));
+  notice_->close();
+  ASSERT_TRUE(pumpUntilCalled("CloseNotification"));
+  EXPECT_THAT(calls("CloseNotification"), ElementsAre(ElementsAre("1")));
+}
+
+// close() before the server answered: the notice is closed once it does.
+TEST_F(SessionBusConsoleNoticeTest, AnEarlyCloseWaitsForTheServersAnswer) {
+  EXPECT_TRUE(notice_->show("header", "message", 2));
+  notice_->close();
+  ASSERT_TRUE(pumpUntilCalled("CloseNotification"));
+  EXPECT_THAT(calls("CloseNotification"), ElementsAre(ElementsAre("1")));
+}
+
+TEST_F(SessionBusConsoleNoticeTest, NobodyAtTheConsoleOrNoBusMeansNoNotice) {
+  consoleUid_.reset();
+  EXPECT_FALSE(notice_->show("header", "message", 2));
+  consoleUid_ = getuid() + 4242;  // a user without a session bus
+  EXPECT_FALSE(notice_->show("header", "message", 2));
+  notice_->close();  // harmless
+  nightjar::testing::runUntil(
+      loop_->event(), [] { return false; }, std::chrono::milliseconds(100));
+  EXPECT_THAT(calls("Notify"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace nightjar::platform::linux_adapter

@@ -1,0 +1,212 @@
+#include "scheduling/inactivity_queue_controller.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fakes/fake_clock.h"
+#include "fakes/fake_idle_time_source.h"
+#include "fakes/fake_timer.h"
+#include "fakes/recording_log_sink.h"
+#include "monitors/system_monitor.h"
+#include "runloop/notification_center.h"
+#include "scheduling/event_action.h"
+
+namespace nightjar::scheduling {
+namespace {
+
+using plist::Value;
+
+constexpr plist::AbsoluteTime kStart = 800000000;
+
+Value inactiveEvent(const std::string& id, std::int64_t seconds) {
+  return Value::dictionary({
+      {"uniqueid", Value::string(id)},
+      {"name", Value::string(id)},
+      {"enabled", Value::boolean(true)},
+      {"trigger", Value::dictionary({{"type", Value::string("inactive")},
+                                     {"secondsofinactivity", Value::integer(seconds)}})},
+      {"action", Value::dictionary({{"type", Value::string("sleep")}})},
+  });
+}
+
+// The controller over a fake idle time, with the perform sequence set up on
+// fake timers so that a test decides when its two-second pause ends.
+class InactivityTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
+    EventActionPorts ports;
+    ports.timers = pauses_.timerFactory();
+    ports.clock = &clock_;
+    eventActionSetUp(std::move(ports));
+    controller_ = inactivityQueueControllerCreate(&idle_, clock_, timers_.timerFactory());
+    ASSERT_NE(controller_, nullptr);
+  }
+  void TearDown() override {
+    queueControllerDestroy(controller_);
+    eventActionTearDown();
+    monitors::systemMonitorDestroy(nullptr);
+  }
+
+  fakes::FakeTimer& timer() { return *timers_.timer(0); }
+  // Ends the perform under way: its pause is over.
+  void endPause() {
+    ASSERT_NE(pauses_.last(), nullptr);
+    ASSERT_TRUE(pauses_.last()->due(clock_.now() + 2));
+    clock_.advance(2);
+    pauses_.last()->fire();
+  }
+  // The events performed so far, by name, in order.
+  std::vector<std::string> performed() const {
+    std::vector<std::string> names;
+    for (const auto& [priority, line] : log_.lines) {
+      if (priority != LOG_NOTICE || !line.starts_with("Performing: "))
+        continue;
+      std::string name = line.substr(12);
+      if (name.size() >= 2 && name.front() == '"' && name.back() == '"')
+        name = name.substr(1, name.size() - 2);
+      names.push_back(name);
+    }
+    return names;
+  }
+  void postWake() {
+    runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+  }
+
+  testing::RecordingLogSink log_;
+  fakes::FakeClock clock_{kStart};
+  fakes::FakeTimerFactory timers_{clock_};
+  fakes::FakeTimerFactory pauses_{clock_};
+  fakes::FakeIdleTimeSource idle_{clock_};
+  QueueController* controller_ = nullptr;
+};
+
+TEST_F(InactivityTest, AcceptsOnlyInactiveTriggers) {
+  EXPECT_EQ(queueControllerName(controller_), "Inactivity");
+  EXPECT_TRUE(queueControllerAccepts(controller_, "inactive"));
+  EXPECT_FALSE(queueControllerAccepts(controller_, "daily"));
+  EXPECT_FALSE(queueControllerAccepts(controller_, "once"));
+}
+
+TEST_F(InactivityTest, OnlyTheShortestPeriodIsTimedAndPerformed) {
+  queueControllerStore(controller_, inactiveEvent("long", 3600));
+  queueControllerStore(controller_, inactiveEvent("short", 600));
+  EXPECT_EQ(*queueControllerFirstEvent(controller_).get("uniqueid").asString(), "short");
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 600);
+
+  // Idle far beyond both periods: the shorter one is performed, each time.
+  clock_.advance(4000);
+  timer().fire();
+  endPause();
+  clock_.set(timer().nextFireDate());
+  timer().fire();
+  endPause();
+  EXPECT_EQ(performed(), (std::vector<std::string>{"short", "short"}));
+
+  // Once it leaves, the longer one is timed from the idle time so far.
+  queueControllerRemove(controller_, Value::string("short"));
+  const double idle = clock_.now() - kStart;
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 3600 - idle);
+  queueControllerRemove(controller_, Value::string("long"));
+  EXPECT_TRUE(timer().parked());
+}
+
+TEST_F(InactivityTest, IdleAlreadyPastThePeriodSetsTheTimerInThePast) {
+  clock_.advance(1000);  // nobody has touched the machine since kStart
+  queueControllerStore(controller_, inactiveEvent("a", 600));
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() - 400);
+  EXPECT_TRUE(timer().due(clock_.now()));
+  timer().fire();
+  EXPECT_EQ(performed(), std::vector<std::string>{"a"});
+}
+
+TEST_F(InactivityTest, RepeatsEveryPeriodWhileTheUserStaysAway) {
+  queueControllerStore(controller_, inactiveEvent("a", 600));
+  clock_.set(timer().nextFireDate());
+  // Idle exactly 600 s is not more than 600: not yet, look again at once.
+  timer().fire();
+  EXPECT_TRUE(performed().empty());
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now());
+
+  clock_.advance(1);
+  timer().fire();
+  EXPECT_EQ(performed().size(), 1u);
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600);
+  endPause();
+
+  clock_.set(timer().nextFireDate());
+  timer().fire();
+  EXPECT_EQ(performed().size(), 2u);
+  endPause();
+
+  // The user comes back 100 s before the next look: timed a period after that.
+  clock_.set(timer().nextFireDate() - 100);
+  idle_.touch();
+  clock_.advance(100);
+  timer().fire();
+  EXPECT_EQ(performed().size(), 2u);
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 500);
+}
+
+TEST_F(InactivityTest, WakeSetsTheTimerAFullPeriodAhead) {
+  queueControllerStore(controller_, inactiveEvent("a", 600));
+  clock_.advance(5000);  // asleep: the idle time read now is stale
+  postWake();
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600);
+  EXPECT_FALSE(timer().due(clock_.now()));
+}
+
+TEST_F(InactivityTest, AFiringDuringItsOwnPerformWaitsForTheCompletion) {
+  queueControllerStore(controller_, inactiveEvent("a", 1));
+  clock_.advance(2);
+  timer().fire();
+  ASSERT_EQ(performed().size(), 1u);
+
+  // The pause outlasts the period: the timer comes round mid-perform.
+  clock_.advance(1);
+  ASSERT_TRUE(timer().due(clock_.now()));
+  timer().fire();
+  EXPECT_EQ(performed().size(), 1u);
+  EXPECT_TRUE(eventActionBusy());
+
+  clock_.advance(1);
+  pauses_.last()->fire();
+  EXPECT_FALSE(eventActionBusy());
+  EXPECT_TRUE(timer().due(clock_.now()));
+  timer().fire();
+  EXPECT_EQ(performed().size(), 2u);
+}
+
+TEST_F(InactivityTest, UnknownIdleTimeNeverPerforms) {
+  idle_.setUnknown(true);
+  queueControllerStore(controller_, inactiveEvent("a", 600));
+  for (int i = 0; i < 3; ++i) {
+    clock_.set(timer().nextFireDate());
+    timer().fire();
+    EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600);
+  }
+  EXPECT_TRUE(performed().empty());
+}
+
+TEST_F(InactivityTest, ACompletionAfterDestructionIsHarmless) {
+  queueControllerStore(controller_, inactiveEvent("a", 600));
+  clock_.advance(700);
+  timer().fire();
+  ASSERT_TRUE(eventActionBusy());
+  queueControllerDestroy(controller_);
+  controller_ = nullptr;
+  EXPECT_EQ(runloop::localCenter().observationCount(), 0u);
+  pauses_.last()->fire();
+  EXPECT_FALSE(eventActionBusy());
+}
+
+TEST_F(InactivityTest, RestoringTheQueueArmsFromTheIdleTime) {
+  clock_.advance(100);
+  queueControllerReplaceAll(controller_, Value::array({inactiveEvent("a", 600)}));
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 500);
+}
+
+}  // namespace
+}  // namespace nightjar::scheduling

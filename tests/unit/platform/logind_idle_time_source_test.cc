@@ -1,0 +1,74 @@
+#include "platform/linux/logind_idle_time_source.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "fakes/fake_clock.h"
+#include "platform/logind_mock.h"
+
+namespace nightjar::platform::linux_adapter {
+namespace {
+
+using namespace nightjar::testing::logind_mock;
+
+// 2026-01-01 00:00:00 UTC, in microseconds since the epoch.
+constexpr std::uint64_t kNowUsec = 1767225600ull * 1000000;
+
+class LogindIdleTest : public LogindTest {
+ protected:
+  void SetUp() override {
+    LogindTest::SetUp();
+    clock_.set(runloop::fromUnixSeconds(static_cast<double>(kNowUsec) / 1e6));
+    source_ = makeLogindIdleTimeSource(client_.get(), clock_);
+  }
+
+  template <typename T>
+  void setManager(const char* property, const char* type, T value) {
+    call(driver_.get(), kManager, kProperties, "Set", "ssv", "org.freedesktop.login1.Manager",
+         property, type, value);
+  }
+  void setIdle(bool idle, std::uint64_t sinceUsec) {
+    setManager("IdleHint", "b", static_cast<int>(idle));
+    setManager("IdleSinceHint", "t", sinceUsec);
+  }
+
+  fakes::FakeClock clock_;
+  std::unique_ptr<IdleTimeSource> source_;
+};
+
+TEST_F(LogindIdleTest, IdleTimeRunsFromTheHintWhileTheUserIsIdle) {
+  EXPECT_EQ(source_->idleSeconds(), 0u);  // the mock starts active
+
+  setIdle(true, kNowUsec - 700'500'000);  // 700.5 s ago
+  EXPECT_EQ(source_->idleSeconds(), 700u);
+  clock_.advance(3600);
+  EXPECT_EQ(source_->idleSeconds(), 4300u);
+
+  setIdle(false, kNowUsec - 700'500'000);  // the user came back
+  EXPECT_EQ(source_->idleSeconds(), 0u);
+}
+
+TEST_F(LogindIdleTest, HintsThatMakeNoSenseReadAsZero) {
+  setIdle(true, 0);  // idle since an unknown moment
+  EXPECT_EQ(source_->idleSeconds(), 0u);
+  setIdle(true, kNowUsec + 60'000'000);  // ahead of the clock
+  EXPECT_EQ(source_->idleSeconds(), 0u);
+  setIdle(true, 1);  // over 136 years: capped, not wrapped
+  clock_.set(runloop::fromUnixSeconds(5e9));
+  EXPECT_EQ(source_->idleSeconds(), 4294967295u);
+  setManager("IdleHint", "s", "yes");  // not a boolean
+  EXPECT_EQ(source_->idleSeconds(), 0u);
+}
+
+TEST(LogindIdleWithoutLogind, AnswersZero) {
+  EXPECT_EQ(makeLogindIdleTimeSource(nullptr)->idleSeconds(), 0u);
+  nightjar::testing::PrivateBus bus;  // nobody owns logind's name here
+  ASSERT_TRUE(bus.ok());
+  auto client = bus.connect();
+  ASSERT_NE(client, nullptr);
+  EXPECT_EQ(makeLogindIdleTimeSource(client.get())->idleSeconds(), 0u);
+}
+
+}  // namespace
+}  // namespace nightjar::platform::linux_adapter

@@ -216,10 +216,14 @@ TEST_F(NotificationControllerTest, PendingViewShowsOnceTriggersWithoutPrivateKey
   const plist::Value daily = validEvent("d").with("_DateTimeQueueController.Trigger.Date", D(1));
   notificationControllerAddPending(controller, daily, kStart + 7200);
   notificationControllerAddPending(controller, onceEvent("o", kStart + 60), kStart + 60);
+  timer().fire();  // "o" is warned and moves behind "d" in the list, not in the view
+  ASSERT_EQ(pendingIds(controller), (std::vector<std::string>{"d", "o"}));
 
   const plist::Value view = notificationControllerCopyPendingView(controller);
   const plist::Value expected = A({
-      onceEvent("o", kStart + 60).with("metadatatriggerdate", D(kStart + 60)),
+      onceEvent("o", kStart + 60)
+          .with("metadatatriggerdate", D(kStart + 60))
+          .with("metadatanotified", D(kStart)),
       validEvent("d")
           .with("trigger", Dict({{"type", S("once")}, {"date", D(kStart + 7200)}}))
           .with("metadatatriggerdate", D(kStart + 7200)),

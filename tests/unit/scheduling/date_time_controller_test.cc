@@ -1,0 +1,369 @@
+#include "scheduling/date_time_queue_controller.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "date_time_testing.h"
+#include "fakes/fake_clock.h"
+#include "fakes/fake_distributed_center.h"
+#include "fakes/fake_power_manager.h"
+#include "fakes/fake_preferences_store.h"
+#include "fakes/fake_timer.h"
+#include "fakes/recording_log_sink.h"
+#include "model/event_list.h"
+#include "monitors/system_monitor.h"
+#include "notifications/notification_controller.h"
+#include "persistence/preferences.h"
+#include "runloop/notification_center.h"
+#include "scheduling/date_time_trigger.h"
+#include "scheduling/event_action.h"
+#include "scheduling/event_scheduler.h"
+#include "scheduling/power_events.h"
+
+namespace nightjar::scheduling {
+namespace {
+
+using namespace testing;
+namespace nc = notifications;
+
+const AbsoluteTime kStart = utc(2026, 11, 3, 9);  // a Tuesday, 09:00 UTC
+const AbsoluteTime kTen = utc(2026, 11, 3, 10);
+constexpr double kDay = 86400;
+
+// The whole engine around the controller, over fakes: event list, scheduler,
+// notification controller, perform sequence and power manager, each on the
+// fake clock. The test fires every timer by hand.
+class DateTimeControllerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    persistence::preferencesSetStore(&preferences_);
+    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
+    powerEventsSetManager(&power_, &clock_);
+    EventActionPorts ports;
+    ports.broadcasts = &broadcasts_;
+    ports.timers = pauses_.timerFactory();
+    ports.clock = &clock_;
+    eventActionSetUp(std::move(ports));
+    nc::notificationControllerCreate(clock_, warnings_.timerFactory(), [](const Value& id) {
+      eventSchedulerReschedule(eventSchedulerGet(), id);
+    });
+    model::eventListSetUp();
+    queueControllerListSetUp();
+    controller_ =
+        dateTimeQueueControllerCreate(clock_, timers_.timerFactory(), [this] { ++zoneRefreshes_; });
+    ASSERT_NE(controller_, nullptr);
+    queueControllerListAppend(queueControllerListGet(), controller_);
+    eventSchedulerSetUp(model::eventListGet(), queueControllerListGet());
+  }
+  void TearDown() override {
+    eventSchedulerTearDown();
+    model::eventListTearDown();
+    queueControllerListTearDown();
+    nc::notificationControllerDestroy();
+    eventActionTearDown();
+    powerEventsSetManager(nullptr, nullptr);
+    monitors::systemMonitorDestroy(nullptr);
+    persistence::preferencesSetStore(nullptr);
+  }
+
+  void add(const Value& event) { model::eventListStore(model::eventListGet(), event); }
+  Value queued(const std::string& id) {
+    return model::eventQueueFind(queueControllerQueue(controller_), S(id));
+  }
+  std::optional<AbsoluteTime> triggerDate(const std::string& id) {
+    return queued(id).get(kTriggerDateKey).asDate();
+  }
+  std::optional<AbsoluteTime> warnedFor(const std::string& id) {
+    const nc::NotificationController* warnings = nc::notificationControllerGet();
+    return model::eventQueueFind(nc::notificationControllerPendingQueue(warnings), S(id))
+        .get(nc::kTriggerDateKey)
+        .asDate();
+  }
+  fakes::FakeTimer& timer() { return *timers_.timer(0); }
+  // Moves the clock to `now` and fires the controller's timer, as the run
+  // loop would once the clock reached its date.
+  void fireAt(AbsoluteTime now) {
+    clock_.set(now);
+    timer().fire();
+  }
+  // Ends the two-second pause of the perform under way.
+  void endPause() {
+    ASSERT_NE(pauses_.last(), nullptr);
+    ASSERT_TRUE(pauses_.last()->armed());
+    clock_.advance(2);
+    pauses_.last()->fire();
+  }
+  std::vector<std::string> performed() const {
+    std::vector<std::string> names;
+    for (const auto& [priority, line] : log_.lines) {
+      // "Performing: " and the name's description, in quotes.
+      if (priority == LOG_NOTICE && line.starts_with("Performing: \""))
+        names.push_back(line.substr(13, line.size() - 14));
+    }
+    return names;
+  }
+  bool logged(const std::string& line) const {
+    for (const auto& [priority, text] : log_.lines) {
+      if (text == line)
+        return true;
+    }
+    return false;
+  }
+  // The scheduled-by names of the power manager's entries.
+  std::vector<std::string> entries() const {
+    std::vector<std::string> names;
+    for (const Value& entry : power_.entries())
+      names.push_back(*entry.get(platform::kEntryScheduledByKey).asString());
+    return names;
+  }
+  static std::string entry(AbsoluteTime date, const std::string& id) {
+    return powerEventIdentifier(date, Value::dictionary({{"uniqueid", S(id)}})).value_or("");
+  }
+
+  ScopedZone zone_{"UTC"};
+  nightjar::testing::RecordingLogSink log_;
+  fakes::FakeClock clock_{kStart};
+  fakes::FakeTimerFactory timers_{clock_};
+  fakes::FakeTimerFactory pauses_{clock_};
+  fakes::FakeTimerFactory warnings_{clock_};
+  fakes::FakePreferencesStore preferences_;
+  fakes::FakePowerManager power_;
+  nightjar::testing::FakeDistributedCenter broadcasts_;
+  QueueController* controller_ = nullptr;
+  int zoneRefreshes_ = 0;
+};
+
+TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
+  add(dailyEvent("daily", hms(10, 0), "shutdown"));
+  add(onceEvent("once", kStart + 1800, "wake"));
+  EXPECT_GE(zoneRefreshes_, 2);
+  const Value events = queueControllerCopyEvents(controller_);
+  ASSERT_EQ(events.count(), 2u);
+  EXPECT_EQ(events.at(0).get("uniqueid"), S("once"));
+  EXPECT_EQ(triggerDate("daily"), kTen);
+  EXPECT_EQ(timer().nextFireDate(), kStart + 1800);
+  EXPECT_FALSE(timer().parked());
+  // A wake kind wakes at its date; an action the daemon carries out 30 s ahead.
+  EXPECT_EQ(entries(),
+            (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 1800, "once")}));
+  EXPECT_EQ(warnedFor("daily"), kTen);
+  EXPECT_EQ(warnedFor("once"), kStart + 1800);
+
+  // Removing takes back the entries and the warning, and re-arms the timer.
+  model::eventListRemove(model::eventListGet(), S("once"));
+  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen - 30, "daily")}));
+  EXPECT_FALSE(warnedFor("once"));
+  EXPECT_EQ(timer().nextFireDate(), kTen);
+  model::eventListRemove(model::eventListGet(), S("daily"));
+  EXPECT_TRUE(entries().empty());
+  EXPECT_TRUE(timer().parked());
+}
+
+TEST_F(DateTimeControllerTest, DailyJustBeforeMidnightAndExactlyNow) {
+  clock_.set(utc(2026, 11, 3, 23, 59, 30));
+  const AbsoluteTime midnight = utc(2026, 11, 4);
+  add(dailyEvent("zero", 0));
+  add(dailyEvent("end", 86400));
+  add(dailyEvent("wake", 0, "wake"));
+  add(dailyEvent("now", hms(23, 59, 30)));
+  EXPECT_EQ(triggerDate("zero"), midnight);
+  EXPECT_EQ(triggerDate("end"), midnight);
+  EXPECT_EQ(triggerDate("wake"), midnight + kDay);
+  EXPECT_EQ(triggerDate("now"), clock_.now() + kDay);
+  EXPECT_EQ(timer().nextFireDate(), midnight);
+}
+
+TEST_F(DateTimeControllerTest, OnceInThePastIsDroppedButStaysListed) {
+  add(onceEvent("past", kStart - 60));
+  EXPECT_FALSE(queued("past"));
+  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("past")));
+  EXPECT_TRUE(logged("Dropped event: past as trigger time: " +
+                     plist::describeValue(Value::date(kStart - 60)) + ", has past."));
+  EXPECT_TRUE(timer().parked());
+}
+
+TEST_F(DateTimeControllerTest, PerformsOnceThenReschedulesFromTheCompletion) {
+  add(dailyEvent("daily", hms(10, 0)));
+  add(onceEvent("once", kTen));
+  fireAt(kTen + 0.5);
+  EXPECT_EQ(performed(), (std::vector<std::string>{"daily"}));
+  // The perform is pausing: the occurrence stays queued, and the timer,
+  // firing meanwhile, performs nothing more.
+  EXPECT_EQ(triggerDate("daily"), kTen);
+  timer().setNextFireDate(kTen);
+  fireAt(kTen + 1);
+  EXPECT_EQ(performed().size(), 1u);
+  EXPECT_EQ(triggerDate("daily"), kTen);
+  endPause();
+  // The daily one is on its next day; the once one, due too, comes next and
+  // is then dropped as past.
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  ASSERT_TRUE(timer().due(clock_.now()));
+  timer().fire();
+  endPause();
+  EXPECT_EQ(performed(), (std::vector<std::string>{"daily", "once"}));
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  EXPECT_FALSE(queued("once"));
+  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("once")));
+  EXPECT_EQ(timer().nextFireDate(), kTen + kDay);
+  EXPECT_EQ(broadcasts_.names(),
+            (std::vector<std::string>{"event.willperform", "event.didperform", "event.willperform",
+                                      "event.didperform"}));
+}
+
+TEST_F(DateTimeControllerTest, WakeKindsCompleteAtOnce) {
+  add(dailyEvent("wake", hms(10, 0), "wake"));
+  fireAt(kTen + 0.5);
+  EXPECT_EQ(performed(), (std::vector<std::string>{"wake"}));
+  EXPECT_EQ(triggerDate("wake"), kTen + kDay);
+  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + kDay, "wake")}));
+}
+
+TEST_F(DateTimeControllerTest, ClockSteppedForwardPerformsLateOnce) {
+  add(dailyEvent("daily", hms(10, 0)));
+  fireAt(utc(2026, 11, 3, 13));
+  endPause();
+  EXPECT_EQ(performed().size(), 1u);
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  EXPECT_EQ(timer().nextFireDate(), kTen + kDay);
+}
+
+TEST_F(DateTimeControllerTest, ClockSteppedBackNeverPerformsAnOccurrenceTwice) {
+  add(dailyEvent("daily", hms(10, 0)));
+  add(onceEvent("once", kTen + 600));
+  // Fired early: the clock went back after the timer was armed.
+  fireAt(kTen - 60);
+  EXPECT_TRUE(performed().empty());
+  EXPECT_EQ(timer().nextFireDate(), kTen);
+
+  fireAt(kTen);
+  EXPECT_TRUE(performed().empty());  // not strictly past yet
+  fireAt(kTen + 1);
+  // Set back by two minutes while pausing: 10:00 lies ahead again, and the
+  // completion must not queue it a second time.
+  clock_.set(kTen - 120);
+  pauses_.last()->fire();
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  // Nor must a resync (as after a time-zone change) from the earlier clock.
+  eventSchedulerResync(eventSchedulerGet());
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+
+  // The once event, performed, then the clock set back before it.
+  fireAt(kTen + 601);
+  clock_.set(kTen + 300);
+  pauses_.last()->fire();
+  EXPECT_FALSE(queued("once"));
+  eventSchedulerResync(eventSchedulerGet());
+  EXPECT_FALSE(queued("once"));
+  EXPECT_EQ(performed(), (std::vector<std::string>{"daily", "once"}));
+
+  // Set back by more than a day, the clock is taken as right.
+  clock_.set(kTen - 2 * kDay - 3600);
+  eventSchedulerResync(eventSchedulerGet());
+  EXPECT_EQ(triggerDate("daily"), kTen - 2 * kDay);
+  EXPECT_EQ(triggerDate("once"), kTen + 600);
+}
+
+TEST_F(DateTimeControllerTest, DelaysAddUpAndMoveEntriesAndWarnings) {
+  add(onceEvent("once", kTen, "shutdown"));
+  nc::NotificationController* warnings = nc::notificationControllerGet();
+  nc::notificationControllerDelay(warnings, S("once"), 600);
+  EXPECT_EQ(triggerDate("once"), kTen + 600);
+  nc::notificationControllerDelay(warnings, S("once"), 600);
+  EXPECT_EQ(triggerDate("once"), kTen + 1200);
+  EXPECT_EQ(warnedFor("once"), kTen + 1200);
+  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + 1170, "once")}));
+  EXPECT_EQ(timer().nextFireDate(), kTen + 1200);
+
+  // A delay shorter than the time left still counts from the trigger date.
+  add(dailyEvent("daily", hms(10, 0)));
+  nc::notificationControllerDelay(warnings, S("daily"), 300);
+  EXPECT_EQ(triggerDate("daily"), kTen + 300);
+  // Queued afresh after it is performed, the delay is gone.
+  fireAt(kTen + 301);
+  endPause();
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+}
+
+TEST_F(DateTimeControllerTest, CancelDropsAOnceEventAndSkipsADailyOccurrence) {
+  add(onceEvent("once", kTen, "shutdown"));
+  add(dailyEvent("daily", hms(10, 0), "sleep", days({"tuesday", "thursday"})));
+  nc::NotificationController* warnings = nc::notificationControllerGet();
+  nc::notificationControllerCancel(warnings, S("once"));
+  EXPECT_FALSE(queued("once"));
+  EXPECT_FALSE(warnedFor("once"));
+  EXPECT_TRUE(entries().empty());
+  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("once")));
+
+  nc::notificationControllerCancel(warnings, S("daily"));
+  EXPECT_EQ(triggerDate("daily"), kTen + 2 * kDay);
+  EXPECT_EQ(queued("daily").get(kTriggerConstraintKey), Value::date(kTen + 60));
+  EXPECT_EQ(warnedFor("daily"), kTen + 2 * kDay);
+  EXPECT_EQ(timer().nextFireDate(), kTen + 2 * kDay);
+}
+
+TEST_F(DateTimeControllerTest, WakeReschedulesPassedEventsWithoutPerforming) {
+  add(dailyEvent("daily", hms(10, 0)));
+  add(onceEvent("once", kTen + 60));
+  add(onceEvent("later", kTen + 7200));
+  clock_.set(kTen + 3600);  // slept through both
+  runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+  EXPECT_TRUE(performed().empty());
+  EXPECT_TRUE(logged("Rescheduling event: daily."));
+  EXPECT_TRUE(logged("Rescheduling event: once."));
+  EXPECT_FALSE(logged("Rescheduling event: later."));
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  EXPECT_FALSE(queued("once"));
+  EXPECT_EQ(timer().nextFireDate(), kTen + 7200);
+}
+
+TEST_F(DateTimeControllerTest, WakeWhilePerformingLeavesThatOccurrenceToItsCompletion) {
+  add(dailyEvent("daily", hms(10, 0)));
+  add(onceEvent("missed", kTen + 60));
+  fireAt(kTen + 3600);
+  runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+  EXPECT_FALSE(logged("Rescheduling event: daily."));
+  EXPECT_TRUE(logged("Rescheduling event: missed."));
+  EXPECT_EQ(triggerDate("daily"), kTen);
+  endPause();
+  EXPECT_EQ(performed(), (std::vector<std::string>{"daily"}));
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+}
+
+TEST_F(DateTimeControllerTest, RestoredQueueReschedulesWhatPassedWhileDown) {
+  add(dailyEvent("daily", hms(10, 0)));
+  add(onceEvent("once", kTen + 7200));
+  const Value saved = queueControllerCopyEvents(controller_);
+  clock_.set(kTen + 60);
+  queueControllerReplaceAll(controller_, saved);
+  EXPECT_TRUE(logged("Rescheduling event: daily."));
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  EXPECT_EQ(triggerDate("once"), kTen + 7200);
+  EXPECT_EQ(timer().nextFireDate(), kTen + 7200);
+  EXPECT_TRUE(performed().empty());
+}
+
+TEST_F(DateTimeControllerTest, DestroyReleasesOnlyAFirstShutdownEntry) {
+  add(onceEvent("halt", kTen, "shutdown"));
+  add(onceEvent("restart", kTen + 60, "restart"));
+  eventSchedulerTearDown();
+  queueControllerListTearDown();
+  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + 30, "restart")}));
+  // The handlers went with the controller.
+  nc::notificationControllerCancel(nc::notificationControllerGet(), S("restart"));
+  EXPECT_EQ(timers_.timer(0), nullptr);
+}
+
+TEST_F(DateTimeControllerTest, ModifyingMovesEntriesWarningAndTimer) {
+  add(onceEvent("once", kTen, "shutdown"));
+  add(onceEvent("once", kTen + 3600, "shutdown"));
+  EXPECT_EQ(triggerDate("once"), kTen + 3600);
+  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + 3570, "once")}));
+  EXPECT_EQ(warnedFor("once"), kTen + 3600);
+  EXPECT_EQ(timer().nextFireDate(), kTen + 3600);
+}
+
+}  // namespace
+}  // namespace nightjar::scheduling

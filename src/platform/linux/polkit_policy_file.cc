@@ -10,14 +10,14 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/linux/atomic_file.h"
 #include "platform/linux/daemon_root.h"
 #include "platform/linux/polkit_action_document.h"
 
 namespace nightjar::platform::linux_adapter {
 namespace {
 
-constexpr std::string_view kFolders[] = {"/usr", "/usr/share", "/usr/share/polkit-1",
-                                         "/usr/share/polkit-1/actions"};
+constexpr std::string_view kFolder = "/usr/share/polkit-1/actions";
 constexpr std::string_view kFile = "/usr/share/polkit-1/actions/quillon.nightjar.policy";
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
@@ -40,25 +40,6 @@ FileIdentity identityOf(const struct stat& st) {
           std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
 }
 
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-  int reset() {
-    int error = 0;
-    if (fd_ >= 0 && ::close(fd_) != 0)
-      error = errno;
-    fd_ = -1;
-    return error;
-  }
-
- private:
-  int fd_;
-};
-
 // What the file holds now: a document (an empty one when the file is
 // missing), or the error number that keeps it from being read.
 struct Snapshot {
@@ -67,30 +48,16 @@ struct Snapshot {
   int error = 0;
 };
 
-int readAll(int fd, std::string& text) {
-  char buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      return errno;
-    if (n == 0)
-      return 0;
-    if (text.size() + static_cast<std::size_t>(n) > kMaxActionFileBytes)
-      return EFBIG;
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-}
-
 Snapshot readSnapshot(const std::string& path) {
   Snapshot snapshot;
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat st {};
+  if (fd.get() < 0 && errno == ENOENT) {
+    snapshot.document = parsePolkitActions(emptyPolkitActionFile());
+    return snapshot;
+  }
   if (fd.get() < 0) {
     snapshot.error = errno;
-    if (errno == ENOENT)
-      snapshot.document = parsePolkitActions(emptyPolkitActionFile());
     return snapshot;
   }
   if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -99,7 +66,9 @@ Snapshot readSnapshot(const std::string& path) {
   }
   snapshot.identity = identityOf(st);
   std::string text;
-  snapshot.error = readAll(fd.get(), text);
+  snapshot.error = readBounded(fd.get(), text, kMaxActionFileBytes);
+  if (snapshot.error == 0 && text.size() > kMaxActionFileBytes)
+    snapshot.error = EFBIG;
   if (snapshot.error == 0) {
     snapshot.document = parsePolkitActions(std::move(text));
     if (!snapshot.document)
@@ -108,47 +77,11 @@ Snapshot readSnapshot(const std::string& path) {
   return snapshot;
 }
 
-int writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      return errno;
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return 0;
-}
-
 int syncFolder(const std::string& folder) {
   UniqueFd folderFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (folderFd.get() < 0)
     return errno;
   return ::fsync(folderFd.get()) != 0 ? errno : 0;
-}
-
-// A synced temporary file renamed over `path`, then the folder synced, so
-// that `path` holds the old or the new bytes whole. Answers 0 or errno.
-int writeAtomically(const std::string& folder, const std::string& path, std::string_view bytes) {
-  std::string temporary = folder + "/.quillon.nightjar.policy.XXXXXX";
-  UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
-  if (fd.get() < 0)
-    return errno;
-  int error = ::fchmod(fd.get(), kFileMode) != 0 ? errno : 0;
-  if (error == 0)
-    error = writeAll(fd.get(), bytes);
-  if (error == 0 && ::fsync(fd.get()) != 0)
-    error = errno;
-  const int closeError = fd.reset();
-  if (error == 0)
-    error = closeError;
-  if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0)
-    error = errno;
-  if (error != 0) {
-    ::unlink(temporary.c_str());
-    return error;
-  }
-  return syncFolder(folder);
 }
 
 PolkitDefaults allThree(std::string_view word) {
@@ -223,7 +156,7 @@ class PolkitPolicyFile final : public PolicyDatabase {
  public:
   explicit PolkitPolicyFile(std::string root)
       : root_(std::move(root)),
-        folder_(underRoot(root_, kFolders[std::size(kFolders) - 1])),
+        folder_(underRoot(root_, kFolder)),
         path_(underRoot(root_, kFile)) {}
 
   plist::Value rule(std::string_view right) override {
@@ -274,25 +207,14 @@ class PolkitPolicyFile final : public PolicyDatabase {
     return *cached_;
   }
 
-  int makeFolders() {
-    for (std::string_view part : kFolders) {
-      const std::string folder = underRoot(root_, part);
-      if (::mkdir(folder.c_str(), kFolderMode) == 0)
-        ::chmod(folder.c_str(), kFolderMode);  // mkdir's mode is cut by the umask
-      else if (errno != EEXIST)
-        return errno;
-    }
-    return 0;
-  }
-
   int write(const std::string& text) {
     // Only a document that reads back as written is put in place.
     if (!parsePolkitActions(text))
       return EINVAL;
-    if (int error = makeFolders(); error != 0)
+    if (int error = makeFolders(root_, kFolder, kFolderMode); error != 0)
       return error;
     cached_.reset();
-    return writeAtomically(folder_, path_, text);
+    return writeFileAtomically(folder_, path_, text, kFileMode);
   }
 
   int removeFile() {

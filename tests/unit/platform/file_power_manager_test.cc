@@ -1,0 +1,287 @@
+// The entry list in "powerevents.plist" and the RTC alarm, under a temporary
+// root: against a simple model, across restarts, with a faulty or missing
+// RTC, and on the real run loop.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <tuple>
+
+#include <gtest/gtest.h>
+
+#include "fakes/fake_clock.h"
+#include "fakes/recording_log_sink.h"
+#include "platform/linux/file_power_manager.h"
+#include "platform/temporary_root.h"
+#include "plist/describe.h"
+#include "plist/xml.h"
+#include "runloop/run_loop.h"
+#include "scheduling/power_events.h"
+
+namespace nightjar::platform::linux_adapter {
+namespace {
+
+namespace fs = std::filesystem;
+using plist::Value;
+
+constexpr char kListFile[] = "/var/lib/nightjar/powerevents.plist";
+constexpr char kAlarmFile[] = "/sys/class/rtc/rtc0/wakealarm";
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+Value entry(double time, const std::string& by, const std::string& type) {
+  return Value::dictionary({{"eventtype", Value::string(type)},
+                            {"time", Value::date(time)},
+                            {"scheduledby", Value::string(by)}});
+}
+
+std::string epoch(double time) {
+  return std::to_string(static_cast<long long>(runloop::toUnixSeconds(time)));
+}
+
+class FilePowerManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(root.path.empty());
+    writeFile(root / kAlarmFile, "");
+  }
+
+  std::unique_ptr<FilePowerManager> open(runloop::RunLoop* loop = nullptr) {
+    return makeFilePowerManager(root.path, loop, clock);
+  }
+  std::string alarm() const { return readFile(root / kAlarmFile); }
+  Value listFile() const { return plist::parseXml(readFile(root / kListFile)); }
+
+  testing::TemporaryRoot root;
+  fakes::FakeClock clock{800000000};
+  testing::RecordingLogSink log;
+};
+
+// The model: a set of (whole-second time, identifier, type); after a flush it
+// holds only future entries, the earliest of which is the alarm.
+using ModelEntry = std::tuple<double, std::string, std::string>;
+
+Value modelList(const std::set<ModelEntry>& model) {
+  plist::Array members;
+  for (const auto& [time, by, type] : model)
+    members.push_back(entry(time, by, type));
+  return Value::array(std::move(members));
+}
+
+TEST_F(FilePowerManagerTest, TheFilesFollowAModelThroughRandomChanges) {
+  std::mt19937 random(20261123);
+  auto manager = open();
+  scheduling::powerEventsSetManager(manager.get(), &clock);
+  std::set<ModelEntry> model;
+  const std::vector<std::string> owners = {"quillon.nightjar.", "com.other."};
+  for (int step = 0; step < 3000; ++step) {
+    const int choice = static_cast<int>(random() % 100);
+    if (choice < 55) {
+      // A date around now, sometimes in the past, sometimes with a fraction.
+      const double date = clock.now() + static_cast<double>(random() % 4000) - 500 +
+                          (random() % 4 == 0 ? 0.5 : 0.0);
+      const std::string by = owners[random() % 2] + std::to_string(random() % 40);
+      const std::string type = random() % 2 ? "wake" : "wakepoweron";
+      manager->schedule(date, by, type);
+      model.insert({std::floor(date), by, type});
+    } else if (choice < 85 && !model.empty()) {
+      auto it = std::next(model.begin(), static_cast<long>(random() % model.size()));
+      // Cancelling takes the date as the caller had it, fraction and all.
+      manager->cancel(std::get<0>(*it) + (random() % 2 ? 0.25 : 0), std::get<1>(*it),
+                      std::get<2>(*it));
+      model.erase(it);
+    } else if (choice < 87) {
+      scheduling::powerEventsPurgeAll();
+      std::erase_if(model, [](const ModelEntry& e) {
+        return std::get<1>(e).starts_with("quillon.nightjar.");
+      });
+    } else if (choice < 95) {
+      clock.advance(static_cast<double>(random() % 300));
+    } else {
+      manager->flush();
+      std::erase_if(model, [&](const ModelEntry& e) { return std::get<0>(e) <= clock.now(); });
+      ASSERT_EQ(listFile(), modelList(model)) << "step " << step;
+      ASSERT_EQ(alarm(), model.empty() ? "0" : epoch(std::get<0>(*model.begin())))
+          << "step " << step;
+      ASSERT_EQ(manager->copyEntries(), modelList(model));
+    }
+  }
+  manager->flush();
+  std::erase_if(model, [&](const ModelEntry& e) { return std::get<0>(e) <= clock.now(); });
+  scheduling::powerEventsSetManager(nullptr, nullptr);
+  manager.reset();
+  // A restart reads back exactly what was written.
+  EXPECT_EQ(open()->copyEntries(), modelList(model));
+  EXPECT_TRUE(log.lines.empty());
+}
+
+TEST_F(FilePowerManagerTest, EntriesSurviveARestartAndAreNeverDuplicated) {
+  const double date = clock.now() + 3600;
+  {
+    auto manager = open();
+    manager->schedule(date, "quillon.nightjar.1.a", "wake");
+    manager->schedule(date, "quillon.nightjar.1.a", "wake");
+    EXPECT_TRUE(manager->isListed("quillon.nightjar.1.a", "wake"));
+    EXPECT_FALSE(manager->isListed("quillon.nightjar.1.a", "wakepoweron"));
+  }  // written when it goes
+  EXPECT_EQ(fs::status(root / kListFile).permissions(), fs::perms(0644));
+  auto manager = open();
+  EXPECT_TRUE(manager->isListed("quillon.nightjar.1.a", "wake"));
+  manager->schedule(date, "quillon.nightjar.1.a", "wake");
+  manager->flush();
+  EXPECT_EQ(listFile(), Value::array({entry(date, "quillon.nightjar.1.a", "wake")}));
+  EXPECT_EQ(alarm(), epoch(date));
+  EXPECT_EQ(manager->fileWrites(), 0u);  // nothing changed since the restart
+}
+
+TEST_F(FilePowerManagerTest, ABadFileReadsAsEmptyAndIsLoggedOnce) {
+  for (const std::string& bad : {std::string("garbage"), plist::writeXml(Value::string("x"))}) {
+    writeFile(root / kListFile, bad);
+    log.lines.clear();
+    auto manager = open();
+    EXPECT_EQ(manager->copyEntries(), Value::array({}));
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_NE(log.lines[0].second.find("Power events file unreadable or corrupt"),
+              std::string::npos);
+    manager->schedule(clock.now() + 10, "quillon.nightjar.x", "wake");
+    manager->flush();
+    EXPECT_EQ(listFile().count(), 1u);  // replaced by a good file
+  }
+  // Well-formed entries of a partly bad file are kept.
+  writeFile(root / kListFile,
+            plist::writeXml(Value::array({entry(clock.now() + 5, "a", "wake"), Value::string("x"),
+                                          Value::dictionary({{"time", Value::date(1)}})})));
+  log.lines.clear();
+  EXPECT_EQ(open()->copyEntries(), Value::array({entry(clock.now() + 5, "a", "wake")}));
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_NE(log.lines[0].second.find("Ignored 2 malformed power events"), std::string::npos);
+}
+
+TEST_F(FilePowerManagerTest, WithoutAnRtcTheListIsKeptAndThatIsLoggedOnce) {
+  fs::remove(root / kAlarmFile);
+  auto manager = open();
+  manager->schedule(clock.now() + 60, "a", "wake");
+  manager->flush();
+  manager->schedule(clock.now() + 30, "b", "wake");
+  manager->rearm();
+  manager->flush();
+  EXPECT_EQ(listFile().count(), 2u);
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0].second,
+            "setWakeAlarm: No RTC wake alarm, power events are kept but cannot wake the "
+            "machine; path: " +
+                (root / kAlarmFile));
+  EXPECT_FALSE(fs::exists(root / kAlarmFile));
+}
+
+TEST_F(FilePowerManagerTest, AnRtcThatRefusesTheDateGetsOneLineNamingItAndKeepsTheEntry) {
+  const double date = clock.now() + 90 * 86400;
+  // One RTC fails the write; the other takes it and forgets it.
+  for (const char* device : {"/dev/full", "/dev/null"}) {
+    fs::remove(root / kAlarmFile);
+    fs::create_symlink(device, root / kAlarmFile);
+    log.lines.clear();
+    auto manager = open();
+    manager->schedule(date, "quillon.nightjar.far", "wakepoweron");
+    manager->flush();
+    manager->cancel(date, "quillon.nightjar.far", "wakepoweron");
+    manager->schedule(date, "quillon.nightjar.far", "wakepoweron");
+    manager->flush();
+    EXPECT_EQ(manager->copyEntries().count(), 1u);
+    ASSERT_EQ(log.lines.size(), 1u) << device;
+    EXPECT_EQ(log.lines[0].first, LOG_ERR);
+    EXPECT_NE(log.lines[0].second.find("The RTC did not take the wake alarm for " +
+                                       plist::describeValue(Value::date(date))),
+              std::string::npos)
+        << log.lines[0].second;
+    manager->cancel(date, "quillon.nightjar.far", "wakepoweron");
+  }
+}
+
+TEST_F(FilePowerManagerTest, PastEntriesArePrunedAndASpentAlarmIsSetAgainOnRearm) {
+  auto manager = open();
+  const double first = clock.now() + 100;
+  const double second = clock.now() + 200;
+  manager->schedule(second, "b", "wake");
+  manager->schedule(first, "a", "wake");
+  manager->flush();
+  EXPECT_EQ(alarm(), epoch(first));
+  // The alarm fires while the machine sleeps: the RTC forgets it.
+  writeFile(root / kAlarmFile, "");
+  manager->flush();
+  EXPECT_EQ(alarm(), "");  // nothing changed, nothing written
+  manager->rearm();
+  manager->flush();
+  EXPECT_EQ(alarm(), epoch(first));
+  clock.advance(150);
+  manager->flush();
+  EXPECT_EQ(alarm(), epoch(second));
+  EXPECT_EQ(listFile(), Value::array({entry(second, "b", "wake")}));
+  clock.advance(100);
+  manager->flush();
+  EXPECT_EQ(alarm(), "0");
+  EXPECT_EQ(listFile(), Value::array({}));
+}
+
+// On the real loop: the first pass arms the alarm from the file, ten thousand
+// changes in one callback cost one write, and a passed alarm hands over to
+// the next entry by itself.
+TEST_F(FilePowerManagerTest, OnTheRunLoopTheListIsWrittenOncePerPass) {
+  const double now = runloop::systemClock().now();
+  writeFile(root / kListFile, plist::writeXml(Value::array({entry(now + 7200, "saved", "wake")})));
+  auto loop = runloop::RunLoop::create();
+  ASSERT_NE(loop, nullptr);
+  auto manager = makeFilePowerManager(root.path, loop.get());
+  // Whole seconds past now, so that the check below still sees it coming.
+  const double soon = std::ceil(now + 0.3);
+  std::string alarmAtStart;
+  std::uint64_t writesAfterBurst = 0;
+  std::string alarmAfterBurst;
+  auto burst = loop->addTimer([&] {
+    alarmAtStart = alarm();
+    for (int i = 0; i < 10000; ++i)
+      manager->schedule(now + 3600 + i, "quillon.nightjar." + std::to_string(i), "wake");
+    manager->schedule(soon, "soon", "wake");
+  });
+  burst->setNextFireDate(now + 0.1);
+  auto check = loop->addTimer([&] {
+    writesAfterBurst = manager->fileWrites();
+    alarmAfterBurst = alarm();
+  });
+  check->setNextFireDate(now + 0.2);
+  // Checked before the pass ends: the alarm's own timer must have moved it.
+  std::string alarmAfterSoon;
+  auto checkAfterSoon = loop->addTimer([&] { alarmAfterSoon = alarm(); });
+  checkAfterSoon->setNextFireDate(soon + 1.2);
+  auto stop = loop->addTimer([&] { loop->stop(); });
+  stop->setNextFireDate(soon + 1.3);
+  EXPECT_EQ(loop->run(), 0);
+
+  EXPECT_EQ(alarmAtStart, epoch(now + 7200));
+  EXPECT_EQ(writesAfterBurst, 1u);
+  EXPECT_EQ(alarmAfterBurst, epoch(soon));
+  // "soon" passed during the run: pruned, and the alarm moved on by itself.
+  EXPECT_EQ(alarmAfterSoon, epoch(now + 3600));
+  EXPECT_EQ(alarm(), epoch(now + 3600));
+  EXPECT_EQ(listFile().count(), 10001u);
+  EXPECT_EQ(manager->fileWrites(), 2u);
+}
+
+}  // namespace
+}  // namespace nightjar::platform::linux_adapter

@@ -1,0 +1,99 @@
+// Shared helpers of the engine tests: a recording controller whose callback
+// table the test shapes, and events of each trigger kind.
+#pragma once
+
+#include <compare>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "model/event.h"
+#include "model/model_testing.h"
+#include "scheduling/queue_controller.h"
+
+namespace nightjar::scheduling::testing {
+
+using namespace model::testing;
+
+// What a recording controller does and what it saw. The controller's context
+// points here.
+struct Recorder {
+  std::set<std::string> types;  // trigger types accepted
+  bool refuseAdd = false;
+  bool refuseModify = false;
+  std::set<std::string> refuseRemove;  // identifiers kept by willRemove
+  std::vector<std::string> calls;      // "willAdd a", "didChange", ...
+  QueueController* firstSeenAtDestroy = nullptr;
+  Value firstAtDestroy;
+};
+
+inline std::string idOf(const Value& event) {
+  const std::string* id = model::eventUniqueID(event).asString();
+  return id != nullptr ? *id : "?";
+}
+
+inline Recorder& recorderOf(void* context) {
+  return *static_cast<Recorder*>(context);
+}
+
+// The full table; each slot records its call. willAdd marks its copy with a
+// private key, as a real controller stores its trigger date.
+inline QueueControllerCallbacks recordingCallbacks(Recorder* recorder) {
+  QueueControllerCallbacks callbacks;
+  callbacks.acceptsTriggerType = [](QueueController*, std::string_view type, void* context) {
+    return recorderOf(context).types.contains(std::string(type));
+  };
+  callbacks.destroy = [](QueueController* controller, void* context) {
+    recorderOf(context).calls.push_back("destroy");
+    recorderOf(context).firstAtDestroy = queueControllerFirstEvent(controller);
+  };
+  callbacks.willAdd = [](QueueController*, Value& copy, void* context) {
+    recorderOf(context).calls.push_back("willAdd " + idOf(copy));
+    copy = copy.with("_Test.Mark", S("added"));
+    return !recorderOf(context).refuseAdd;
+  };
+  callbacks.willModify = [](QueueController*, const Value& queued, Value& copy, void* context) {
+    recorderOf(context).calls.push_back("willModify " + idOf(queued) + " " + idOf(copy));
+    copy = copy.with("_Test.Mark", S("modified"));
+    return !recorderOf(context).refuseModify;
+  };
+  callbacks.willRemove = [](QueueController*, const Value& queued, void* context) {
+    recorderOf(context).calls.push_back("willRemove " + idOf(queued));
+    return !recorderOf(context).refuseRemove.contains(idOf(queued));
+  };
+  callbacks.didChange = [](QueueController*, void* context) {
+    recorderOf(context).calls.push_back("didChange");
+  };
+  callbacks.didReset = [](QueueController*, void* context) {
+    recorderOf(context).calls.push_back("didReset");
+  };
+  callbacks.initialContext = recorder;
+  return callbacks;
+}
+
+// Ascending by "name", so a test can tell sorted from arrival order.
+inline std::weak_ordering byName(const Value& a, const Value& b, void*) {
+  return model::compareEventsByKey(a, b, model::kNameKey);
+}
+
+inline QueueController* recordingController(const std::string& name, Recorder* recorder,
+                                            std::set<std::string> types) {
+  recorder->types = std::move(types);
+  return queueControllerCreate(name, recordingCallbacks(recorder), {byName, nullptr});
+}
+
+inline Value inactiveEvent(const std::string& id, std::int64_t seconds = 600) {
+  return validEvent(id).with("trigger",
+                             Dict({{"type", S("inactive")}, {"secondsofinactivity", I(seconds)}}));
+}
+
+// The identifiers queued in `controller`, in queue order.
+inline std::vector<std::string> queuedIds(const QueueController* controller) {
+  std::vector<std::string> ids;
+  const Value events = queueControllerCopyEvents(controller);
+  for (std::size_t i = 0; i < events.count(); ++i)
+    ids.push_back(idOf(events.at(i)));
+  return ids;
+}
+
+}  // namespace nightjar::scheduling::testing

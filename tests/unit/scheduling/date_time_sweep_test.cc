@@ -93,8 +93,6 @@ std::map<LocalDay, std::vector<AbsoluteTime>> occurrences(const Value& event, Ab
   return byDay;
 }
 
-// One daily time around one transition, flagged every day and flagged on the
-// transition's weekday only.
 // The calendar day of a wall reading.
 LocalDay dayOfWall(Unix wall) {
   const std::time_t t = static_cast<std::time_t>(wall);
@@ -108,8 +106,9 @@ int weekdayOf(LocalDay day) {
 }
 
 // Counts the flagged days of the span around `tr` without exactly one
-// occurrence, and the days not flagged with any.
-void countDays(const Transition& tr, Unix span, int weekday,
+// occurrence, the days not flagged with any, and, away from the transition's
+// own day `day`, occurrences whose wall-clock time is not `seconds`.
+void countDays(const Transition& tr, Unix span, int weekday, LocalDay day, std::int64_t seconds,
                const std::map<LocalDay, std::vector<AbsoluteTime>>& byDay, Counts& counts) {
   // The days at the span's edges are only partly searched: left out.
   LocalDay d = calendarSplit(fromUnix(tr.at - span + 2 * kDaySeconds))->date;
@@ -120,6 +119,10 @@ void countDays(const Transition& tr, Unix span, int weekday,
     const std::size_t n = found == byDay.end() ? 0 : found->second.size();
     counts.skipped += flagged && n == 0;
     counts.doubled += n > 1 || (!flagged && n > 0);
+    if (n == 1 && d != day) {
+      const LocalDateTime local = *calendarSplit(found->second.front());
+      counts.misplaced += local.hour * 3600 + local.minute * 60 + local.second != seconds;
+    }
   }
 }
 
@@ -139,7 +142,7 @@ void sweepCase(const Transition& tr, Unix wall, Counts& counts) {
     const Unix span = everyDay ? 4 * kDaySeconds : 10 * kDaySeconds;
     const auto byDay = occurrences(event, fromUnix(tr.at - span), fromUnix(tr.at + span));
     ++counts.cases;
-    countDays(tr, span, everyDay ? 0 : weekday, byDay, counts);
+    countDays(tr, span, everyDay ? 0 : weekday, day, seconds, byDay, counts);
     const auto onDay = byDay.find(day);
     if (onDay == byDay.end() || onDay->second.front() != fromUnix(expectedInstant(tr, wall)))
       ++counts.misplaced;

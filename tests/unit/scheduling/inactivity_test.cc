@@ -179,17 +179,6 @@ TEST_F(InactivityTest, AFiringDuringItsOwnPerformWaitsForTheCompletion) {
   EXPECT_EQ(performed().size(), 2u);
 }
 
-TEST_F(InactivityTest, UnknownIdleTimeNeverPerforms) {
-  idle_.setUnknown(true);
-  queueControllerStore(controller_, inactiveEvent("a", 600));
-  for (int i = 0; i < 3; ++i) {
-    clock_.set(timer().nextFireDate());
-    timer().fire();
-    EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600);
-  }
-  EXPECT_TRUE(performed().empty());
-}
-
 TEST_F(InactivityTest, ACompletionAfterDestructionIsHarmless) {
   queueControllerStore(controller_, inactiveEvent("a", 600));
   clock_.advance(700);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -30,6 +31,8 @@ constexpr mode_t kFolderMode = 0755;
 // The alarm's date is checked again this long after it, when it has fired
 // (or passed while the machine was up) and the next entry must take over.
 constexpr double kAfterAlarm = 1;
+// How long until a refused alarm date is offered to the RTC again.
+constexpr double kRetryRefused = 3600;
 
 // One entry, its time in whole seconds since 2001 as the file and the RTC
 // keep it. Ordered by time first, so the earliest entry leads the set.
@@ -266,9 +269,9 @@ class FilePowerManagerImpl final : public FilePowerManager {
   // RTC costs nothing on later passes.
   void setAlarm(std::int64_t target) {
     attempted_ = target;
-    watchAlarm(target);
     int error = overwrite(alarmPath_, "0");
     if (error == ENOENT) {
+      watchAlarm(target, /*refused=*/false);
       if (!noRtcLogged_)
         logging::logMessage(LOG_ERR,
                             "%s: No RTC wake alarm, power events are kept but cannot wake the "
@@ -279,28 +282,37 @@ class FilePowerManagerImpl final : public FilePowerManager {
     }
     if (error == 0 && target != 0)
       error = overwrite(alarmPath_, std::to_string(target));
-    if (error == 0 && readAlarm(alarmPath_) == target)
+    const bool taken = error == 0 && readAlarm(alarmPath_) == target;
+    watchAlarm(target, !taken);
+    if (taken || target == refusedLogged_)
       return;
-    if (target != refusedLogged_) {
-      refusedLogged_ = target;
-      const double date = runloop::fromUnixSeconds(static_cast<double>(target));
-      logging::logMessage(LOG_ERR,
-                          "%s: The RTC did not take the wake alarm for %@, keeping the entry; "
-                          "path: %s; error: %d",
-                          "setWakeAlarm", plist::Value::date(date), alarmPath_.c_str(), error);
+    refusedLogged_ = target;
+    if (target == 0) {
+      logging::logMessage(LOG_ERR, "%s: The RTC did not clear its wake alarm; path: %s; error: %d",
+                          "setWakeAlarm", alarmPath_.c_str(), error);
+      return;
     }
+    const double date = runloop::fromUnixSeconds(static_cast<double>(target));
+    logging::logMessage(LOG_ERR,
+                        "%s: The RTC did not take the wake alarm for %@, keeping the entry; "
+                        "path: %s; error: %d",
+                        "setWakeAlarm", plist::Value::date(date), alarmPath_.c_str(), error);
   }
 
-  // Once the alarm's date has passed, the next entry must be armed.
-  void watchAlarm(std::int64_t target) {
+  // Once the alarm's date has passed, the next entry must be armed. A date
+  // the RTC refused is tried again now and then: many RTCs take only dates
+  // up to a day or a month ahead, and the date comes nearer.
+  void watchAlarm(std::int64_t target, bool refused) {
     if (alarmCheck_ == nullptr)
       return;
     if (target == 0) {
       alarmCheck_->park();
-    } else {
-      alarmCheck_->setNextFireDate(runloop::fromUnixSeconds(static_cast<double>(target)) +
-                                   kAfterAlarm);
+      return;
     }
+    double next = runloop::fromUnixSeconds(static_cast<double>(target)) + kAfterAlarm;
+    if (refused)
+      next = std::min(next, clock_.now() + kRetryRefused);
+    alarmCheck_->setNextFireDate(next);
   }
 
   const std::string root_;

@@ -338,12 +338,6 @@ TEST_F(EventActionTest, ConsoleNotifierShowsTheNoticeForThePauseAndClosesIt) {
   EXPECT_THAT(journal_, ::testing::Contains("done"));
 }
 
-TEST_F(EventActionTest, NoNoticeWithTheNotifierOff) {
-  perform(event("restart"));
-  pause().fire();
-  EXPECT_THAT(notice_.shown, IsEmpty());
-}
-
 // Tearing down mid-pause ends the perform: the count goes down, the notice
 // closes, and neither that completion nor a waiting perform's runs.
 TEST_F(EventActionTest, TearDownDuringThePauseEndsThePerform) {

@@ -98,4 +98,23 @@ void eventSchedulerResync(benchmark::State& state) {
 }
 BENCHMARK(eventSchedulerResync)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
+// The snapshot that every save of the state takes: each queue is checked for
+// text that XML cannot carry before it goes in.
+void queueControllerListCopyQueues(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  scheduling::queueControllerListSetUp();
+  scheduling::QueueControllerList* controllers = scheduling::queueControllerListGet();
+  scheduling::QueueController* controller =
+      scheduling::queueControllerCreate("DateTime", {}, {byDate, nullptr});
+  scheduling::queueControllerListAppend(controllers, controller);
+  nightjar::plist::Array events;
+  for (int i = 0; i < count; ++i)
+    events.push_back(wakeEvent(i, 1e9 + i).with(kDateKey, Value::date(1e9 + i)));
+  scheduling::queueControllerReplaceAll(controller, Value::array(std::move(events)));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(scheduling::queueControllerListCopyQueues(controllers));
+  scheduling::queueControllerListTearDown();
+}
+BENCHMARK(queueControllerListCopyQueues)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
 }  // namespace

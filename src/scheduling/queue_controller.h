@@ -79,7 +79,8 @@ void queueControllerListSetUp();
 // Destroys each controller in list order (no willRemove), then the list.
 void queueControllerListTearDown();
 QueueControllerList* queueControllerListGet();
-// The list owns `controller` from here on. Accepts nullptr for either.
+// The list owns `controller` from here on; without a list the controller is
+// destroyed at once. Accepts nullptr for either.
 void queueControllerListAppend(QueueControllerList* list, QueueController* controller);
 // The first controller, in list order, that accepts the event's trigger type.
 QueueController* queueControllerListFindForEvent(QueueControllerList* list,

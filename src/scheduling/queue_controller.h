@@ -68,6 +68,8 @@ int queueControllerIndexOf(const QueueController* controller, const plist::Value
 int queueControllerStore(QueueController* controller, const plist::Value& event);
 // Through willRemove; answers the index the event had, or -1.
 int queueControllerRemove(QueueController* controller, const plist::Value& uniqueId);
+// Each event, in queue order, through queueControllerRemove; one that
+// willRemove keeps stays queued and the others still go.
 void queueControllerRemoveAll(QueueController* controller);
 // Removes all (with callbacks), sets the content unchecked, then didReset.
 void queueControllerReplaceAll(QueueController* controller, const plist::Value& events);

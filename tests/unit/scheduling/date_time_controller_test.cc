@@ -161,20 +161,6 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
   EXPECT_TRUE(timer().parked());
 }
 
-TEST_F(DateTimeControllerTest, DailyJustBeforeMidnightAndExactlyNow) {
-  clock_.set(utc(2026, 11, 3, 23, 59, 30));
-  const AbsoluteTime midnight = utc(2026, 11, 4);
-  add(dailyEvent("zero", 0));
-  add(dailyEvent("end", 86400));
-  add(dailyEvent("wake", 0, "wake"));
-  add(dailyEvent("now", hms(23, 59, 30)));
-  EXPECT_EQ(triggerDate("zero"), midnight);
-  EXPECT_EQ(triggerDate("end"), midnight);
-  EXPECT_EQ(triggerDate("wake"), midnight + kDay);
-  EXPECT_EQ(triggerDate("now"), clock_.now() + kDay);
-  EXPECT_EQ(timer().nextFireDate(), midnight);
-}
-
 TEST_F(DateTimeControllerTest, OnceInThePastIsDroppedButStaysListed) {
   add(onceEvent("past", kStart - 60));
   EXPECT_FALSE(queued("past"));

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -28,7 +29,9 @@ struct SocketServer {
   // connection closes or this timer fires.
   std::unique_ptr<runloop::Timer> acceptRetry;
   bool acceptPaused = false;
-  bool shortageLogged = false;  // one line per shortage, not one per retry
+  // When the last shortage was logged: a shortage that lasts logs once a
+  // minute, not once per retry.
+  std::optional<runloop::AbsoluteTime> shortageLogged;
 };
 
 namespace {
@@ -37,6 +40,7 @@ namespace {
 // loop from everything else.
 constexpr int kAcceptsPerWakeup = 16;
 constexpr double kAcceptRetrySeconds = 0.1;
+constexpr double kShortageLogSeconds = 60;
 
 void resumeAccepting(SocketServer& server) {
   if (!server.acceptPaused) {
@@ -48,13 +52,15 @@ void resumeAccepting(SocketServer& server) {
 }
 
 void pauseAccepting(SocketServer& server, int error) {
-  if (!server.shortageLogged) {
+  const runloop::AbsoluteTime now = runloop::systemClock().now();
+  if (!server.shortageLogged || now - *server.shortageLogged >= kShortageLogSeconds ||
+      now < *server.shortageLogged) {
     logging::logMessage(LOG_ERR, "%s: Unable to accept connection; error: %d", "accept", error);
-    server.shortageLogged = true;
+    server.shortageLogged = now;
   }
   server.acceptPaused = true;
   sd_event_source_set_enabled(server.listenSource->get(), SD_EVENT_OFF);
-  server.acceptRetry->setNextFireDate(runloop::systemClock().now() + kAcceptRetrySeconds);
+  server.acceptRetry->setNextFireDate(now + kAcceptRetrySeconds);
 }
 
 void adopt(SocketServer& server, int descriptor) {
@@ -81,7 +87,6 @@ void onAcceptable(SocketServer& server) {
     const int descriptor =
         accept4(server.listenDescriptor, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (descriptor >= 0) {
-      server.shortageLogged = false;
       adopt(server, descriptor);
       continue;
     }

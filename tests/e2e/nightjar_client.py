@@ -1,0 +1,176 @@
+"""A small client of the daemon's API socket, for the end-to-end tests.
+
+Framing: every message begins with four little-endian 32-bit words (magic
+"NJAP", type, identifier, whole length). A DICT request and the RPLY to it
+carry a reserved word and the payload length, then an XML property list. The
+answer to a NOOP is a 20-byte RPLY. Types are four-character codes whose first
+character is the most significant byte, so DICT travels as b"TCID".
+
+Authorization: the 32-byte form by which a client names its own process:
+b"NJAZ", version 1, pid, uid, start time (field 22 of /proc/<pid>/stat), and
+eight zero bytes, little-endian.
+"""
+
+import os
+import plistlib
+import socket
+import struct
+
+MAGIC = 0x4E4A4150
+DICT = 0x44494354
+NOOP = 0x4E4F4F50
+GDBY = 0x47444259
+RPLY = 0x52504C59
+
+HEADER = struct.Struct("<IIII")
+PAYLOAD_OFFSET = 24
+MAX_REQUEST_LENGTH = 102400
+SOCKET_PATH = "/var/tmp/quillon.nightjar/api"
+
+
+def socket_path(root):
+    """The API socket under a daemon root."""
+    return os.path.join(str(root), SOCKET_PATH.lstrip("/"))
+
+
+def process_start_time(pid="self"):
+    """Field 22 of /proc/<pid>/stat: when the process started, in clock ticks."""
+    with open(f"/proc/{pid}/stat", "rb") as stat:
+        line = stat.read()
+    # The command name may hold spaces and parentheses: count from the last ")".
+    fields = line[line.rindex(b")") + 2:].split()
+    return int(fields[19])
+
+
+def authorization_form(pid=None, uid=None, start_time=None, magic=b"NJAZ", version=1):
+    """The 32-byte form for this process; any field may be forged for a test."""
+    pid = os.getpid() if pid is None else pid
+    uid = os.getuid() if uid is None else uid
+    start_time = process_start_time() if start_time is None else start_time
+    return magic + struct.pack("<IIIQQ", version, pid, uid, start_time, 0)
+
+
+def header(message_type, identifier, length, magic=MAGIC):
+    return HEADER.pack(magic, message_type, identifier, length)
+
+
+def dict_message(identifier, payload, message_type=DICT):
+    """A DICT (or any type) carrying `payload` bytes."""
+    length = PAYLOAD_OFFSET + len(payload)
+    return header(message_type, identifier, length) + struct.pack("<II", 0, len(payload)) + payload
+
+
+def encode_request(identifier, request):
+    """A DICT carrying `request` (a dict, or any plistlib value) as XML."""
+    return dict_message(identifier, plistlib.dumps(request, fmt=plistlib.FMT_XML))
+
+
+def bare_message(message_type, identifier):
+    """A header-only message: NOOP or GDBY."""
+    return header(message_type, identifier, HEADER.size)
+
+
+class ConnectionClosed(Exception):
+    """The daemon closed the connection."""
+
+
+class Reply:
+    """One RPLY: its identifier, its raw payload, and the payload parsed."""
+
+    def __init__(self, identifier, payload):
+        self.identifier = identifier
+        self.payload = payload
+
+    @property
+    def value(self):
+        return plistlib.loads(self.payload) if self.payload else None
+
+    def __repr__(self):
+        return f"Reply({self.identifier}, {self.value!r})"
+
+
+class Client:
+    """One connection to the daemon's socket."""
+
+    def __init__(self, path, timeout=5.0):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.socket.settimeout(timeout)
+        self.socket.connect(str(path))
+        self._buffer = b""
+        self._next_identifier = 1
+
+    def close(self):
+        self.socket.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def send_raw(self, data):
+        self.socket.sendall(data)
+
+    def send(self, request, identifier=None):
+        """Sends a DICT request; answers the identifier it carries."""
+        if identifier is None:
+            identifier = self._next_identifier
+            self._next_identifier += 1
+        self.send_raw(encode_request(identifier, request))
+        return identifier
+
+    def receive(self):
+        """The next reply; ConnectionClosed when the daemon closed instead."""
+        while True:
+            if len(self._buffer) >= HEADER.size:
+                _, kind, identifier, length = HEADER.unpack_from(self._buffer)
+                if kind != RPLY or length < 20 or (20 < length < PAYLOAD_OFFSET):
+                    raise ValueError(f"not a reply: type {kind:#x}, length {length}")
+                if len(self._buffer) >= length:
+                    message, self._buffer = self._buffer[:length], self._buffer[length:]
+                    if length == 20:
+                        return Reply(identifier, b"")
+                    (payload_length,) = struct.unpack_from("<I", message, 20)
+                    return Reply(identifier,
+                                 message[PAYLOAD_OFFSET:PAYLOAD_OFFSET + payload_length])
+            chunk = self.socket.recv(65536)
+            if not chunk:
+                raise ConnectionClosed()
+            self._buffer += chunk
+
+    def request(self, request):
+        """Sends `request` and answers the parsed reply to it."""
+        identifier = self.send(request)
+        reply = self.receive()
+        assert reply.identifier == identifier, (reply.identifier, identifier)
+        return reply.value
+
+    def call(self, name, parameter=None, authorization=None):
+        """{"Request": name, "Authorization": this process's form[, "Parameter"]}."""
+        request = {"Request": name,
+                   "Authorization": authorization_form() if authorization is None
+                   else authorization}
+        if parameter is not None:
+            request["Parameter"] = parameter
+        return self.request(request)
+
+    def noop(self, identifier=0):
+        self.send_raw(bare_message(NOOP, identifier))
+        return self.receive()
+
+    def goodbye(self):
+        self.send_raw(bare_message(GDBY, 0))
+
+    def is_closed_by_daemon(self, timeout=2.0):
+        """True once the daemon closed the connection (after any pending bytes)."""
+        self.socket.settimeout(timeout)
+        try:
+            while True:
+                chunk = self.socket.recv(65536)
+                if not chunk:
+                    return True
+                self._buffer += chunk
+        except socket.timeout:
+            return False
+        except ConnectionResetError:
+            return True

@@ -134,8 +134,9 @@ plist::Value schedulerSetEvents(const plist::Value& events) {
   }
   // One "events.remove" per held event, in name order, then one "events.add"
   // (or "events.modify" for a repeated identifier) per new member.
-  if (const plist::Array* held = schedulerCopyEvents().asArray()) {
-    for (const plist::Value& event : *held) {
+  const plist::Value held = schedulerCopyEvents();
+  if (const plist::Array* current = held.asArray()) {
+    for (const plist::Value& event : *current) {
       if (plist::Value id = event.get(model::kUniqueIdKey)) {
         schedulerRemoveEvent(id);
       }

@@ -1,0 +1,278 @@
+#include "api/dispatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "api/dispatcher_testing.h"
+#include "plist/describe.h"
+
+namespace nightjar::api::testing {
+namespace {
+
+namespace reason = model::refusal;
+
+using DispatchTest = DispatcherTest;
+
+TEST_F(DispatchTest, MalformedRequestsAreRefusedBeforeAnyAuthorization) {
+  expect({
+      {"no request", Value(), refusal(reason::kRequestIsNull)},
+      {"no Request member", Dict({{"Authorization", authorizationForm()}}),
+       refusal(reason::kRequestIsRequired)},
+      {"a string, not a dictionary", S("build.version"), refusal(reason::kRequestIsRequired)},
+      {"an array, not a dictionary", A({request("build.version")}),
+       refusal(reason::kRequestIsRequired)},
+      {"Request a number", Dict({{"Request", I(5)}, {"Authorization", authorizationForm()}}),
+       refusal(reason::kRequestMustBeString)},
+      {"one part", request("scheduler"), refusal(reason::kRequestMustHaveTwoComponents)},
+      {"three parts", request("scheduler.events.x"),
+       refusal(reason::kRequestMustHaveTwoComponents)},
+      {"empty", request(""), refusal(reason::kRequestMustHaveTwoComponents)},
+      {"a bad Request beats a missing authorization", Dict({{"Request", S("scheduler")}}),
+       refusal(reason::kRequestMustHaveTwoComponents)},
+      {"a wrong kind beats a missing authorization", Dict({{"Request", B(true)}}),
+       refusal(reason::kRequestMustBeString)},
+  });
+  EXPECT_TRUE(asked_.empty());
+}
+
+TEST_F(DispatchTest, MalformedAuthorizationsAndNonAsciiRightsAreRefusedWithoutAsking) {
+  const Value version = request("build.version");
+  expect({
+      {"absent", version.without("Authorization"), refusal(reason::kRequestMustBeAuthorized)},
+      {"31 bytes", version.with("Authorization", authorizationForm(31)),
+       refusal(reason::kRequestMustBeAuthorized)},
+      {"33 bytes", version.with("Authorization", authorizationForm(33)),
+       refusal(reason::kRequestMustBeAuthorized)},
+      {"a string of 32", version.with("Authorization", S(std::string(32, 'x'))),
+       refusal(reason::kRequestMustBeAuthorized)},
+      {"a non-ASCII action", request("scheduler.\xC3\xA9vents"),
+       refusal(reason::kRequestMustBeAuthorized)},
+      {"a non-ASCII object", request("sch\xC3\x89\x64uler.events"),
+       refusal(reason::kRequestMustBeAuthorized)},
+  });
+  EXPECT_TRUE(asked_.empty());
+}
+
+TEST_F(DispatchTest, TheLowerCaseRightIsCheckedBeforeObjectAndActionAreLookedUp) {
+  refused_ = {"quillon.nightjar.nosuch.thing", "quillon.nightjar.scheduler.set"};
+  expect({
+      {"capitals: right granted, object unknown", request("Scheduler.Events"),
+       refusal(reason::kUnknownObject)},
+      {"Kelvin sign lowers to k", request("build.\xE2\x84\xAAill"),
+       refusal(reason::kUnknownElement)},
+      {"empty parts", request("."), refusal(reason::kUnknownObject)},
+      {"unknown object, refused", request("nosuch.thing"),
+       refusal(reason::kRequestMustBeAuthorized)},
+      {"unknown object, granted", request("nosuch.other"), refusal(reason::kUnknownObject)},
+      {"a refused right beats a bad parameter", request("scheduler.set", I(1)),
+       refusal(reason::kRequestMustBeAuthorized)},
+      {"a refused right beats a missing parameter", request("scheduler.set"),
+       refusal(reason::kRequestMustBeAuthorized)},
+  });
+  EXPECT_EQ(asked_, (std::vector<std::string>{
+                        "quillon.nightjar.scheduler.events", "quillon.nightjar.build.kill",
+                        "quillon.nightjar..", "quillon.nightjar.nosuch.thing",
+                        "quillon.nightjar.nosuch.other", "quillon.nightjar.scheduler.set",
+                        "quillon.nightjar.scheduler.set"}));
+}
+
+TEST_F(DispatchTest, BuildAndUnknownActions) {
+  expect({
+      {"version", request("build.version"), response(200, S("nightjard v3.7.3"))},
+      {"version is read only", request("build.version", S("x")), refusal(reason::kReadOnly)},
+      {"an empty parameter is still one", request("build.version", Dict({})),
+       refusal(reason::kReadOnly)},
+      {"actions match case", request("build.Version"), refusal(reason::kUnknownElement)},
+      {"objects match case", request("Build.version"), refusal(reason::kUnknownObject)},
+      {"notify is no action", request("notifications.notify"), refusal(reason::kUnknownElement)},
+      {"unknown notifications action", request("notifications.x"),
+       refusal(reason::kUnknownElement)},
+      {"unknown scheduler action", request("scheduler.x", S("p")),
+       refusal(reason::kUnknownElement)},
+      {"empty scheduler action", request("scheduler."), refusal(reason::kUnknownElement)},
+  });
+}
+
+Value invalid(Value detail) {
+  return refusal(reason::kInvalidParameter, std::move(detail));
+}
+
+Value delay(Value seconds, Value id = S("a")) {
+  plist::Dictionary entries;
+  if (seconds) {
+    entries.emplace("seconds", std::move(seconds));
+  }
+  if (id) {
+    entries.emplace("uniqueid", std::move(id));
+  }
+  return Dict(std::move(entries));
+}
+
+TEST_F(DispatchTest, NotificationRequestsAndTheirParameterChecks) {
+  const Value secondsMissing = Dict({{"General", S("DelayBySeconds is NULL.")}});
+  expect({
+      {"pending", request("notifications.pending"), response(200, A({}))},
+      {"pending is read only", request("notifications.pending", S("x")),
+       refusal(reason::kReadOnly)},
+      {"notifyperiod", request("notifications.notifyperiod"), response(200, R(900))},
+      {"notifyperiod is read only", request("notifications.notifyperiod", I(1)),
+       refusal(reason::kReadOnly)},
+      {"cancel without", request("notifications.cancel"), refusal(reason::kParameterMissing)},
+      {"cancel a number", request("notifications.cancel", I(5)),
+       invalid(Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
+      {"cancel", request("notifications.cancel", S("a")), response(200)},
+      {"reset without", request("notifications.reset"), refusal(reason::kParameterMissing)},
+      {"reset empty", request("notifications.reset", S("")),
+       invalid(Dict({{"uniqueid", element("Below minimum length of 1")}}))},
+      {"reset", request("notifications.reset", S("a")), response(200)},
+      {"delay without", request("notifications.delay"), refusal(reason::kParameterMissing)},
+      {"delay not a dictionary", request("notifications.delay", S("a")),
+       invalid(Dict({{"Parameter", S("Must be a CFDictionaryRef")}}))},
+      {"delay empty", request("notifications.delay", Dict({})),
+       invalid(Dict(
+           {{"seconds", secondsMissing}, {"uniqueid", Dict({{"General", S("ID is NULL.")}})}}))},
+      {"delay above maximum and three entries",
+       request("notifications.delay", delay(I(86401)).with("extra", I(1))),
+       invalid(Dict({{"seconds", element("Above maximum of 86400")},
+                     {"Parameter", S("Parameter exceeds 2 entries")}}))},
+      {"delay seconds a string", request("notifications.delay", delay(S("60"))),
+       invalid(Dict({{"seconds", element("Must be a CFNumberRef")}}))},
+      {"delay fraction", request("notifications.delay", delay(R(1.5))),
+       invalid(Dict({{"seconds", element("Conversion to integer lost resolution")}}))},
+      {"delay fraction just above the maximum", request("notifications.delay", delay(R(86400.5))),
+       invalid(Dict({{"seconds", element("Conversion to integer lost resolution")}}))},
+      {"delay beyond 32 bits: the later check wins",
+       request("notifications.delay", delay(I(std::int64_t{1} << 40))),
+       invalid(Dict({{"seconds", element("Above maximum of 86400")}}))},
+      {"delay identifier a number", request("notifications.delay", delay(I(60), I(3))),
+       invalid(Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
+      {"delay no identifier", request("notifications.delay", delay(I(60), Value())),
+       invalid(Dict({{"uniqueid", Dict({{"General", S("ID is NULL.")}})}}))},
+      {"delay the maximum", request("notifications.delay", delay(I(86400))), response(200)},
+      {"delay a whole real", request("notifications.delay", delay(R(60.0))), response(200)},
+      {"delay negative", request("notifications.delay", delay(I(-5))), response(200)},
+      {"setnotifyperiod without", request("notifications.setnotifyperiod"),
+       refusal(reason::kParameterMissing)},
+      {"setnotifyperiod a string", request("notifications.setnotifyperiod", S("60")),
+       invalid(Dict({{"seconds", S("Must be a CFNumberRef")}}))},
+      {"setnotifyperiod inexact", request("notifications.setnotifyperiod", I(9007199254740993)),
+       refusal(reason::kInvalidSeconds)},
+      {"setnotifyperiod", request("notifications.setnotifyperiod", I(600)), response(200)},
+      {"notifyperiod follows", request("notifications.notifyperiod"), response(200, R(600))},
+  });
+}
+
+TEST_F(DispatchTest, NotificationRequestsWithoutAController) {
+  notifications::notificationControllerDestroy();
+  expect({
+      {"pending", request("notifications.pending"), response(200)},
+      {"notifyperiod", request("notifications.notifyperiod"), response(200)},
+      {"cancel", request("notifications.cancel", S("a")), response(400)},
+      {"reset", request("notifications.reset", S("a")), response(400)},
+      {"delay", request("notifications.delay", delay(I(60))), response(400)},
+      {"setnotifyperiod", request("notifications.setnotifyperiod", R(60)),
+       refusal(reason::kMissingNotificationController)},
+      {"checks still come first", request("notifications.cancel", I(1)),
+       invalid(Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
+  });
+}
+
+TEST_F(DispatchTest, SchedulerRequestsAndTheirParameterChecks) {
+  const Value event = validEvent("a");
+  expect({
+      {"enabled", request("scheduler.enabled"), response(200, B(true))},
+      {"enabled is read only", request("scheduler.enabled", B(true)), refusal(reason::kReadOnly)},
+      {"setenabled without", request("scheduler.setenabled"), refusal(reason::kParameterMissing)},
+      {"setenabled a number", request("scheduler.setenabled", I(1)),
+       invalid(Dict({{"enabled", S("Must be a CFBooleanRef")}}))},
+      {"setenabled", request("scheduler.setenabled", B(false)), response(200)},
+      {"enabled follows", request("scheduler.enabled"), response(200, B(false))},
+      {"events, empty", request("scheduler.events"), response(200, A({}))},
+      {"events is read only", request("scheduler.events", A({})), refusal(reason::kReadOnly)},
+      {"setevents without", request("scheduler.setevents"), refusal(reason::kParameterMissing)},
+      {"setevents a string", request("scheduler.setevents", S("x")),
+       invalid(Dict({{"events", S("Must be a CFArrayRef")}}))},
+      {"set without", request("scheduler.set"), refusal(reason::kParameterMissing)},
+      {"set a string", request("scheduler.set", S("x")),
+       invalid(Dict({{"event", S("Must be a CFDictionaryRef")}}))},
+      {"set without action", request("scheduler.set", event.without("action")),
+       invalid(Dict({{"event", Dict({{"action", S("Required but missing")}})}}))},
+      {"set", request("scheduler.set", event), response(200)},
+      {"set again", request("scheduler.set", event), response(200)},
+      {"events", request("scheduler.events"), response(200, A({event}))},
+      {"remove without", request("scheduler.remove"), refusal(reason::kParameterMissing)},
+      {"remove empty", request("scheduler.remove", S("")),
+       invalid(Dict({{"uniqueid", element("Below minimum length of 1")}}))},
+      {"remove unknown", request("scheduler.remove", S("nothere")), response(400)},
+      {"remove", request("scheduler.remove", S("a")), response(200)},
+      {"setevents empty", request("scheduler.setevents", A({})), response(200)},
+  });
+}
+
+TEST_F(DispatchTest, EveryExchangeIsLoggedOnceWithoutTheAuthorizationBytes) {
+  refused_ = {"quillon.nightjar.scheduler.set"};
+  const std::vector<Value> requests = {
+      Value(),
+      request("scheduler"),
+      request("build.version").with("Authorization", authorizationForm(33)),
+      request("scheduler.set", validEvent("a")),
+      request("build.version"),
+      request("notifications.delay", S("x")),
+  };
+  for (const Value& each : requests) {
+    log_.lines.clear();
+    const Value reply = dispatch(each);
+    ASSERT_EQ(log_.lines.size(), 1u) << plist::describeValue(each);
+    EXPECT_EQ(log_.lines[0].first, LOG_ERR);
+    EXPECT_EQ(log_.lines[0].second,
+              "API: " + plist::describeValue(each) + " > " + plist::describeValue(reply));
+    EXPECT_EQ(log_.lines[0].second.find("SECRETMARKER"), std::string::npos);
+    EXPECT_EQ(log_.lines[0].second.find("NJAZ"), std::string::npos);
+  }
+  EXPECT_NE(log_.lines[0].second.find("\"32 bytes of data\""), std::string::npos);
+}
+
+// The authorization answers later, as a polkit round trip does.
+TEST_F(DispatchTest, TheRestRunsWhenTheAuthorizationAnswers) {
+  std::vector<AuthorizationDone> waiting;
+  std::vector<Value> replies;
+  const Authorize later = [&](const Value&, std::string, AuthorizationDone done) {
+    waiting.push_back(std::move(done));
+  };
+  const auto keep = [&](Value reply) { replies.push_back(std::move(reply)); };
+
+  dispatchRequest(request("scheduler.set", validEvent("a")), later, keep);
+  dispatchRequest(request("scheduler.set", validEvent("b")), later, keep);
+  ASSERT_EQ(waiting.size(), 2u);
+  EXPECT_TRUE(replies.empty());
+  EXPECT_TRUE(log_.lines.empty());
+  EXPECT_EQ(model::eventListGet()->events().size(), 0);
+
+  waiting[1](false);
+  waiting[0](true);
+  waiting[0](false);  // a second answer changes nothing
+  EXPECT_EQ(replies,
+            (std::vector<Value>{refusal(reason::kRequestMustBeAuthorized), response(200)}));
+  EXPECT_EQ(log_.lines.size(), 2u);
+  EXPECT_EQ(model::eventListGet()->events().size(), 1);
+
+  // A malformed request is answered before dispatchRequest returns.
+  dispatchRequest(request("scheduler"), later, keep);
+  EXPECT_EQ(replies.back(), refusal(reason::kRequestMustHaveTwoComponents));
+  EXPECT_EQ(waiting.size(), 2u);
+}
+
+TEST(RightName, LowerCasesAndRefusesWhatIsNotAscii) {
+  EXPECT_EQ(rightName("Scheduler", "SetEvents"), "quillon.nightjar.scheduler.setevents");
+  EXPECT_EQ(rightName("", ""), "quillon.nightjar..");
+  EXPECT_EQ(rightName("build", "\xE2\x84\xAA"), "quillon.nightjar.build.k");
+  EXPECT_EQ(rightName("build", "\xC3\x84"), std::nullopt);
+  EXPECT_EQ(rightName("build", "\xE2\x84\xAB"), std::nullopt);  // the Angstrom sign
+  EXPECT_EQ(rightName("build", "\xE2\x84"), std::nullopt);
+  EXPECT_EQ(rightName("build", std::string_view("a\0b", 3)), std::nullopt);
+}
+
+}  // namespace
+}  // namespace nightjar::api::testing

@@ -94,8 +94,10 @@ class Client:
 
     def __init__(self, path, timeout=5.0):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.socket.settimeout(timeout)
+        # A blocking connect waits while the daemon's backlog of 5 is full; a
+        # non-blocking one would fail at once.
         self.socket.connect(str(path))
+        self.socket.settimeout(timeout)
         self._buffer = b""
         self._next_identifier = 1
 

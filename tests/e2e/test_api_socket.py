@@ -1,0 +1,108 @@
+"""The API socket seen from outside: its node, its framing, and hostile peers."""
+
+import os
+import socket
+import stat
+import struct
+import threading
+
+import pytest
+
+from nightjar_client import (DICT, GDBY, NOOP, Client, ConnectionClosed, bare_message,
+                             dict_message, encode_request, header, socket_path)
+
+
+@pytest.fixture
+def api(start_daemon, root):
+    """A running daemon and the path of its socket."""
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    path = socket_path(root)
+    if not os.path.exists(path):
+        # Until nightjard creates the server, there is nothing to talk to.
+        pytest.skip("nightjard does not serve the API socket yet")
+    return daemon, path
+
+
+def test_the_node_answers_and_goes_with_the_daemon(api, root):
+    daemon, path = api
+    assert stat.S_ISSOCK(os.stat(path).st_mode)
+    assert stat.S_IMODE(os.stat(path).st_mode) == 0o777
+    assert stat.S_IMODE(os.stat(os.path.dirname(path)).st_mode) == 0o755
+    with Client(path) as client:
+        reply = client.noop(7)
+        assert (reply.identifier, reply.payload) == (7, b"")
+        assert client.call("build.version") == {"status": 200, "response": "nightjard v3.7.3"}
+    daemon.stop()
+    assert not os.path.exists(path)
+    assert os.path.isdir(os.path.dirname(path))
+
+
+def test_split_and_joined_requests_are_answered_in_order(api):
+    _, path = api
+    with Client(path) as client:
+        first = encode_request(1, {"Request": "build.version"})
+        for byte in first:
+            client.send_raw(bytes([byte]))
+        assert client.receive().identifier == 1
+        joined = encode_request(2, {"Request": "a"}) + bare_message(NOOP, 3) + \
+            encode_request(4, {"Request": "b"})
+        client.send_raw(joined)
+        assert [client.receive().identifier for _ in range(3)] == [2, 3, 4]
+
+
+@pytest.mark.parametrize("message", [
+    header(0x41424344, 1, 16),                       # unknown type
+    bare_message(GDBY, 1),                           # the client leaves
+    header(NOOP, 1, 15),                             # NOOP under 16 bytes
+    header(DICT, 1, 23) + bytes(7),                  # DICT under 24 bytes
+    header(DICT, 1, 30) + struct.pack("<II", 0, 7) + b"abcdef",  # payload past the end
+    header(DICT, 1, 102401),                         # too long: closed on the header alone
+])
+def test_every_fault_closes_that_connection_only(api, message):
+    _, path = api
+    with Client(path) as bystander, Client(path) as client:
+        client.send_raw(message)
+        assert client.is_closed_by_daemon()
+        assert bystander.noop(5).identifier == 5
+
+
+def test_bad_xml_gets_no_reply_and_the_connection_goes_on(api):
+    _, path = api
+    with Client(path) as client:
+        client.send_raw(dict_message(1, b"<plist>") + bare_message(NOOP, 2))
+        assert client.receive().identifier == 2
+
+
+def test_hostile_peers_do_not_stop_the_daemon(api):
+    daemon, path = api
+    # Vanishing halfway through a message, and never reading at all.
+    cut = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    cut.connect(path)
+    cut.sendall(encode_request(1, {"Request": "x"})[:30])
+    cut.close()
+    deaf = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    deaf.connect(path)
+    deaf.sendall(bare_message(NOOP, 1) * 2000)
+    # Many clients at once, each answered.
+    clients = [Client(path) for _ in range(100)]
+    errors = []
+
+    def ask(client, identifier):
+        try:
+            assert client.noop(identifier).identifier == identifier
+        except (AssertionError, OSError, ConnectionClosed) as error:
+            errors.append(error)
+
+    threads = [threading.Thread(target=ask, args=(c, i)) for i, c in enumerate(clients)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    for client in clients:
+        client.close()
+    deaf.close()
+    assert errors == []
+    assert daemon.process.poll() is None
+    with Client(path) as client:
+        assert client.noop(9).identifier == 9

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "api/authorization_form.h"
 #include "plist/value.h"
 
 namespace nightjar::api {
@@ -22,7 +23,7 @@ inline constexpr std::string_view kRequestParameterKey = "Parameter";
 inline constexpr std::string_view kAuthorizationKey = "Authorization";
 
 // Size of an authorization's external form, in bytes.
-inline constexpr std::size_t kAuthorizationFormSize = 32;
+inline constexpr std::size_t kAuthorizationFormSize = kExternalFormBytes;
 // What every right name starts with, before "<object>.<action>".
 inline constexpr std::string_view kRightPrefix = "quillon.nightjar.";
 

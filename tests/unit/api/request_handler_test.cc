@@ -1,0 +1,64 @@
+#include "api/request_handler.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <utility>
+
+#include "api/authorization.h"
+#include "api/authorization_testing.h"
+#include "api/dispatcher_testing.h"
+#include "fakes/fake_policy_database.h"
+
+namespace nightjar::api::testing {
+namespace {
+
+// The real rights check with the default rights installed and no polkit on
+// the system, so the installed policy decides; the peer is pid 4242 of uid
+// 1000, started at tick 777.
+class AuthorizeAsTest : public DispatcherTest {
+ protected:
+  void SetUp() override {
+    DispatcherTest::SetUp();
+    auto database = std::make_unique<nightjar::testing::FakePolicyDatabase>();
+    installDefaultRights(*database);
+    proc_.add(4242, 777);
+    ASSERT_TRUE(authorizationCreate({std::move(database), nullptr, proc_.root.path}));
+  }
+  void TearDown() override {
+    authorizationDestroy();
+    DispatcherTest::TearDown();
+  }
+
+  Value dispatchAs(Value request, Value form) {
+    Value reply;
+    dispatchRequest(request.with("Authorization", std::move(form)), authorizeAs(kPeer),
+                    [&reply](Value answer) { reply = std::move(answer); });
+    return reply;
+  }
+
+  static constexpr platform::PeerCredentials kPeer{.pid = 4242, .uid = 1000, .gid = 1000};
+  nightjar::testing::FakeProc proc_;
+};
+
+TEST_F(AuthorizeAsTest, ReadRightsAreGrantedAndWriteRightsRefusedForAnUnprivilegedPeer) {
+  const Value form = nightjar::testing::formValue(4242, 1000, 777);
+  EXPECT_EQ(dispatchAs(request("build.version"), form), response(200, S("nightjard v3.7.3")));
+  log_.lines.clear();
+  EXPECT_EQ(dispatchAs(request("scheduler.set", validEvent("a")), form),
+            refusal(model::refusal::kRequestMustBeAuthorized));
+  EXPECT_EQ(log_.lines.front(),
+            std::pair(LOG_NOTICE, std::string("Authorization refused: "
+                                              "quillon.nightjar.scheduler.set")));
+  EXPECT_EQ(model::eventListGet()->events().size(), 0);
+}
+
+TEST_F(AuthorizeAsTest, AFormThatNamesAnotherProcessIsRefused) {
+  EXPECT_EQ(dispatchAs(request("build.version"), nightjar::testing::formValue(4243, 1000, 777)),
+            refusal(model::refusal::kRequestMustBeAuthorized));
+  EXPECT_EQ(dispatchAs(request("build.version"), nightjar::testing::formValue(4242, 1000, 778)),
+            refusal(model::refusal::kRequestMustBeAuthorized));
+}
+
+}  // namespace
+}  // namespace nightjar::api::testing

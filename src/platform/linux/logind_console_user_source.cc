@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,13 +43,15 @@ std::optional<gid_t> primaryGroupOf(uid_t uid) {
 
 // Each change of the seat's active session is resolved in two steps (which
 // session, then its class, name and user), both asynchronous so that the loop
-// never waits on logind. A newer change cancels a resolution still under way.
+// never waits on logind. Lookups run side by side and are reported in the
+// order of their changes, so that changes in quick succession are each
+// reported: a lookup that logind answers early waits for those before it.
 class LogindConsoleUserSource final : public ConsoleUserSource {
  public:
   explicit LogindConsoleUserSource(sd_bus* bus) : bus_(sd_bus_ref(bus)) {}
   ~LogindConsoleUserSource() override {
     match_.reset();
-    pending_.reset();
+    lookups_.clear();
     sd_bus_unref(bus_);
   }
 
@@ -58,7 +62,7 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
     if (sd_bus_add_match(bus_, &slot, kSeatChangedRule, onSeatChanged, this) < 0)
       return false;
     match_.reset(slot);
-    askActiveSession(/*report=*/false);
+    askActiveSession(startLookup(/*report=*/false));
     return true;
   }
 
@@ -66,66 +70,98 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
   ConsoleSession current() const override { return current_; }
 
  private:
+  // One change being resolved. Finished once `answer` is set.
+  struct Lookup {
+    LogindConsoleUserSource* source = nullptr;
+    bool report = false;
+    SlotPtr call;
+    std::optional<ConsoleSession> answer;
+  };
+
+  // Far more than logind ever has outstanding; only a flood reaches it.
+  static constexpr std::size_t kMaxLookups = 64;
+
   static int onSeatChanged(sd_bus_message* signal, void* userdata, sd_bus_error*) {
     auto* self = static_cast<LogindConsoleUserSource*>(userdata);
-    if (!logind::isBroadcast(signal))
+    if (!logind::isBroadcast(signal) || self->lookups_.size() >= kMaxLookups)
       return 0;
     std::optional<logind::ActiveSessionChange> change = logind::readActiveSessionChange(signal);
     if (!change)
       return 0;
+    Lookup* lookup = self->startLookup(/*report=*/true);
     if (change->invalidated) {
-      self->askActiveSession(/*report=*/true);
+      self->askActiveSession(lookup);
     } else {
-      self->resolve(change->path, /*report=*/true);
+      self->resolve(lookup, change->path);
     }
     return 0;
   }
 
   static int onActiveSessionReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-    auto* self = static_cast<LogindConsoleUserSource*>(userdata);
-    self->pending_.reset();
+    auto* lookup = static_cast<Lookup*>(userdata);
+    lookup->call.reset();
     if (std::optional<std::string> path = logind::readActiveSessionReply(reply)) {
-      self->resolve(*path, self->pendingReports_);
+      lookup->source->resolve(lookup, *path);
+    } else {
+      lookup->source->finish(lookup, ConsoleSession{});
     }
     return 0;
   }
 
+  // A session that cannot be looked up (most often one that ended meanwhile,
+  // like a login screen that gave way to a user) is nobody we can name.
   static int onSessionReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-    auto* self = static_cast<LogindConsoleUserSource*>(userdata);
-    self->pending_.reset();
+    auto* lookup = static_cast<Lookup*>(userdata);
+    lookup->call.reset();
     std::optional<ConsoleSession> session = logind::readSessionReply(reply);
-    if (!session)
-      return 0;
-    if (session->kind == ConsoleSessionKind::User)
+    if (session && session->kind == ConsoleSessionKind::User)
       session->gid = primaryGroupOf(session->uid);
-    self->learn(std::move(*session), self->pendingReports_);
+    lookup->source->finish(lookup, session.value_or(ConsoleSession{}));
     return 0;
   }
 
-  void askActiveSession(bool report) {
-    call(logind::kFirstSeatPath, "Get", onActiveSessionReply, report, "ss", logind::kSeatInterface,
+  Lookup* startLookup(bool report) {
+    auto lookup = std::make_unique<Lookup>();
+    lookup->source = this;
+    lookup->report = report;
+    lookups_.push_back(std::move(lookup));
+    return lookups_.back().get();
+  }
+
+  void askActiveSession(Lookup* lookup) {
+    call(lookup, logind::kFirstSeatPath, "Get", onActiveSessionReply, "ss", logind::kSeatInterface,
          "ActiveSession");
   }
 
-  void resolve(const std::string& sessionPath, bool report) {
+  void resolve(Lookup* lookup, const std::string& sessionPath) {
     if (sessionPath == "/") {
-      pending_.reset();
-      learn(ConsoleSession{}, report);
+      finish(lookup, ConsoleSession{});
       return;
     }
-    call(sessionPath.c_str(), "GetAll", onSessionReply, report, "s", logind::kSessionInterface);
+    call(lookup, sessionPath.c_str(), "GetAll", onSessionReply, "s", logind::kSessionInterface);
   }
 
   template <typename... Args>
-  void call(const char* path, const char* member, sd_bus_message_handler_t onReply, bool report,
+  void call(Lookup* lookup, const char* path, const char* member, sd_bus_message_handler_t onReply,
             const char* types, Args... args) {
-    pending_.reset();
-    pendingReports_ = report;
     sd_bus_slot* slot = nullptr;
     if (sd_bus_call_method_async(bus_, &slot, logind::kService, path,
-                                 "org.freedesktop.DBus.Properties", member, onReply, this, types,
-                                 args...) >= 0) {
-      pending_.reset(slot);
+                                 "org.freedesktop.DBus.Properties", member, onReply, lookup, types,
+                                 args...) < 0) {
+      finish(lookup, ConsoleSession{});
+      return;
+    }
+    lookup->call.reset(slot);
+  }
+
+  // Records the answer, then reports every finished lookup at the front, in
+  // order. `lookup` may be gone when this returns.
+  void finish(Lookup* lookup, ConsoleSession answer) {
+    lookup->answer = std::move(answer);
+    while (!lookups_.empty() && lookups_.front()->answer) {
+      std::unique_ptr<Lookup> done = std::move(lookups_.front());
+      lookups_.pop_front();
+      learn(std::move(*done->answer), done->report);
     }
   }
 
@@ -137,8 +173,7 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
 
   sd_bus* bus_;
   SlotPtr match_;
-  SlotPtr pending_;
-  bool pendingReports_ = false;
+  std::deque<std::unique_ptr<Lookup>> lookups_;
   ConsoleSession current_;
   ChangeHandler handler_;
 };

@@ -62,6 +62,37 @@ TEST_F(LogindConsoleUserSourceTest, SessionAtStartIsLearntNotReportedAndStranger
   EXPECT_TRUE(reports_.empty());
 }
 
+// Changes that follow each other before logind answered the first lookup are
+// each reported, in order: user A, the login screen, then user B.
+TEST_F(LogindConsoleUserSourceTest, QuickChangesAreEachReportedInOrder) {
+  addSeat(driver_.get(), "seat0");
+  addSession(driver_.get(), "a", "seat0", getuid(), "alice");
+  addSession(driver_.get(), "g1", "seat1", getuid(), "greeter");
+  call(driver_.get(), sessionPath("g1"), kProperties, "Set", "ssv",
+       "org.freedesktop.login1.Session", "Class", "s", "greeter");
+  addSession(driver_.get(), "b", "seat1", getuid(), "bob");
+  start();
+  activate(driver_.get(), "g1");
+  activate(driver_.get(), "b");
+  activate(driver_.get(), "a");
+  ASSERT_TRUE(waitForReports(3));
+  EXPECT_EQ(reports_[0].kind, ConsoleSessionKind::Greeter);
+  EXPECT_EQ(reports_[1].name, "bob");
+  EXPECT_EQ(reports_[2].name, "alice");
+  EXPECT_EQ(source_->current().name, "alice");
+
+  // A login screen that has gone before it could be looked up still means
+  // that nobody we can name is at the console.
+  activate(driver_.get(), "g1");
+  call(driver_.get(), kManager, kMock, "RemoveObject", "o", sessionPath("g1").c_str());
+  activate(driver_.get(), "b");
+  ASSERT_TRUE(waitForReports(5));
+  EXPECT_NE(reports_[3].kind, ConsoleSessionKind::User);
+  EXPECT_EQ(reports_[4].name, "bob");
+  settle(driver_.get(), client_.get());
+  EXPECT_EQ(reports_.size(), 5u);
+}
+
 TEST_F(LogindConsoleUserSourceTest, MalformedAndForgedChangesAreIgnored) {
   addSeat(driver_.get(), "seat0");
   addSession(driver_.get(), "c1", "seat1", getuid(), "alice");

@@ -5,9 +5,10 @@
 
 namespace nightjar::platform {
 
-// The source holds back each system sleep until its sleep handler has
-// returned: the handler's return is the acknowledgement that the system may
-// sleep. A sleep is never refused.
+// Where the platform lets it, the source holds back each system sleep until its
+// sleep handler has returned: the handler's return is the acknowledgement that
+// the system may sleep. Where it does not, sleep and wake are still reported.
+// A sleep is never refused.
 class PowerSource {
  public:
   virtual ~PowerSource() = default;

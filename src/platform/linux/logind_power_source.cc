@@ -82,11 +82,12 @@ class LogindPowerSource final : public PowerSource {
 }  // namespace
 
 std::unique_ptr<PowerSource> makeLogindPowerSource(sd_bus* bus) {
-  if (bus == nullptr)
+  if (bus == nullptr || !logind::reachable(bus))
     return nullptr;
+  // A refused lock only means that sleep is not held back for the handler:
+  // the announcements are still followed, and the lock is asked for again
+  // after each wake.
   logind::InhibitorLock delay = logind::inhibitNow(bus, kSleepDelay);
-  if (!delay.held())
-    return nullptr;
   auto source = std::make_unique<LogindPowerSource>(bus, std::move(delay));
   if (!source->subscribe())
     return nullptr;

@@ -10,8 +10,11 @@
 namespace nightjar::platform::linux_adapter {
 
 // Takes logind's "sleep" delay inhibitor (blocking briefly) and listens for
-// PrepareForSleep. Answers nullptr when `bus` is null, logind refuses the
-// inhibitor or the signal cannot be subscribed: no sleep or wake is reported.
+// PrepareForSleep. When logind refuses the inhibitor, sleep and wake are still
+// reported, but the sleep is not held back for the handler; the inhibitor is
+// asked for again after each wake. Answers nullptr when `bus` is null, logind
+// does not answer on it (checked once, blocking briefly) or the signal cannot
+// be subscribed: no sleep or wake is then reported.
 std::unique_ptr<PowerSource> makeLogindPowerSource(sd_bus* bus);
 
 }  // namespace nightjar::platform::linux_adapter

@@ -48,6 +48,23 @@ TEST_F(LogindPowerTest, DelayLockHoldsSleepUntilTheHandlerReturned) {
   EXPECT_TRUE(pump([&] { return held(kSleepDelay) == 1; }));
 }
 
+// Without the delay lock, sleep cannot be held back, but it and the wake are
+// still announced.
+TEST_F(LogindPowerTest, SleepAndWakeAreFollowedWhenTheDelayIsRefused) {
+  call(driver_.get(), kManager, kMock, "AddMethod", "sssss", "org.freedesktop.login1.Manager",
+       "Inhibit", "ssss", "h",
+       "raise dbus.exceptions.DBusException('refused', "
+       "name='org.freedesktop.DBus.Error.AccessDenied')");
+  start();
+  EXPECT_EQ(held(kSleepDelay), 0);
+  emitPrepareForSleep(driver_.get(), /*start=*/true);
+  ASSERT_TRUE(pump([&] { return sleeps_ == 1; }));
+  emitPrepareForSleep(driver_.get(), /*start=*/false);
+  ASSERT_TRUE(pump([&] { return wakes_ == 1; }));
+  settle(driver_.get(), client_.get());
+  EXPECT_EQ(held(kSleepDelay), 0);
+}
+
 TEST_F(LogindPowerTest, ForgedSleepSignalIsIgnored) {
   start();
   sendForgedSignal(driver_.get(), client_.get(), kManager, "org.freedesktop.login1.Manager",

@@ -62,7 +62,10 @@ void systemMonitorRaiseActivity(SystemMonitor* monitor);
 void systemMonitorLowerActivity(SystemMonitor* monitor);
 
 // True when a user, not the login screen, is logged in at the console as last
-// learnt. False without a monitor or a console-user source.
+// learnt. Takes no monitor and uses none of its state: it only asks the
+// console-user source, which on this system is the one the monitor was given.
+// Without a monitor, or without that source, no console user is known, and the
+// answer is false, as when nobody is logged in.
 bool isConsoleUserActive();
 
 }  // namespace nightjar::monitors

@@ -28,16 +28,15 @@ platform::PreferencesStore* preferencesStore() {
   return gStore;
 }
 
-void preferencesSetValue(std::string_view key, const plist::Value& value,
+bool preferencesSetValue(std::string_view key, const plist::Value& value,
                          const plist::Value& defaultValue) {
   if (gStore == nullptr || key.empty() || !value || !defaultValue)
-    return;
+    return true;
   // Look first, so that a key an administrator has just forced is not written.
   gStore->synchronize();
   if (gStore->isForced(key))
-    return;
-  // A failed write is not reported: the read-back shows what the store holds.
-  (void)gStore->setValue(key, value == defaultValue ? plist::Value() : value);
+    return true;
+  return gStore->setValue(key, value == defaultValue ? plist::Value() : value);
 }
 
 plist::Value preferencesCopyValue(std::string_view key, const plist::Value& defaultValue) {

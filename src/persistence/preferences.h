@@ -3,7 +3,7 @@
 //
 // The store is process-wide: one slot, filled by main. Every operation accepts
 // an empty slot and then does nothing or answers the default. Nothing here
-// logs; write failures of the store are not reported. Run-loop thread only.
+// logs; only preferencesSetValue reports a failed write. Run-loop thread only.
 #pragma once
 
 #include <string_view>
@@ -32,8 +32,9 @@ platform::PreferencesStore* preferencesStore();
 
 // Stores `value` under `key`, or removes the key when `value` equals
 // `defaultValue`. Does nothing when the key is empty, either value is none, or
-// an administrator has forced the key.
-void preferencesSetValue(std::string_view key, const plist::Value& value,
+// an administrator has forced the key. Answers false only when the store's
+// write failed (storage keeps its previous contents); true otherwise.
+bool preferencesSetValue(std::string_view key, const plist::Value& value,
                          const plist::Value& defaultValue);
 
 // Re-reads the store first, so that changes made by another process are seen,

@@ -1,0 +1,81 @@
+#include "state/save_on_change_observer.h"
+
+#include <syslog.h>
+
+#include <memory>
+#include <utility>
+
+#include "logging/logging.h"
+#include "runloop/notification_center.h"
+#include "state/saved_state.h"
+
+namespace nightjar::state {
+
+struct SaveOnChangeObserver {
+  bool dirty = false;
+  std::unique_ptr<runloop::ObserverHandle> runLoopObserver;
+  SaveOnChangeHooks hooks;
+  bool failing = false;  // the last save failed and was logged
+};
+
+namespace {
+std::unique_ptr<SaveOnChangeObserver> gObserver;
+
+void markDirty(SaveOnChangeObserver* observer) {
+  observer->dirty = true;
+  if (observer->hooks.onDirty)
+    observer->hooks.onDirty();
+}
+}  // namespace
+
+bool saveOnChangeObserverCreate(runloop::RunLoop* loop, SaveOnChangeHooks hooks) {
+  if (gObserver)
+    return true;
+  if (loop == nullptr)
+    return false;
+  auto observer = std::make_unique<SaveOnChangeObserver>();
+  observer->hooks = std::move(hooks);
+  SaveOnChangeObserver* raw = observer.get();
+  observer->runLoopObserver =
+      loop->addObserver([raw](runloop::Activity) { saveOnChangeObserverRunPass(raw); });
+  if (!observer->runLoopObserver)
+    return false;
+  runloop::localCenter().addObserver(
+      raw, [raw](std::string_view, const void*, const plist::Value&) { markDirty(raw); },
+      std::nullopt, nullptr);
+  gObserver = std::move(observer);
+  return true;
+}
+
+void saveOnChangeObserverDestroy() {
+  if (!gObserver)
+    return;
+  runloop::localCenter().removeObserver(gObserver.get());
+  gObserver.reset();
+}
+
+SaveOnChangeObserver* saveOnChangeObserverGet() {
+  return gObserver.get();
+}
+
+void saveOnChangeObserverRunPass(SaveOnChangeObserver* observer) {
+  if (observer == nullptr || !observer->dirty)
+    return;
+  if (persistenceSave()) {
+    observer->dirty = false;
+    observer->failing = false;
+  } else if (!observer->failing) {
+    // Storage still holds the last good state; the next pass tries again.
+    logging::logMessage(
+        LOG_ERR, "Failed to save the state; the last saved state is kept and the save is retried.");
+    observer->failing = true;
+  }
+  if (observer->hooks.onSaved)
+    observer->hooks.onSaved();
+}
+
+bool saveOnChangeObserverIsDirty(const SaveOnChangeObserver* observer) {
+  return observer != nullptr && observer->dirty;
+}
+
+}  // namespace nightjar::state

@@ -1,0 +1,124 @@
+#include <string>
+
+#include "state/saved_state.h"
+#include "state_testing.h"
+
+namespace nightjar::state::testing {
+namespace {
+
+bool hasPrivateKey(const Value& event) {
+  for (const auto& [key, value] : *event.asDictionary())
+    if (key.starts_with("_"))
+      return true;
+  return false;
+}
+
+TEST_F(SavedStateTest, AnEmptyEngineStillHoldsTheThreeKeys) {
+  EXPECT_TRUE(persistenceSave());
+  const Value state = saved();
+  EXPECT_EQ(state.get(kEventsKey), A({}));
+  EXPECT_EQ(state.get(kNotificationsKey), A({}));
+  EXPECT_EQ(state.get(kQueuesKey), Dict({{"DateTime", A({})}, {"Inactivity", A({})}}));
+
+  // Without modules the state is the empty dictionary, which is not stored.
+  tearDownModules();
+  EXPECT_EQ(persistenceCopyState(), Dict({}));
+  EXPECT_TRUE(persistenceSave());
+  EXPECT_FALSE(preferences_.stores(persistence::kEngineKey));
+  setUpModules();
+}
+
+TEST_F(SavedStateTest, RoundTripDropsPrivateKeysOfEventsButKeepsThoseOfQueues) {
+  model::eventListStore(model::eventListGet(), validEvent("b").with("_Private", S("x")));
+  model::eventListStore(model::eventListGet(), validEvent("a"));
+  const Value once = onceEvent("c", kStart + 3600);
+  ASSERT_GE(scheduling::queueControllerStore(controllerFor(once), once), 0);
+  notifications::notificationControllerAddPending(notifications::notificationControllerGet(),
+                                                  validEvent("d").with("_Mark", S("m")),
+                                                  kStart + 600);
+  ASSERT_TRUE(persistenceSave());
+
+  const Value state = saved();
+  ASSERT_EQ(state.get(kEventsKey).count(), 2u);
+  EXPECT_EQ(state.get(kEventsKey).at(0).get("uniqueid"), S("a"));  // sorted by name
+  EXPECT_FALSE(hasPrivateKey(state.get(kEventsKey).at(0)));
+  EXPECT_FALSE(hasPrivateKey(state.get(kEventsKey).at(1)));
+  const Value pending = state.get(kNotificationsKey).at(0);
+  EXPECT_EQ(pending.get("_Mark"), S("m"));
+  EXPECT_EQ(pending.get(notifications::kTriggerDateKey), D(kStart + 600));
+  EXPECT_TRUE(hasPrivateKey(state.get(kQueuesKey).get("DateTime").at(0)));
+
+  // A fresh engine restored from the store.
+  tearDownModules();
+  setUpModules();
+  persistenceRestore();
+  EXPECT_EQ(eventIds(), (std::vector<std::string>{"a", "b"}));
+  // The date-time controller may warn afresh about its restored queue.
+  const Value restored =
+      notifications::notificationControllerCopyState(notifications::notificationControllerGet());
+  EXPECT_EQ(restored.at(0), pending);
+  EXPECT_EQ(scheduling::queueControllerIndexOf(controllerFor(once), S("c")), 0);
+  EXPECT_EQ(persistenceCopyState().get(kEventsKey), state.get(kEventsKey));
+}
+
+TEST_F(SavedStateTest, AnIncompleteStateOrEngineRestoresNothing) {
+  model::eventListStore(model::eventListGet(), validEvent("a"));
+  ASSERT_TRUE(persistenceSave());
+  const Value full = saved();
+  tearDownModules();
+  setUpModules();
+
+  persistenceApplyState(full.without(kNotificationsKey));
+  persistenceApplyState(full.without(kEventsKey));
+  persistenceApplyState(full.without(kQueuesKey));
+  persistenceApplyState(A({full}));
+  persistenceApplyState(Value());
+  EXPECT_TRUE(eventIds().empty());
+
+  // Every module must exist.
+  notifications::notificationControllerDestroy();
+  persistenceApplyState(full);
+  notifications::notificationControllerCreate(clock_, timers_.timerFactory(), [](const Value&) {});
+  EXPECT_TRUE(eventIds().empty());
+
+  // A stored engine that is not a dictionary reads as the default.
+  preferences_.changeExternally(persistence::kEngineKey, A({full}));
+  persistenceRestore();
+  EXPECT_TRUE(eventIds().empty());
+  preferences_.changeExternally(persistence::kEngineKey, full);
+  persistenceRestore();
+  EXPECT_EQ(eventIds(), (std::vector<std::string>{"a"}));
+}
+
+TEST_F(SavedStateTest, MembersOfTheWrongTypesAreSkippedWithoutHarm) {
+  RecordingLog log;
+  model::eventListStore(model::eventListGet(), validEvent("kept"));
+  persistenceApplyState(Dict({{"events", S("x")}, {"queues", A({})}, {"notifications", I(3)}}));
+  EXPECT_EQ(eventIds(), (std::vector<std::string>{"kept"}));
+
+  // Right containers, wrong members: each module takes what it can.
+  persistenceApplyState(
+      Dict({{"events", A({S("junk"), Dict({{"uniqueid", I(1)}}), validEvent("n")})},
+            {"queues", Dict({{"DateTime", S("bad")}, {"Inactivity", A({I(1), A({})})}})},
+            {"notifications", A({S("x"), Dict({}), R(2)})}}));
+  EXPECT_EQ(eventIds(), (std::vector<std::string>{"n"}));
+  EXPECT_EQ(
+      notifications::notificationControllerCopyState(notifications::notificationControllerGet()),
+      A({}));
+  // The engine still saves a well-formed state afterwards.
+  ASSERT_TRUE(persistenceSave());
+  EXPECT_EQ(saved().get(kEventsKey).count(), 1u);
+  EXPECT_TRUE(saved().get(kQueuesKey).asDictionary() != nullptr);
+}
+
+TEST_F(SavedStateTest, TheControllerKeepsItsNameWhileItExists) {
+  EXPECT_EQ(persistenceControllerName(), "");
+  persistenceControllerCreate();
+  persistenceControllerCreate();
+  EXPECT_EQ(persistenceControllerName(), "persistenceController");
+  persistenceControllerDestroy();
+  EXPECT_EQ(persistenceControllerName(), "");
+}
+
+}  // namespace
+}  // namespace nightjar::state::testing

@@ -67,6 +67,19 @@ TEST_F(PreferencesTest, StoredValueOfTheWrongTypeReadsAsTheDefault) {
   EXPECT_EQ(preferencesGetNumber(kNotifyPeriodKey, kNotifyPeriodDefault), 45);
 }
 
+TEST_F(PreferencesTest, SetValueAnswersWhetherTheWriteReachedStorage) {
+  const Value engine = Value::dictionary({{"events", Value::array({})}});
+  EXPECT_TRUE(preferencesSetValue(kEngineKey, engine, engineDefault()));
+  store_.failWrites(true);
+  EXPECT_FALSE(preferencesSetValue(kEngineKey, engineDefault(), engineDefault()));
+  EXPECT_EQ(store_.disk().get(kEngineKey), engine);  // the last good state stays
+  // Nothing to write is no failure.
+  store_.force(kEngineKey, engine);
+  EXPECT_TRUE(preferencesSetValue(kEngineKey, engineDefault(), engineDefault()));
+  preferencesSetStore(nullptr);
+  EXPECT_TRUE(preferencesSetValue(kEngineKey, engine, engineDefault()));
+}
+
 TEST_F(PreferencesTest, MissingArgumentsOrStoreDoNothing) {
   preferencesSetValue("", Value::real(1), Value::real(2));
   preferencesSetValue(kEngineKey, Value(), engineDefault());

@@ -36,22 +36,25 @@ bool EventQueue::less(const plist::Value& a, const plist::Value& b) const {
   return comparator_ != nullptr && comparator_(a, b, context_) < 0;
 }
 
-// The members other than the changed one are usually still in order. Then the
-// changed member is moved to its place among them: after the equal members
-// that stood before it and before those that stood after it. That is exactly
-// where a stable sort of the whole array puts it, at the cost of one pass of
-// comparisons instead of a full sort. When the others are out of order (after
-// a replace-all, or when the owner's order moved), the whole array is sorted.
+// The members other than the changed one are in order whenever the queue was
+// in order before the store, so the changed member is moved to its place among
+// them: after the equal members that stood before it and before those that
+// stood after it. That is exactly where a stable sort of the whole array puts
+// it, at the cost of a binary search. After a replace-all the order is unknown:
+// the others are checked once, and sorted as a whole when out of order.
 void EventQueue::resort(int changed) {
   const plist::Array& members = events_.members();
   const int restCount = events_.size() - 1;
   const auto rest = [&](int k) -> const plist::Value& {
     return members[static_cast<std::size_t>(k < changed ? k : k + 1)];
   };
-  for (int k = 1; k < restCount; ++k) {
-    if (less(rest(k), rest(k - 1))) {
-      events_.sort([this](const plist::Value& a, const plist::Value& b) { return less(a, b); });
-      return;
+  if (!ordered_) {
+    ordered_ = true;
+    for (int k = 1; k < restCount; ++k) {
+      if (less(rest(k), rest(k - 1))) {
+        events_.sort([this](const plist::Value& a, const plist::Value& b) { return less(a, b); });
+        return;
+      }
     }
   }
   const plist::Value& event = members[static_cast<std::size_t>(changed)];
@@ -115,6 +118,8 @@ void eventQueueReplaceAll(EventQueue* queue, const plist::Value& events) {
       }
     }
   }
+  // Unsorted as given: the next store checks the order.
+  queue->ordered_ = queue->events_.size() < 2;
   postUpdate(queue);
 }
 

@@ -46,6 +46,10 @@ class EventQueue {
   void resort(int changed);
 
   EventArray events_;
+  // True while the members are known to be in comparator order. Stores and
+  // removals keep that order; only a replace-all (unchecked, unsorted
+  // members) leaves it unknown until the next store checks it.
+  bool ordered_ = true;
   const EventComparator comparator_;
   void* const context_;
 };

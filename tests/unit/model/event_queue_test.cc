@@ -109,10 +109,21 @@ TEST(EventQueue, PlacementMatchesAStableSortOfTheWholeArray) {
     return std::find_if(reference.begin(), reference.end(),
                         [&](auto& m) { return eventUniqueID(m) == id; });
   };
-  for (int step = 0; step < 1500; ++step) {
-    if (step % 300 == 0) {
-      std::shuffle(reference.begin(), reference.end(), random);
+  for (int step = 0; step < 3000; ++step) {
+    // Replace-alls, unsorted or already sorted, and removals interleaved with
+    // the stores: the queue must never trust an order it did not check.
+    if (const auto roll = random() % 40; roll == 0 || roll == 1) {
+      if (roll == 0) {
+        std::shuffle(reference.begin(), reference.end(), random);
+      }
       eventQueueReplaceAll(queue.get(), A(reference));
+      ASSERT_EQ(queue->events().members(), reference) << "step " << step;
+    } else if (roll < 6) {
+      const Value id = S("e" + std::to_string(random() % 40));
+      if (const auto held = firstWith(id); held != reference.end()) {
+        reference.erase(held);
+      }
+      eventQueueRemove(queue.get(), id);
     }
     const Value event = onceEvent("e" + std::to_string(random() % 40), random() % 6)
                             .with("name", S("n" + std::to_string(random() % 3)));

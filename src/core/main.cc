@@ -9,29 +9,14 @@
 
 #include "api/authorization.h"
 #include "core/command_line.h"
+#include "core/daemon.h"
 #include "core/descriptors.h"
 #include "core/lock_file.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
 #include "logging/logging.h"
-#include "model/event_list.h"
-#include "monitors/file_watcher.h"
-
-#include "monitors/system_monitor.h"
-#include "persistence/preferences.h"
 #include "platform/linux/daemon_root.h"
-#include "platform/linux/dbus_distributed_center.h"
-#include "platform/linux/file_preferences_store.h"
-#include "platform/linux/file_time_zone_source.h"
-#include "platform/linux/inotify_file_change_source.h"
-#include "platform/linux/logind_bus.h"
-
-#include "platform/linux/logind_console_user_source.h"
-#include "platform/linux/logind_power_source.h"
-#include "platform/linux/logind_sleep_guard.h"
 #include "platform/linux/polkit_policy_file.h"
-#include "platform/linux/system_bus.h"
-#include "runloop/notification_center.h"
 #include "runloop/run_loop.h"
 
 namespace nightjar {
@@ -44,56 +29,17 @@ constexpr char kDaemonWorkingDirectory[] = "/usr/local/";
 constexpr int kExitLockFailed = 1;
 constexpr int kExitNoRunLoop = 13;
 
-// Everything the process builds before its run loop, torn down in reverse.
-struct Daemon {
-  std::string root;
-  std::unique_ptr<runloop::RunLoop> loop;
-  platform::linux_adapter::BusPtr bus;
-  std::unique_ptr<platform::DistributedCenter> distributedCenter;
-  std::unique_ptr<platform::PreferencesStore> preferences;
-};
-
 void stopHandler(int signal) {
   logging::logMessage(LOG_INFO, "Caught %d signal, quitting", signal);
   if (runloop::RunLoop* loop = runloop::RunLoop::current())
     loop->stop();
 }
 
-// The file watcher, then the system monitor over the Linux adapters. logind is
-// asked once, within a bounded wait: when it does not answer, every logind
-// facility is left out at once instead of each waiting in turn.
-void createMonitors(Daemon& daemon) {
-  namespace adapter = platform::linux_adapter;
-  monitors::fileWatcherCreate(adapter::makeInotifyFileChangeSource(*daemon.loop, daemon.root));
-  sd_bus* logindBus = daemon.bus != nullptr && adapter::logind::reachable(daemon.bus.get())
-                          ? daemon.bus.get()
-                          : nullptr;
-  monitors::SystemMonitorPorts ports;
-  ports.consoleUser = adapter::makeLogindConsoleUserSource(logindBus);
-  ports.power = adapter::makeLogindPowerSource(logindBus);
-  ports.sleepGuard = adapter::makeLogindSleepGuard(logindBus);
-  ports.timeZone = adapter::makeFileTimeZoneSource(daemon.root);
-  monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
-}
-
-void buildModules(Daemon& daemon) {
-  daemon.preferences = platform::linux_adapter::makeFilePreferencesStore(daemon.root);
-  persistence::preferencesSetStore(daemon.preferences.get());
-  daemon.bus = platform::linux_adapter::connectSystemBus(*daemon.loop);
-  daemon.distributedCenter = platform::linux_adapter::makeDbusDistributedCenter(daemon.bus.get());
-  createMonitors(daemon);
-  model::eventListSetUp();
-
-  if (core::relayCreate()) {
-    core::relayAddCallbacks(core::relayGet(),
-                            core::distributedPoster(daemon.distributedCenter.get()));
-  }
-}
-
-// Runs the loop when the relay exists; answers the exit status.
-int runLoop(Daemon& daemon) {
+// Runs the loop when the relay and the API socket exist; answers the exit
+// status.
+int runLoop(core::Daemon& daemon) {
   core::NotificationRelay* relay = core::relayGet();
-  if (relay == nullptr || daemon.loop == nullptr)
+  if (relay == nullptr || daemon.loop == nullptr || !core::openApiSocket(daemon))
     return kExitNoRunLoop;
   core::relayQueue(relay, "socket.open");
   // Under systemd (Type=notify) and in the tests: the signals are handled and
@@ -105,20 +51,8 @@ int runLoop(Daemon& daemon) {
   return 0;
 }
 
-void tearDown(Daemon& daemon) {
-  core::relayDestroy();
-  model::eventListTearDown();
-  monitors::systemMonitorDestroy(monitors::fileWatcherGet());
-  monitors::fileWatcherDestroy();
-  daemon.distributedCenter.reset();
-  daemon.bus.reset();  // flushes the broadcasts still queued
-  persistence::preferencesSetStore(nullptr);
-  daemon.preferences.reset();
-  daemon.loop.reset();
-}
-
 int runDaemon(const core::CommandLine& line) {
-  Daemon daemon;
+  core::Daemon daemon;
   daemon.root = platform::linux_adapter::daemonRoot();
   const std::string lockPath = underRoot(daemon.root, kLockPath);
   if (!core::advertise(lockPath)) {
@@ -140,10 +74,11 @@ int runDaemon(const core::CommandLine& line) {
     callbacks.quit = stopHandler;
     callbacks.interrupt = stopHandler;
     core::installSignalHandlers(*daemon.loop, std::move(callbacks));
-    buildModules(daemon);
+    core::buildModules(daemon);
   }
   int status = runLoop(daemon);
-  tearDown(daemon);
+  core::tearDownModules(daemon);
+  daemon.loop.reset();
   core::stopAdvertising(lockPath);
   return status;
 }

@@ -3,7 +3,7 @@
 import pytest
 
 from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
-                              make_root)
+                              install_rights, make_root)
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -51,7 +51,11 @@ def start_daemon(root, system_bus):
     """Starts nightjard on the temporary root and the private bus; stops it after the test."""
     started = []
 
-    def start(*args, bus=True, extra_env=None):
+    def start(*args, bus=True, extra_env=None, rights=True):
+        # A daemon that is to run gets the rights installed first, as a package
+        # install would with `nightjard -i`.
+        if rights and not args:
+            install_rights(root)
         daemon = Daemon(root, system_bus.address if bus else None, args, extra_env)
         started.append(daemon)
         return daemon

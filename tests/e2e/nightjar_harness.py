@@ -61,6 +61,15 @@ def make_root(base: Path) -> Path:
     return root
 
 
+def install_rights(root: Path):
+    """Installs the daemon's rights in the root's polkit action file (`nightjard -i`)."""
+    if (root / "usr/share/polkit-1/actions/quillon.nightjar.policy").exists():
+        return
+    env = dict(os.environ, NIGHTJAR_ROOT=str(root), NIGHTJAR_LOG="stderr")
+    subprocess.run([str(DAEMON), "-i"], env=env, check=True, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL, timeout=30)
+
+
 class PrivateBus:
     """A dbus-daemon of its own, configured like a permissive system bus."""
 

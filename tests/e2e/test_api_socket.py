@@ -17,11 +17,7 @@ def api(start_daemon, root):
     """A running daemon and the path of its socket."""
     daemon = start_daemon()
     assert daemon.wait_running()
-    path = socket_path(root)
-    if not os.path.exists(path):
-        # Until nightjard creates the server, there is nothing to talk to.
-        pytest.skip("nightjard does not serve the API socket yet")
-    return daemon, path
+    return daemon, socket_path(root)
 
 
 def test_the_node_answers_and_goes_with_the_daemon(api, root):

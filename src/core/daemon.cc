@@ -1,0 +1,201 @@
+#include "core/daemon.h"
+
+#include <optional>
+#include <utility>
+
+#include "api/authorization.h"
+#include "api/request_handler.h"
+#include "core/notification_relay.h"
+#include "logging/logging.h"
+#include "model/event_list.h"
+#include "monitors/file_watcher.h"
+#include "monitors/system_monitor.h"
+#include "notifications/notification_controller.h"
+#include "persistence/preferences.h"
+#include "platform/linux/daemon_root.h"
+#include "platform/linux/dbus_distributed_center.h"
+#include "platform/linux/file_preferences_store.h"
+#include "platform/linux/file_time_zone_source.h"
+#include "platform/linux/inotify_file_change_source.h"
+#include "platform/linux/logind_bus.h"
+#include "platform/linux/logind_console_user_source.h"
+#include "platform/linux/logind_idle_time_source.h"
+#include "platform/linux/logind_power_source.h"
+#include "platform/linux/logind_sleep_guard.h"
+#include "platform/linux/logind_system_sleep.h"
+#include "platform/linux/polkit_authority.h"
+#include "platform/linux/polkit_policy_file.h"
+#include "platform/linux/session_bus_console_notice.h"
+#include "platform/linux/spawn_command_runner.h"
+#include "runloop/notification_center.h"
+#include "scheduling/date_time_queue_controller.h"
+#include "scheduling/event_action.h"
+#include "scheduling/event_scheduler.h"
+#include "scheduling/inactivity_queue_controller.h"
+#include "scheduling/power_events.h"
+#include "scheduling/queue_controller.h"
+
+namespace nightjar::core {
+namespace {
+
+namespace adapter = platform::linux_adapter;
+
+// The file watcher, then the system monitor over the Linux adapters. logind is
+// asked once, within a bounded wait: when it does not answer, every logind
+// facility is left out at once instead of each waiting in turn.
+void createMonitors(Daemon& daemon) {
+  monitors::fileWatcherCreate(adapter::makeInotifyFileChangeSource(*daemon.loop, daemon.root));
+  daemon.logindBus = daemon.bus != nullptr && adapter::logind::reachable(daemon.bus.get())
+                         ? daemon.bus.get()
+                         : nullptr;
+  monitors::SystemMonitorPorts ports;
+  ports.consoleUser = adapter::makeLogindConsoleUserSource(daemon.logindBus);
+  ports.power = adapter::makeLogindPowerSource(daemon.logindBus);
+  ports.sleepGuard = adapter::makeLogindSleepGuard(daemon.logindBus);
+  ports.timeZone = adapter::makeFileTimeZoneSource(daemon.root);
+  platform::ConsoleUserSource* consoleUser = ports.consoleUser.get();
+  monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
+
+  // The console notice reaches the desktop of whoever sits at the console.
+  daemon.notice = adapter::makeSessionBusConsoleNotice(
+      *daemon.loop, daemon.root, [consoleUser]() -> std::optional<uid_t> {
+        if (consoleUser == nullptr || monitors::systemMonitorGet() == nullptr)
+          return std::nullopt;
+        platform::ConsoleSession session = consoleUser->current();
+        if (session.kind != platform::ConsoleSessionKind::User)
+          return std::nullopt;
+        return session.uid;
+      });
+}
+
+// Wake entries: the entry file and the RTC, whose alarm is spent once it has
+// fired, so it is set again on every wake, and written out before a sleep
+// while the sleep delay lock still holds the system awake.
+void createPowerManager(Daemon& daemon) {
+  daemon.powerManager = adapter::makeFilePowerManager(daemon.root, daemon.loop.get());
+  adapter::FilePowerManager* manager = daemon.powerManager.get();
+  scheduling::powerEventsSetManager(manager, &runloop::systemClock());
+  const void* monitor = monitors::systemMonitorGet();
+  if (manager == nullptr || monitor == nullptr)
+    return;
+  runloop::localCenter().addObserver(
+      manager, [manager](std::string_view, const void*, const plist::Value&) { manager->rearm(); },
+      std::string(monitors::kWakeNotification), monitor);
+  runloop::localCenter().addObserver(
+      manager,
+      [manager](std::string_view, const void*, const plist::Value&) {
+        manager->rearm();
+        manager->flush();
+      },
+      std::string(monitors::kSleepNotification), monitor);
+}
+
+void createActions(Daemon& daemon) {
+  daemon.sleep = adapter::makeLogindSystemSleep(daemon.bus.get());
+  daemon.commands = adapter::makeSpawnCommandRunner(*daemon.loop, daemon.root);
+  scheduling::EventActionPorts ports;
+  ports.broadcasts = daemon.distributedCenter.get();
+  ports.sleep = daemon.sleep.get();
+  ports.commands = daemon.commands.get();
+  ports.notice = daemon.notice.get();
+  ports.timers = daemon.loop->timerFactory();
+  scheduling::eventActionSetUp(std::move(ports));
+}
+
+void createAuthorization(Daemon& daemon) {
+  api::AuthorizationPorts ports;
+  ports.policy = adapter::makePolkitPolicyFile(daemon.root);
+  ports.authority =
+      adapter::makePolkitAuthority(daemon.bus.get(), adapter::polkitTimeoutFromEnvironment());
+  api::authorizationCreate(std::move(ports));
+}
+
+void createControllers(Daemon& daemon) {
+  notifications::notificationControllerCreate(
+      runloop::systemClock(), daemon.loop->timerFactory(), [](const plist::Value& uniqueId) {
+        scheduling::eventSchedulerReschedule(scheduling::eventSchedulerGet(), uniqueId);
+      });
+  scheduling::queueControllerListSetUp();
+  if (scheduling::QueueControllerList* list = scheduling::queueControllerListGet()) {
+    daemon.zone = adapter::makeFileTimeZoneSource(daemon.root);
+    platform::TimeZoneSource* zone = daemon.zone.get();
+    scheduling::queueControllerListAppend(
+        list,
+        scheduling::dateTimeQueueControllerCreate(
+            runloop::systemClock(), daemon.loop->timerFactory(), [zone] { zone->current(); }));
+    daemon.idle = adapter::makeLogindIdleTimeSource(daemon.logindBus);
+    scheduling::queueControllerListAppend(
+        list, scheduling::inactivityQueueControllerCreate(daemon.idle.get(), runloop::systemClock(),
+                                                          daemon.loop->timerFactory()));
+  }
+  scheduling::eventSchedulerSetUp(model::eventListGet(), scheduling::queueControllerListGet());
+  scheduling::eventSchedulerObserveTimeZone(scheduling::eventSchedulerGet(),
+                                            monitors::systemMonitorGet());
+}
+
+void createRelay(Daemon& daemon) {
+  if (!relayCreate())
+    return;
+  NotificationRelay* relay = relayGet();
+  relayAddCallbacks(relay, distributedPoster(daemon.distributedCenter.get()));
+  if (notifications::NotificationController* warnings = notifications::notificationControllerGet())
+    relayObserve(relay, &runloop::localCenter(), warnings);
+  if (scheduling::EventScheduler* scheduler = scheduling::eventSchedulerGet())
+    relayObserve(relay, &runloop::localCenter(), scheduler);
+}
+
+}  // namespace
+
+void buildModules(Daemon& daemon) {
+  daemon.preferences = adapter::makeFilePreferencesStore(daemon.root);
+  persistence::preferencesSetStore(daemon.preferences.get());
+  daemon.bus = adapter::connectSystemBus(*daemon.loop);
+  daemon.distributedCenter = adapter::makeDbusDistributedCenter(daemon.bus.get());
+  createMonitors(daemon);
+  createPowerManager(daemon);
+  createActions(daemon);
+  createAuthorization(daemon);
+  model::eventListSetUp();
+  createControllers(daemon);
+  createRelay(daemon);
+}
+
+bool openApiSocket(Daemon& daemon) {
+  api::SocketServerFailure failure;
+  daemon.server.reset(api::socketServerCreate(
+      api::dispatchSocketRequest, adapter::underRoot(daemon.root, api::kSocketPath), &failure));
+  if (daemon.server == nullptr) {
+    logging::logMessage(LOG_ERR, "%s: Unable to open the API socket; path: %s; error: %d",
+                        failure.step != nullptr ? failure.step : "socketServerCreate",
+                        adapter::underRoot(daemon.root, api::kSocketPath).c_str(), failure.error);
+    return false;
+  }
+  return true;
+}
+
+void tearDownModules(Daemon& daemon) {
+  daemon.server.reset();
+  relayDestroy();
+  scheduling::eventSchedulerTearDown();
+  model::eventListTearDown();
+  scheduling::queueControllerListTearDown();
+  notifications::notificationControllerDestroy();
+  scheduling::eventActionTearDown();
+  api::authorizationDestroy();
+  runloop::localCenter().removeObserver(daemon.powerManager.get());
+  scheduling::powerEventsSetManager(nullptr, nullptr);
+  daemon.powerManager.reset();  // writes the entry file and the alarm a last time
+  daemon.idle.reset();
+  daemon.zone.reset();
+  daemon.commands.reset();
+  daemon.sleep.reset();
+  daemon.notice.reset();
+  monitors::systemMonitorDestroy(monitors::fileWatcherGet());
+  monitors::fileWatcherDestroy();
+  daemon.distributedCenter.reset();
+  daemon.bus.reset();  // flushes the broadcasts still queued
+  persistence::preferencesSetStore(nullptr);
+  daemon.preferences.reset();
+}
+
+}  // namespace nightjar::core

@@ -34,6 +34,8 @@
 #include "scheduling/inactivity_queue_controller.h"
 #include "scheduling/power_events.h"
 #include "scheduling/queue_controller.h"
+#include "state/save_on_change_observer.h"
+#include "state/saved_state.h"
 
 namespace nightjar::core {
 namespace {
@@ -110,6 +112,17 @@ void createAuthorization(Daemon& daemon) {
   api::authorizationCreate(std::move(ports));
 }
 
+// The state is saved before the loop sleeps after any change. A reply to a
+// request leaves only once the state it changed is on disk: replies are held
+// from the first change of a pass until that pass's save.
+void createStateSaving(Daemon& daemon) {
+  state::persistenceControllerCreate();
+  state::SaveOnChangeHooks hooks;
+  hooks.onDirty = [&daemon] { api::socketServerHoldReplies(daemon.server.get()); };
+  hooks.onSaved = [&daemon] { api::socketServerReleaseReplies(daemon.server.get()); };
+  state::saveOnChangeObserverCreate(daemon.loop.get(), std::move(hooks));
+}
+
 void createControllers(Daemon& daemon) {
   notifications::notificationControllerCreate(
       runloop::systemClock(), daemon.loop->timerFactory(), [](const plist::Value& uniqueId) {
@@ -155,9 +168,11 @@ void buildModules(Daemon& daemon) {
   createPowerManager(daemon);
   createActions(daemon);
   createAuthorization(daemon);
+  createStateSaving(daemon);
   model::eventListSetUp();
   createControllers(daemon);
   createRelay(daemon);
+  state::persistenceRestore();
 }
 
 bool openApiSocket(Daemon& daemon) {
@@ -176,10 +191,13 @@ bool openApiSocket(Daemon& daemon) {
 void tearDownModules(Daemon& daemon) {
   daemon.server.reset();
   relayDestroy();
+  state::persistenceSave();
   scheduling::eventSchedulerTearDown();
   model::eventListTearDown();
   scheduling::queueControllerListTearDown();
   notifications::notificationControllerDestroy();
+  state::saveOnChangeObserverDestroy();
+  state::persistenceControllerDestroy();
   scheduling::eventActionTearDown();
   api::authorizationDestroy();
   runloop::localCenter().removeObserver(daemon.powerManager.get());

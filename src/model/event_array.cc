@@ -81,9 +81,15 @@ void EventArray::append(plist::Value event) {
   const std::string* id = stringIdOf(event);
   members_.push_back(std::move(event));
   ids_.push_back(id);
-  if (indexed_ && id != nullptr &&
-      !firstAt_.try_emplace(*id, static_cast<long>(members_.size() - 1) + bias_).second) {
-    dropIndex();
+  slots_.push_back(nullptr);
+  if (indexed_ && id != nullptr) {
+    const auto [entry, added] =
+        firstAt_.try_emplace(*id, static_cast<long>(members_.size() - 1) + bias_);
+    if (added) {
+      slots_.back() = &entry->second;
+    } else {
+      dropIndex();
+    }
   }
 }
 
@@ -108,6 +114,7 @@ void EventArray::erase(int index) {
   }
   members_.erase(members_.begin() + index);
   ids_.erase(ids_.begin() + index);
+  slots_.erase(slots_.begin() + index);
 }
 
 // Members after `index` move one place forward. Either their entries are
@@ -120,8 +127,8 @@ void EventArray::shiftAfterErase(int index) {
   const int end = front ? index : count;
   const long step = front ? 1 : -1;
   for (int i = begin; i < end; ++i) {
-    if (const std::string* id = ids_[static_cast<std::size_t>(i)]) {
-      firstAt_.find(std::string_view(*id))->second += step;
+    if (long* slot = slots_[static_cast<std::size_t>(i)]) {
+      *slot += step;
     }
   }
   if (front) {
@@ -148,33 +155,38 @@ void EventArray::move(int from, int to) {
   };
   rotate(members_);
   rotate(ids_);
-  if (!indexed_) {
-    return;
-  }
+  rotate(slots_);
   for (int i = low; i <= high; ++i) {
-    if (const std::string* id = ids_[static_cast<std::size_t>(i)]) {
-      firstAt_.find(std::string_view(*id))->second = i + bias_;
+    if (long* slot = slots_[static_cast<std::size_t>(i)]) {
+      *slot = i + bias_;
     }
   }
 }
 
 void EventArray::reindex() {
   ids_.resize(members_.size());
+  slots_.assign(members_.size(), nullptr);
   firstAt_.clear();
   bias_ = 0;
   indexed_ = true;
   for (std::size_t i = 0; i < members_.size(); ++i) {
     ids_[i] = stringIdOf(members_[i]);
-    if (ids_[i] != nullptr && !firstAt_.try_emplace(*ids_[i], static_cast<long>(i)).second) {
+    if (ids_[i] == nullptr) {
+      continue;
+    }
+    const auto [entry, added] = firstAt_.try_emplace(*ids_[i], static_cast<long>(i));
+    if (!added) {
       dropIndex();
       return;
     }
+    slots_[i] = &entry->second;
   }
 }
 
 void EventArray::dropIndex() {
   indexed_ = false;
   firstAt_.clear();
+  slots_.assign(members_.size(), nullptr);
 }
 
 int eventArrayIndexOf(const EventArray& array, const plist::Value& id) {

@@ -72,6 +72,9 @@ class EventArray {
   // The first position of each string identifier, stored as position + bias_
   // so that an erase near the front shifts the few entries before it.
   std::unordered_map<std::string, long, Hash, std::equal_to<>> firstAt_;
+  // slots_[i]: members_[i]'s entry in firstAt_, or nullptr when it has none.
+  // Map entries never move, so a shift updates positions without hashing.
+  std::vector<long*> slots_;
   long bias_ = 0;
   // False while two members share a string identifier: lookups then scan.
   bool indexed_ = true;

@@ -1,0 +1,142 @@
+"""The whole road of one event, driven over the API socket: warning, perform, action."""
+
+import datetime
+import plistlib
+import time
+
+import pytest
+
+from nightjar_client import Client, socket_path
+from nightjar_harness import wait_until
+
+LOGIND_PATH = "/org/freedesktop/login1"
+MOCK = "org.freedesktop.DBus.Mock"
+
+
+def utc_in(seconds):
+    """A naive UTC date `seconds` ahead, whole seconds (the XML form keeps no fraction)."""
+    now = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0, tzinfo=None)
+    return now + datetime.timedelta(seconds=seconds)
+
+
+def once_event(uniqueid, action, date, name=None):
+    return {"uniqueid": uniqueid, "name": name or uniqueid, "enabled": True,
+            "trigger": {"type": "once", "date": date}, "action": {"type": action}}
+
+
+@pytest.fixture
+def api(start_daemon, root, logind):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    client = Client(socket_path(root))
+    yield daemon, client
+    client.close()
+
+
+def pending_ids(client):
+    reply = client.call("notifications.pending")
+    assert reply["status"] == 200
+    return [event["uniqueid"] for event in reply.get("response", [])]
+
+
+def pending_date(client, uniqueid):
+    for event in client.call("notifications.pending")["response"]:
+        if event["uniqueid"] == uniqueid:
+            assert event["trigger"]["type"] == "once"
+            return event["trigger"]["date"]
+    return None
+
+
+def test_a_shutdown_event_is_warned_performed_and_started(api, root, broadcasts):
+    daemon, client = api
+    assert client.call("notifications.setnotifyperiod", 2) == {"status": 200}
+    assert client.call("notifications.notifyperiod") == {"status": 200, "response": 2.0}
+    date = utc_in(4)
+    assert client.call("scheduler.set", once_event("halt", "shutdown", date)) == {"status": 200}
+    assert pending_date(client, "halt") == date
+
+    assert broadcasts.wait_for("notifications.notify", timeout=6)
+    assert daemon.wait_for_line("Issued notification: halt")
+    assert broadcasts.wait_for("event.didperform", timeout=10)
+    names = broadcasts.names()
+    assert names.index("notifications.notify") < names.index("event.willperform") \
+        < names.index("event.didperform")
+    performed = dict(broadcasts.received())["event.willperform"]
+    assert "halt" in performed and "shutdown" in performed
+
+    log = root / "tool-calls.log"
+    assert wait_until(lambda: log.exists() and "gracestop -h" in log.read_text())
+    assert log.read_text().strip().endswith("/usr/local/nightjar/bin/gracestop -h")
+    assert any(m.startswith("Performing: ") and "halt" in m for m in daemon.messages())
+    # A once event is dropped after it was performed.
+    assert wait_until(lambda: pending_ids(client) == [])
+
+
+def test_a_sleep_event_suspends_through_logind(api, logind, broadcasts):
+    daemon, client = api
+    assert client.call("scheduler.set", once_event("nap", "sleep", utc_in(1))) == {"status": 200}
+    manager = logind.object(LOGIND_PATH)
+    assert wait_until(lambda: manager.GetMethodCalls("Suspend", dbus_interface=MOCK), timeout=8)
+    assert broadcasts.wait_for("event.didperform")
+    assert daemon.process.poll() is None
+
+
+def test_a_wake_event_sets_the_rtc_and_the_power_event_list(api, root, broadcasts):
+    daemon, client = api
+    date = utc_in(3 * 3600)
+    assert client.call("scheduler.set", once_event("rise", "wake", date)) == {"status": 200}
+    epoch = int(date.replace(tzinfo=datetime.timezone.utc).timestamp())
+    alarm = root / "sys/class/rtc/rtc0/wakealarm"
+    assert wait_until(lambda: alarm.read_text().strip() == str(epoch)), alarm.read_text()
+
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    assert wait_until(saved.exists)
+    entries = plistlib.loads(saved.read_bytes())
+    assert [(e["eventtype"], e["time"]) for e in entries] == [("wake", date)]
+    assert entries[0]["scheduledby"]
+
+    # Removing the event takes its entry away and clears the alarm.
+    assert client.call("scheduler.remove", "rise") == {"status": 200}
+    assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
+    assert wait_until(lambda: alarm.read_text().strip() in ("", "0"))
+    assert "event.willperform" not in broadcasts.names()
+
+
+def test_delay_cancel_and_reset_move_or_drop_the_pending_warning(api):
+    _, client = api
+    date = utc_in(3600)
+    for uniqueid in ("a", "b"):
+        assert client.call("scheduler.set", once_event(uniqueid, "restart", date)) == \
+            {"status": 200}
+    assert sorted(pending_ids(client)) == ["a", "b"]
+
+    delay = {"uniqueid": "a", "seconds": 600}
+    assert client.call("notifications.delay", delay) == {"status": 200}
+    assert pending_date(client, "a") == date + datetime.timedelta(seconds=600)
+    assert pending_ids(client) == ["b", "a"]  # sorted by the date it will be performed
+
+    assert client.call("notifications.reset", "a") == {"status": 200}
+    assert pending_date(client, "a") == date
+
+    assert client.call("notifications.cancel", "b") == {"status": 200}
+    assert pending_ids(client) == ["a"]
+    # The event itself stays in the list; only this occurrence is dropped.
+    assert [e["uniqueid"] for e in client.call("scheduler.events")["response"]] == ["a", "b"]
+
+    # Unknown identifiers and a delay of nothing change nothing, and still answer 200.
+    assert client.call("notifications.cancel", "nobody") == {"status": 200}
+    assert client.call("notifications.delay", {"uniqueid": "a", "seconds": 0}) == {"status": 200}
+    assert pending_date(client, "a") == date
+
+
+def test_requests_are_answered_during_the_pause_before_an_action(api, broadcasts):
+    _, client = api
+    assert client.call("scheduler.set", once_event("off", "restart", utc_in(1))) == \
+        {"status": 200}
+    assert broadcasts.wait_for("event.willperform", timeout=6)
+    assert "event.didperform" not in broadcasts.names()
+    started = time.monotonic()
+    assert client.call("build.version")["response"] == "nightjard v3.7.3"
+    assert time.monotonic() - started < 0.5
+    assert "event.didperform" not in broadcasts.names()  # still inside the pause
+    assert broadcasts.wait_for("event.didperform")

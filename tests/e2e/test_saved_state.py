@@ -1,0 +1,110 @@
+"""The engine state across a stop and a restart of the daemon."""
+
+import datetime
+import os
+import plistlib
+import signal
+
+from nightjar_client import Client, socket_path
+from nightjar_harness import wait_until
+from test_event_road import once_event, utc_in
+
+
+def stop(daemon):
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait() == 0
+
+
+def start(start_daemon):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    return daemon
+
+
+def daily_event(uniqueid):
+    return {"uniqueid": uniqueid, "name": uniqueid, "enabled": True, "note": "kept",
+            "trigger": {"type": "daily", "secondsfrommidnight": 3600,
+                        "days": ["monday", "friday"]},
+            "action": {"type": "logout"}}
+
+
+def test_events_and_warnings_survive_a_restart(start_daemon, root, logind):
+    daemon = start(start_daemon)
+    date = utc_in(3600)
+    with Client(socket_path(root)) as client:
+        assert client.call("notifications.setnotifyperiod", 7200) == {"status": 200}
+        assert client.call("scheduler.set", once_event("soon", "restart", date)) == \
+            {"status": 200}
+        assert client.call("scheduler.set", daily_event("weekly")) == {"status": 200}
+        events = client.call("scheduler.events")["response"]
+        # Warned at once: the event is due within the notify period.
+        assert wait_until(lambda: "metadatanotified" in client.call(
+            "notifications.pending")["response"][0])
+        pending = client.call("notifications.pending")["response"]
+    stop(daemon)
+    assert (root / "var/lib/nightjar/preferences.plist").exists()
+
+    daemon = start(start_daemon)
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.events")["response"] == events
+        assert client.call("notifications.notifyperiod")["response"] == 7200.0
+        assert client.call("notifications.pending")["response"] == pending
+        # The restored warning is not issued a second time.
+        assert not any("Issued notification" in m and "soon" in m for m in daemon.messages())
+        # The restored events still answer the warning requests.
+        assert client.call("notifications.delay", {"uniqueid": "soon", "seconds": 60}) == \
+            {"status": 200}
+        moved = {e["uniqueid"]: e["trigger"]["date"]
+                 for e in client.call("notifications.pending")["response"]}
+        assert moved["soon"] == date + datetime.timedelta(seconds=60)
+
+
+def test_a_once_event_that_passed_while_stopped_is_dropped(start_daemon, root, logind):
+    daemon = start(start_daemon)
+    date = utc_in(2)
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", once_event("missed", "restart", date)) == \
+            {"status": 200}
+    stop(daemon)
+    assert wait_until(lambda: utc_in(0) > date, timeout=4)
+
+    daemon = start(start_daemon)
+    assert daemon.wait_for_line("Dropped event: ")
+    dropped = [m for m in daemon.messages() if m.startswith("Dropped event: ")]
+    assert len(dropped) == 1 and "missed" in dropped[0] and dropped[0].endswith(", has past.")
+    with Client(socket_path(root)) as client:
+        assert client.call("notifications.pending") == {"status": 200, "response": []}
+    log = root / "tool-calls.log"
+    assert not log.exists() or "gracestop" not in log.read_text()
+
+
+def test_wake_entries_are_found_again_and_not_duplicated(start_daemon, root, logind):
+    daemon = start(start_daemon)
+    date = utc_in(5 * 3600)
+    epoch = str(int(date.replace(tzinfo=datetime.timezone.utc).timestamp()))
+    alarm = root / "sys/class/rtc/rtc0/wakealarm"
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", once_event("dawn", "wake", date)) == \
+            {"status": 200}
+    assert wait_until(lambda: alarm.read_text().strip() == epoch)
+    stop(daemon)
+    entries = plistlib.loads(saved.read_bytes())
+    assert len(entries) == 1
+
+    # A fired alarm is spent: the restarted daemon must set it again.
+    alarm.write_text("")
+    daemon = start(start_daemon)
+    assert wait_until(lambda: alarm.read_text().strip() == epoch)
+    stop(daemon)
+    assert plistlib.loads(saved.read_bytes()) == entries
+
+
+def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(
+        start_daemon, root, broadcasts):
+    os.chmod(root / "var/tmp", 0o777)
+    daemon = start_daemon()
+    assert daemon.wait() == 13
+    assert not os.path.exists(socket_path(root))
+    assert not broadcasts.wait_for("socket.open", timeout=0.5)
+    assert broadcasts.names() == []

@@ -1,0 +1,178 @@
+"""Requests over the socket and their exact replies: every refusal a client can meet."""
+
+import os
+
+import pytest
+
+from nightjar_client import Client, authorization_form, process_start_time, socket_path
+
+AUTH = object()  # stands for this process's own authorization form
+
+
+def error(code, reason, detail=None):
+    reply = {"error": code, "reason": reason}
+    if detail is not None:
+        reply["detail"] = detail
+    return reply
+
+
+def request(name, parameter=None, authorization=AUTH):
+    message = {} if name is None else {"Request": name}
+    if parameter is not None:
+        message["Parameter"] = parameter
+    if authorization is not None:
+        message["Authorization"] = authorization_form() if authorization is AUTH \
+            else authorization
+    return message
+
+
+EVENT = {"uniqueid": "e1", "name": "one", "enabled": True,
+         "trigger": {"type": "inactive", "secondsofinactivity": 600},
+         "action": {"type": "sleep"}}
+NO_ACTION = {k: v for k, v in EVENT.items() if k != "action"}
+TWO_COMPONENTS = error(401, "Request must have 2 components")
+UNAUTHORIZED = error(500, "Request must be authorized")
+READ_ONLY = error(407, "Read only")
+MISSING = error(404, "Parameter missing")
+
+
+def invalid(detail):
+    return error(405, "Invalid parameter", detail)
+
+
+# (request, exact reply), in the order they are sent to one daemon.
+CASES = [
+    (request(None), error(401, "Request is required")),
+    (request(None, authorization=None), error(401, "Request is required")),
+    (request(5), error(401, "Request must be a CFString")),
+    (request(["build", "version"]), error(401, "Request must be a CFString")),
+    (request("scheduler"), TWO_COMPONENTS),
+    (request("scheduler", authorization=None), TWO_COMPONENTS),
+    (request(""), TWO_COMPONENTS),
+    (request("scheduler.events.now"), TWO_COMPONENTS),
+    (request("build.version"), {"status": 200, "response": "nightjard v3.7.3"}),
+    (request("build.version", "x"), READ_ONLY),
+    # The right is checked on the lowercased name, objects and actions exactly.
+    (request("Scheduler.Events"), error(402, "Unknown object requested")),
+    (request("Build.version"), error(402, "Unknown object requested")),
+    (request("scheduler.Events"), error(403, "Unknown element requested")),
+    (request("notifications.notify"), error(403, "Unknown element requested")),
+    (request("build.Version"), error(403, "Unknown element requested")),
+    # Rights that are not installed, and authorization forms that are not good.
+    (request("bogus.version"), UNAUTHORIZED),
+    (request("scheduler.frobnicate"), UNAUTHORIZED),
+    (request("scheduler.\u00e9vents"), UNAUTHORIZED),
+    (request("build.version", authorization=None), UNAUTHORIZED),
+    (request("build.version", authorization="x" * 32), UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form()[:31]), UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form() + b"\0"), UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form(magic=b"XXXX")),
+     UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form(version=2)), UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form(
+        start_time=process_start_time() + 1)), UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form(pid=0x7FFFFFF0)),
+     UNAUTHORIZED),
+    (request("build.version", authorization=authorization_form(uid=os.getuid() + 1000)),
+     UNAUTHORIZED),
+    # Scheduler requests.
+    (request("scheduler.events"), {"status": 200, "response": []}),
+    (request("scheduler.events", []), READ_ONLY),
+    (request("scheduler.enabled"), {"status": 200, "response": True}),
+    (request("scheduler.enabled", True), READ_ONLY),
+    (request("scheduler.setenabled"), MISSING),
+    (request("scheduler.setenabled", 1), invalid({"enabled": "Must be a CFBooleanRef"})),
+    (request("scheduler.set"), MISSING),
+    (request("scheduler.set", "e1"), invalid({"event": "Must be a CFDictionaryRef"})),
+    (request("scheduler.set", NO_ACTION),
+     invalid({"event": {"action": "Required but missing"}})),
+    (request("scheduler.set", EVENT), {"status": 200}),
+    (request("scheduler.set", EVENT), {"status": 200}),
+    (request("scheduler.events"), {"status": 200, "response": [EVENT]}),
+    (request("scheduler.remove"), MISSING),
+    (request("scheduler.remove", ""),
+     invalid({"uniqueid": {"Element": "Below minimum length of 1"}})),
+    (request("scheduler.remove", 7), invalid({"uniqueid": {"Element": "Must be a CFStringRef"}})),
+    (request("scheduler.remove", "nobody"), {"status": 400}),
+    (request("scheduler.setevents"), MISSING),
+    (request("scheduler.setevents", "x"), invalid({"events": "Must be a CFArrayRef"})),
+    (request("scheduler.remove", "e1"), {"status": 200}),
+    (request("scheduler.remove", "e1"), {"status": 400}),
+    # Notification requests.
+    (request("notifications.pending", "x"), READ_ONLY),
+    (request("notifications.pending"), {"status": 200, "response": []}),
+    (request("notifications.notifyperiod", 5), READ_ONLY),
+    (request("notifications.notifyperiod"), {"status": 200, "response": 900.0}),
+    (request("notifications.setnotifyperiod"), MISSING),
+    (request("notifications.setnotifyperiod", "x"), invalid({"seconds": "Must be a CFNumberRef"})),
+    (request("notifications.setnotifyperiod", 300), {"status": 200}),
+    (request("notifications.notifyperiod"), {"status": 200, "response": 300.0}),
+    (request("notifications.cancel"), MISSING),
+    (request("notifications.cancel", 3),
+     invalid({"uniqueid": {"Element": "Must be a CFStringRef"}})),
+    (request("notifications.cancel", "nobody"), {"status": 200}),
+    (request("notifications.reset"), MISSING),
+    (request("notifications.reset", ""),
+     invalid({"uniqueid": {"Element": "Below minimum length of 1"}})),
+    (request("notifications.reset", "nobody"), {"status": 200}),
+    (request("notifications.delay"), MISSING),
+    (request("notifications.delay", {}),
+     invalid({"seconds": {"General": "DelayBySeconds is NULL."},
+              "uniqueid": {"General": "ID is NULL."}})),
+    (request("notifications.delay", {"seconds": 86401, "uniqueid": "e1", "more": 1}),
+     invalid({"seconds": {"Element": "Above maximum of 86400"},
+              "Parameter": "Parameter exceeds 2 entries"})),
+    (request("notifications.delay", {"seconds": "60", "uniqueid": "e1"}),
+     invalid({"seconds": {"Element": "Must be a CFNumberRef"}})),
+    (request("notifications.delay", {"seconds": 1.5, "uniqueid": "e1"}),
+     invalid({"seconds": {"Element": "Conversion to integer lost resolution"}})),
+    (request("notifications.delay", {"seconds": 60, "uniqueid": "nobody"}), {"status": 200}),
+]
+
+
+@pytest.fixture
+def client(start_daemon, root):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    with Client(socket_path(root)) as connection:
+        yield daemon, connection
+
+
+def test_every_request_gets_its_exact_reply(client):
+    daemon, connection = client
+    wrong = []
+    for message, expected in CASES:
+        got = connection.request(message)
+        if got != expected:
+            wrong.append((message.get("Request"), expected, got))
+    assert wrong == []
+    # One exchange line for every request, refused or not; never the authorization bytes.
+    assert daemon.wait_for_line("API: ")
+    exchanges = lambda: [m for m in daemon.messages() if m.startswith("API: ")]
+    assert len(exchanges()) == len(CASES)
+    assert not any("NJAZ" in line for line in exchanges())
+
+
+def test_setevents_is_all_or_nothing(client):
+    _, connection = client
+    second = dict(EVENT, uniqueid="e2", name="two")
+    assert connection.call("scheduler.setevents", [EVENT, second]) == {"status": 200}
+    bad_one = dict(EVENT, uniqueid="")
+    bad_two = {k: v for k, v in EVENT.items() if k != "name"}
+    reply = connection.call("scheduler.setevents", [dict(EVENT, uniqueid="e3"), bad_one,
+                                                    bad_two])
+    assert reply["status"] == 400
+    assert len(reply["response"]) == 2
+    assert reply["response"][1] == {"name": "Required but missing"}
+    listed = connection.call("scheduler.events")["response"]
+    assert [e["uniqueid"] for e in listed] == ["e1", "e2"]
+    assert connection.call("scheduler.setevents", []) == {"status": 200}
+    assert connection.call("scheduler.events") == {"status": 200, "response": []}
+
+
+def test_a_refused_right_is_logged_by_name(client):
+    daemon, connection = client
+    assert connection.call("bogus.thing") == UNAUTHORIZED
+    assert daemon.wait_for_line("Authorization refused: quillon.nightjar.bogus.thing")
+    assert connection.call("scheduler.\u00e9vents") == UNAUTHORIZED
+    assert not any("Authorization refused" in m and "vents" in m for m in daemon.messages())

@@ -2,6 +2,7 @@
 
 import datetime
 import plistlib
+import signal
 import time
 
 import pytest
@@ -140,3 +141,69 @@ def test_requests_are_answered_during_the_pause_before_an_action(api, broadcasts
     assert time.monotonic() - started < 0.5
     assert "event.didperform" not in broadcasts.names()  # still inside the pause
     assert broadcasts.wait_for("event.didperform")
+
+
+def daily_event(uniqueid, action, seconds):
+    return {"uniqueid": uniqueid, "name": uniqueid, "enabled": True,
+            "trigger": {"type": "daily", "secondsfrommidnight": seconds,
+                        "days": ["monday", "tuesday", "wednesday", "thursday", "friday",
+                                 "saturday", "sunday"]},
+            "action": {"type": action}}
+
+
+def seconds_of_day(date):
+    return date.hour * 3600 + date.minute * 60 + date.second
+
+
+def test_daily_times_keep_the_wake_lead_and_follow_the_time_zone(api, root):
+    daemon, client = api
+    soon = utc_in(60)  # the root's zone is UTC
+    assert client.call("scheduler.set", daily_event("out", "logout", seconds_of_day(soon))) \
+        == {"status": 200}
+    assert client.call("scheduler.set", daily_event("up", "wake", seconds_of_day(soon))) \
+        == {"status": 200}
+    # A wake kind is never placed less than two minutes ahead: it goes to the next day.
+    assert pending_date(client, "out") == soon
+    assert pending_date(client, "up") == soon + datetime.timedelta(days=1)
+
+    # Nine hours ahead of UTC, the same time of day comes nine hours earlier.
+    zone = root / "etc/localtime"
+    zone.unlink()
+    zone.write_bytes(open("/usr/share/zoneinfo/Etc/GMT-9", "rb").read())
+    daemon.signal(signal.SIGHUP)
+    shifted = soon - datetime.timedelta(hours=9)
+    while shifted <= utc_in(0):
+        shifted += datetime.timedelta(days=1)
+    assert wait_until(lambda: pending_date(client, "out") == shifted), \
+        client.call("notifications.pending")
+
+
+def test_disabling_the_scheduler_drops_warnings_and_wake_entries(api, root, broadcasts):
+    _, client = api
+    date = utc_in(7200)
+    assert client.call("scheduler.set", once_event("w", "wake", date)) == {"status": 200}
+    assert client.call("scheduler.set", dict(once_event("off", "shutdown", date),
+                                             enabled=False)) == {"status": 200}
+    assert pending_ids(client) == ["w"]
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    assert wait_until(lambda: saved.exists() and len(plistlib.loads(saved.read_bytes())) == 1)
+
+    assert client.call("scheduler.setenabled", False) == {"status": 200}
+    assert client.call("scheduler.enabled") == {"status": 200, "response": False}
+    assert pending_ids(client) == []
+    assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
+    assert broadcasts.wait_for("scheduler.enabled")
+
+    assert client.call("scheduler.setenabled", True) == {"status": 200}
+    assert pending_ids(client) == ["w"]
+    assert wait_until(lambda: len(plistlib.loads(saved.read_bytes())) == 1)
+
+
+def test_delays_add_up(api):
+    _, client = api
+    date = utc_in(3600)
+    assert client.call("scheduler.set", once_event("d", "restart", date)) == {"status": 200}
+    for _ in range(2):
+        assert client.call("notifications.delay", {"uniqueid": "d", "seconds": 600}) == \
+            {"status": 200}
+    assert pending_date(client, "d") == date + datetime.timedelta(seconds=1200)

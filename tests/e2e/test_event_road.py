@@ -207,3 +207,35 @@ def test_delays_add_up(api):
         assert client.call("notifications.delay", {"uniqueid": "d", "seconds": 600}) == \
             {"status": 200}
     assert pending_date(client, "d") == date + datetime.timedelta(seconds=1200)
+
+
+def test_events_due_together_are_performed_one_after_another(api, root, broadcasts):
+    daemon, client = api
+    date = utc_in(1)
+    events = [once_event("a-out", "logout", date), once_event("b-switch", "fast user switch",
+                                                              date),
+              once_event("c-wake", "wake", date)]
+    assert client.call("scheduler.setevents", events) == {"status": 200}
+    assert broadcasts.wait_for("event.didperform", count=2, timeout=10)
+    assert daemon.wait_for_line("IOKit Performing: ")
+    names = [n for n in broadcasts.names() if n.startswith("event.")]
+    assert names == ["event.willperform", "event.didperform"] * 2
+    # No user is at the console of the mocked logind: the switch is skipped, not failed.
+    assert daemon.wait_for_line("Ignored fast user switch - no active user")
+    log = root / "tool-calls.log"
+    assert wait_until(lambda: log.exists() and "perch -l" in log.read_text())
+    assert "perch -s" not in log.read_text()
+    # The wake kind announced nothing; all three are gone from the warnings.
+    assert wait_until(lambda: pending_ids(client) == [])
+    assert [n for n in broadcasts.names() if n.startswith("event.")] == names
+
+
+def test_requests_that_are_not_dictionaries_are_refused_without_harm(api):
+    daemon, client = api
+    for request in (["build.version"], "build.version", 7, {"Request": {"a": "b"}}):
+        reply = client.request(request)
+        assert isinstance(reply, dict) and reply.get("error") == 401, (request, reply)
+    reply = client.call("notifications.delay", ["a", 60])
+    assert reply["error"] == 405 and reply["reason"] == "Invalid parameter"
+    assert client.call("build.version")["response"] == "nightjard v3.7.3"
+    assert daemon.process.poll() is None

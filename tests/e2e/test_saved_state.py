@@ -108,3 +108,22 @@ def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(
     assert not os.path.exists(socket_path(root))
     assert not broadcasts.wait_for("socket.open", timeout=0.5)
     assert broadcasts.names() == []
+
+
+def test_a_forced_notify_period_wins_and_a_corrupt_store_starts_empty(
+        start_daemon, root, logind):
+    forced = root / "etc/nightjar/forced.plist"
+    forced.write_bytes(plistlib.dumps({"notificationcontroller.notifyperiod": 60.0}))
+    (root / "var/lib/nightjar/preferences.plist").write_text("<plist><dict><key>engine")
+    daemon = start(start_daemon)
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.events") == {"status": 200, "response": []}
+        assert client.call("notifications.notifyperiod")["response"] == 60.0
+        assert client.call("notifications.setnotifyperiod", 120) == {"status": 200}
+        assert client.call("notifications.notifyperiod")["response"] == 60.0
+        assert client.call("scheduler.set", once_event("kept", "restart", utc_in(3600))) == \
+            {"status": 200}
+    stop(daemon)
+    # The corrupt store was replaced by a whole one holding the new state.
+    saved = plistlib.loads((root / "var/lib/nightjar/preferences.plist").read_bytes())
+    assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]

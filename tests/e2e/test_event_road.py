@@ -239,3 +239,29 @@ def test_requests_that_are_not_dictionaries_are_refused_without_harm(api):
     assert reply["error"] == 405 and reply["reason"] == "Invalid parameter"
     assert client.call("build.version")["response"] == "nightjard v3.7.3"
     assert daemon.process.poll() is None
+
+
+def test_wake_entries_follow_a_changed_event(api, root):
+    _, client = api
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    alarm = root / "sys/class/rtc/rtc0/wakealarm"
+
+    def entries():
+        return sorted((e["eventtype"], e["time"]) for e in plistlib.loads(saved.read_bytes())) \
+            if saved.exists() else None
+
+    first, later = utc_in(3 * 3600), utc_in(4 * 3600)
+    assert client.call("scheduler.set", once_event("rise", "wake", first)) == {"status": 200}
+    # An event the daemon carries out itself wakes the machine 30 seconds early.
+    assert client.call("scheduler.set", once_event("halt", "shutdown", later)) == \
+        {"status": 200}
+    expected = [("wake", first), ("wake", later - datetime.timedelta(seconds=30))]
+    assert wait_until(lambda: entries() == expected), entries()
+
+    moved = first + datetime.timedelta(hours=2)
+    assert client.call("scheduler.set", once_event("rise", "wake", moved)) == {"status": 200}
+    expected = sorted([("wake", moved), ("wake", later - datetime.timedelta(seconds=30))])
+    assert wait_until(lambda: entries() == expected), entries()
+    epoch = int((later - datetime.timedelta(seconds=30)).replace(
+        tzinfo=datetime.timezone.utc).timestamp())
+    assert wait_until(lambda: alarm.read_text().strip() == str(epoch)), alarm.read_text()

@@ -127,3 +127,25 @@ def test_a_forced_notify_period_wins_and_a_corrupt_store_starts_empty(
     # The corrupt store was replaced by a whole one holding the new state.
     saved = plistlib.loads((root / "var/lib/nightjar/preferences.plist").read_bytes())
     assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]
+
+
+def test_a_daily_event_missed_while_stopped_moves_to_its_next_day(start_daemon, root, logind):
+    daemon = start(start_daemon)
+    date = utc_in(2)
+    seconds = date.hour * 3600 + date.minute * 60 + date.second
+    with Client(socket_path(root)) as client:
+        event = dict(daily_event("nightly"), action={"type": "restart"})
+        event["trigger"] = dict(event["trigger"], secondsfrommidnight=seconds,
+                                days=["monday", "tuesday", "wednesday", "thursday", "friday",
+                                      "saturday", "sunday"])
+        assert client.call("scheduler.set", event) == {"status": 200}
+    stop(daemon)
+    assert wait_until(lambda: utc_in(0) > date, timeout=4)
+
+    daemon = start(start_daemon)
+    assert daemon.wait_for_line("Rescheduling event: ")
+    with Client(socket_path(root)) as client:
+        pending = client.call("notifications.pending")["response"]
+        assert [e["trigger"]["date"] for e in pending] == [date + datetime.timedelta(days=1)]
+    log = root / "tool-calls.log"
+    assert not log.exists() or "gracestop" not in log.read_text()

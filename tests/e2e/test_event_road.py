@@ -265,3 +265,32 @@ def test_wake_entries_follow_a_changed_event(api, root):
     epoch = int((later - datetime.timedelta(seconds=30)).replace(
         tzinfo=datetime.timezone.utc).timestamp())
     assert wait_until(lambda: alarm.read_text().strip() == str(epoch)), alarm.read_text()
+
+
+def test_broadcasts_follow_changes_only(api, broadcasts):
+    _, client = api
+    event = once_event("same", "restart", utc_in(3600))
+    assert client.call("scheduler.set", event) == {"status": 200}
+    assert broadcasts.wait_for("scheduler.events")
+    assert broadcasts.wait_for("notifications.pending")
+    assert client.call("notifications.setnotifyperiod", 900) == {"status": 200}  # unchanged
+    assert client.call("scheduler.set", event) == {"status": 200}  # the same record again
+    assert client.call("notifications.setnotifyperiod", 60) == {"status": 200}
+    assert broadcasts.wait_for("notifications.notifyperiod")
+    names = broadcasts.names()
+    assert names.count("scheduler.events") == 1 and names.count("notifications.pending") == 1
+    assert names.count("notifications.notifyperiod") == 1
+    for name, user_info in broadcasts.received():
+        if name.startswith(("scheduler.", "notifications.")):
+            assert "<dict/>" in user_info or "<dict>\n</dict>" in user_info, (name, user_info)
+
+
+def test_the_performed_event_is_announced_with_its_trigger_date(api, broadcasts):
+    _, client = api
+    assert client.call("scheduler.set", once_event("r", "restart", utc_in(1))) == \
+        {"status": 200}
+    assert broadcasts.wait_for("event.didperform", timeout=8)
+    announced = dict(broadcasts.received())
+    for name in ("event.willperform", "event.didperform"):
+        assert "_DateTimeQueueController.Trigger.Date" in announced[name]
+        assert plistlib.loads(announced[name].encode())["uniqueid"] == "r"

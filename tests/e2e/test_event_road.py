@@ -294,3 +294,24 @@ def test_the_performed_event_is_announced_with_its_trigger_date(api, broadcasts)
     for name in ("event.willperform", "event.didperform"):
         assert "_DateTimeQueueController.Trigger.Date" in announced[name]
         assert plistlib.loads(announced[name].encode())["uniqueid"] == "r"
+
+
+def test_cancel_and_delay_of_a_daily_occurrence(api, root):
+    daemon, client = api
+    at = utc_in(3600)
+    assert client.call("scheduler.set", daily_event("day", "restart", seconds_of_day(at))) == \
+        {"status": 200}
+    assert pending_date(client, "day") == at
+    assert client.call("notifications.cancel", "day") == {"status": 200}
+    assert pending_date(client, "day") == at + datetime.timedelta(days=1)
+    # A delay is counted from the occurrence it moves.
+    assert client.call("notifications.delay", {"uniqueid": "day", "seconds": 300}) == \
+        {"status": 200}
+    assert pending_date(client, "day") == at + datetime.timedelta(days=1, seconds=300)
+    # A new time zone computes the daily time afresh and forgets the delay.
+    zone = root / "etc/localtime"
+    zone.unlink()
+    zone.write_bytes(open("/usr/share/zoneinfo/Etc/GMT+1", "rb").read())
+    daemon.signal(signal.SIGHUP)
+    assert wait_until(lambda: pending_date(client, "day") == at + datetime.timedelta(hours=1)), \
+        client.call("notifications.pending")

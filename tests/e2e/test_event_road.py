@@ -5,6 +5,7 @@ import plistlib
 import signal
 import time
 
+import dbus
 import pytest
 
 from nightjar_client import Client, socket_path
@@ -315,3 +316,36 @@ def test_cancel_and_delay_of_a_daily_occurrence(api, root):
     daemon.signal(signal.SIGHUP)
     assert wait_until(lambda: pending_date(client, "day") == at + datetime.timedelta(hours=1)), \
         client.call("notifications.pending")
+
+
+def inhibitors(logind, what):
+    manager = logind.object(LOGIND_PATH)
+    listed = manager.ListInhibitors(dbus_interface="org.freedesktop.login1.Manager")
+    return [i for i in listed if str(i[0]) == what and str(i[1]) == "nightjard"]
+
+
+def test_an_inactivity_event_is_performed_once_the_user_is_idle(api, root, logind, broadcasts):
+    daemon, client = api
+    idle_since = int((time.time() - 100) * 1_000_000)
+    logind.object(LOGIND_PATH).UpdateProperties(
+        "org.freedesktop.login1.Manager",
+        {"IdleHint": dbus.Boolean(True), "IdleSinceHint": dbus.UInt64(idle_since)},
+        dbus_interface=MOCK)
+    short = {"uniqueid": "idle", "name": "idle", "enabled": True,
+             "trigger": {"type": "inactive", "secondsofinactivity": 30},
+             "action": {"type": "logout"}}
+    longer = dict(short, uniqueid="idle-long", name="idle-long",
+                  trigger={"type": "inactive", "secondsofinactivity": 50},
+                  action={"type": "restart"})
+    assert client.call("scheduler.setevents", [longer, short]) == {"status": 200}
+    # Idle for 100 s already: the shortest period is due at once. The machine may not
+    # idle-sleep while the action is under way.
+    assert broadcasts.wait_for("event.willperform", timeout=5)
+    assert wait_until(lambda: inhibitors(logind, "idle"))
+    assert broadcasts.wait_for("event.didperform", timeout=5)
+    assert wait_until(lambda: not inhibitors(logind, "idle"))
+    log = root / "tool-calls.log"
+    assert wait_until(lambda: log.exists() and "perch -l" in log.read_text())
+    assert "gracestop" not in log.read_text()
+    # Inactivity events are not warned ahead.
+    assert pending_ids(client) == []

@@ -176,3 +176,20 @@ def test_a_refused_right_is_logged_by_name(client):
     assert daemon.wait_for_line("Authorization refused: quillon.nightjar.bogus.thing")
     assert connection.call("scheduler.\u00e9vents") == UNAUTHORIZED
     assert not any("Authorization refused" in m and "vents" in m for m in daemon.messages())
+
+
+def test_names_count_and_sort_by_utf16_code_units(client):
+    _, connection = client
+    emoji = "\U0001F600"  # two UTF-16 code units
+    longest = dict(EVENT, uniqueid=emoji * 127 + "x", name="\uff21 wide")
+    assert connection.call("scheduler.set", longest) == {"status": 200}
+    too_long = dict(EVENT, uniqueid=emoji * 128)
+    assert connection.call("scheduler.set", too_long) == \
+        invalid({"event": {"uniqueid": {"Element": "Exceeds maximum length of 255"}}})
+    for uniqueid, name in (("e2", emoji + " face"), ("e3", "Zebra"), ("e4", "apple"),
+                           ("e5", "Apple")):
+        assert connection.call("scheduler.set", dict(EVENT, uniqueid=uniqueid, name=name)) == \
+            {"status": 200}
+    names = [e["name"] for e in connection.call("scheduler.events")["response"]]
+    # Upper case before lower case; a surrogate pair (0xD83D...) before U+FF21.
+    assert names == ["Apple", "Zebra", "apple", emoji + " face", "\uff21 wide"]

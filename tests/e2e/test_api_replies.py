@@ -1,10 +1,12 @@
 """Requests over the socket and their exact replies: every refusal a client can meet."""
 
+import datetime
 import os
 
 import pytest
 
 from nightjar_client import Client, authorization_form, process_start_time, socket_path
+from nightjar_harness import wait_until
 
 AUTH = object()  # stands for this process's own authorization form
 
@@ -147,8 +149,10 @@ def test_every_request_gets_its_exact_reply(client):
             wrong.append((message.get("Request"), expected, got))
     assert wrong == []
     # One exchange line for every request, refused or not; never the authorization bytes.
-    assert daemon.wait_for_line("API: ")
-    exchanges = lambda: [m for m in daemon.messages() if m.startswith("API: ")]
+    def exchanges():
+        return [m for m in daemon.messages() if m.startswith("API: ")]
+
+    assert wait_until(lambda: len(exchanges()) >= len(CASES))
     assert len(exchanges()) == len(CASES)
     assert not any("NJAZ" in line for line in exchanges())
 
@@ -193,3 +197,65 @@ def test_names_count_and_sort_by_utf16_code_units(client):
     names = [e["name"] for e in connection.call("scheduler.events")["response"]]
     # Upper case before lower case; a surrogate pair (0xD83D...) before U+FF21.
     assert names == ["Apple", "Zebra", "apple", emoji + " face", "\uff21 wide"]
+
+
+def plistlib_date():
+    return datetime.datetime(2999, 1, 1, 12, 0, 0)
+
+
+def daily(**trigger):
+    base = {"type": "daily", "secondsfrommidnight": 3600, "days": ["monday"]}
+    base.update(trigger)
+    return dict(EVENT, trigger={k: v for k, v in base.items() if v is not None})
+
+
+def trigger_fault(**fault):
+    return invalid({"event": {"trigger": fault}})
+
+
+SET_CASES = [
+    (daily(secondsfrommidnight=86400), {"status": 200}),
+    (daily(secondsfrommidnight=-1), {"status": 200}),
+    (daily(secondsfrommidnight=3600.0), {"status": 200}),
+    (daily(secondsfrommidnight=86401), trigger_fault(secondsfrommidnight="Above maximum of 86400")),
+    (daily(secondsfrommidnight=3600.5),
+     trigger_fault(secondsfrommidnight="Conversion to integer lost resolution")),
+    (daily(secondsfrommidnight="1"), trigger_fault(secondsfrommidnight="Must be a CFNumberRef")),
+    (daily(secondsfrommidnight=None), trigger_fault(secondsfrommidnight="Required but missing")),
+    (daily(days=None), trigger_fault(days="Required but missing")),
+    (daily(days="monday"), trigger_fault(days="Must be a CFArrayRef")),
+    (daily(days=[]), trigger_fault(days="Less than 1 elements")),
+    (daily(days=["monday", "monday"]), trigger_fault(days="Elements must be unique")),
+    (daily(days=["monday", "monday", "someday"]),
+     trigger_fault(days={"Element": "Not a known value"})),
+    (daily(days=[1, "someday"]), trigger_fault(days={"Element": "Not a known value"})),
+    (daily(days=["Monday"]), trigger_fault(days={"Element": "Not a known value"})),
+    (daily(days=["monday", "tuesday", "wednesday", "thursday", "friday", "saturday", "sunday",
+                 "someday"]), trigger_fault(days="More than 7 elements")),
+    (dict(EVENT, trigger={"type": "once", "date": plistlib_date(), "days": "x"}),
+     {"status": 200}),
+    (dict(EVENT, trigger={"type": 5}), trigger_fault(type={"Element": "Must be a CFStringRef"})),
+    (dict(EVENT, trigger={"type": "inactive", "secondsofinactivity": 86401}),
+     trigger_fault(secondsofinactivity="Above maximum of 86400")),
+    ({"uniqueid": "", "enabled": 1, "trigger": {"type": "daily", "secondsfrommidnight": 86401,
+                                                "days": ["monday", "someday"]},
+      "action": {"type": "dance"}},
+     invalid({"event": {"uniqueid": {"Element": "Below minimum length of 1"},
+                        "enabled": "Must be a CFBooleanRef", "name": "Required but missing",
+                        "trigger": {"secondsfrommidnight": "Above maximum of 86400",
+                                    "days": {"Element": "Not a known value"}},
+                        "action": {"type": {"Element": "Not a known value"}}}})),
+]
+
+
+def test_event_validation_over_the_socket(client):
+    _, connection = client
+    wrong = []
+    for event, expected in SET_CASES:
+        got = connection.call("scheduler.set", event)
+        if got != expected:
+            wrong.append((event, expected, got))
+    assert wrong == []
+    # Extra members are kept as they were sent.
+    listed = connection.call("scheduler.events")["response"]
+    assert listed[0]["trigger"]["days"] == "x"

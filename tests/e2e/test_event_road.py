@@ -69,7 +69,8 @@ def test_a_shutdown_event_is_warned_performed_and_started(api, root, broadcasts)
     log = root / "tool-calls.log"
     assert wait_until(lambda: log.exists() and "gracestop -h" in log.read_text())
     assert log.read_text().strip().endswith("/usr/local/nightjar/bin/gracestop -h")
-    assert any(m.startswith("Performing: ") and "halt" in m for m in daemon.messages())
+    assert wait_until(lambda: any(m.startswith("Performing: ") and "halt" in m
+                                  for m in daemon.messages()))
     # A once event is dropped after it was performed.
     assert wait_until(lambda: pending_ids(client) == [])
 
@@ -349,3 +350,35 @@ def test_an_inactivity_event_is_performed_once_the_user_is_idle(api, root, login
     assert "gracestop" not in log.read_text()
     # Inactivity events are not warned ahead.
     assert pending_ids(client) == []
+
+
+def test_many_wake_events_are_written_together(api, root):
+    _, client = api
+    base = utc_in(2 * 3600)
+    events = [once_event(f"w{i:03}", "wake", base + datetime.timedelta(minutes=i))
+              for i in range(150)]
+    assert client.call("scheduler.setevents", list(reversed(events))) == {"status": 200}
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    assert wait_until(lambda: saved.exists() and
+                      len(plistlib.loads(saved.read_bytes())) == len(events))
+    times = sorted(e["time"] for e in plistlib.loads(saved.read_bytes()))
+    assert times == [e["trigger"]["date"] for e in events]
+    epoch = int(base.replace(tzinfo=datetime.timezone.utc).timestamp())
+    alarm = root / "sys/class/rtc/rtc0/wakealarm"
+    assert wait_until(lambda: alarm.read_text().strip() == str(epoch))
+    assert client.call("scheduler.setevents", []) == {"status": 200}
+    assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
+
+
+def test_without_an_rtc_the_wake_list_is_still_kept(start_daemon, root, logind):
+    (root / "sys/class/rtc/rtc0/wakealarm").unlink()
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    date = utc_in(3600)
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", once_event("w", "wake", date)) == {"status": 200}
+        saved = root / "var/lib/nightjar/powerevents.plist"
+        assert wait_until(lambda: saved.exists() and
+                          [e["time"] for e in plistlib.loads(saved.read_bytes())] == [date])
+        assert client.call("build.version")["status"] == 200
+    assert daemon.process.poll() is None

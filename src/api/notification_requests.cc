@@ -24,30 +24,6 @@ plist::Value elementFault(std::string_view text) {
   return faultRecord(model::kElementKey, messageValue(text));
 }
 
-// A number's value read as a 32-bit integer: truncated toward zero and
-// saturated, with whether that lost nothing.
-struct Int32Reading {
-  std::int64_t value;
-  bool exact;
-};
-
-Int32Reading readInt32(const plist::Value& number) {
-  constexpr std::int64_t kMin = std::numeric_limits<std::int32_t>::min();
-  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
-  if (std::optional<std::int64_t> integer = number.asInteger()) {
-    return {std::clamp(*integer, kMin, kMax), *integer >= kMin && *integer <= kMax};
-  }
-  const double real = number.numberAsDouble().value_or(0.0);
-  if (std::isnan(real)) {
-    return {0, false};
-  }
-  // Clamped as a double first: converting an out-of-range double is undefined.
-  const double truncated = std::trunc(real);
-  const double clamped =
-      std::clamp(truncated, static_cast<double>(kMin), static_cast<double>(kMax));
-  return {static_cast<std::int64_t>(clamped), truncated == real && clamped == truncated};
-}
-
 // Both numeric checks run and the later one wins, as in the event checks.
 plist::Value delaySecondsFault(const plist::Value& seconds) {
   if (!seconds) {
@@ -57,7 +33,7 @@ plist::Value delaySecondsFault(const plist::Value& seconds) {
     return elementFault(message::kMustBeNumber);
   }
   plist::Value fault;
-  const Int32Reading reading = readInt32(seconds);
+  const model::Int32Conversion reading = model::toInt32(seconds);
   if (!reading.exact) {
     fault = elementFault(message::kLostResolution);
   }

@@ -48,28 +48,6 @@ std::optional<std::string_view> stringFault(const plist::Value& value) {
   return std::nullopt;
 }
 
-struct Int32Conversion {
-  std::int64_t value;  // truncated toward zero, saturated to the 32-bit range; 0 for NaN
-  bool exact;
-};
-
-Int32Conversion toInt32(const plist::Value& number) {
-  constexpr std::int64_t kMin = std::numeric_limits<std::int32_t>::min();
-  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
-  if (std::optional<std::int64_t> integer = number.asInteger()) {
-    return {std::clamp(*integer, kMin, kMax), *integer >= kMin && *integer <= kMax};
-  }
-  const double real = number.numberAsDouble().value_or(0.0);
-  if (std::isnan(real)) {
-    return {0, false};
-  }
-  // Clamped as a double first: casting an out-of-range double is undefined.
-  const double truncated = std::trunc(real);
-  const double clamped =
-      std::clamp(truncated, static_cast<double>(kMin), static_cast<double>(kMax));
-  return {static_cast<std::int64_t>(clamped), truncated == real && clamped == truncated};
-}
-
 // The number check of "secondsfrommidnight" and "secondsofinactivity". Both
 // numeric checks run and the later one wins, so a value such as 86401.5 or
 // 1e12 is reported as above the maximum.
@@ -225,6 +203,23 @@ void checkName(plist::Dictionary& faults, const plist::Value& event) {
 }
 
 }  // namespace
+
+Int32Conversion toInt32(const plist::Value& number) {
+  constexpr std::int64_t kMin = std::numeric_limits<std::int32_t>::min();
+  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
+  if (std::optional<std::int64_t> integer = number.asInteger()) {
+    return {std::clamp(*integer, kMin, kMax), *integer >= kMin && *integer <= kMax};
+  }
+  const double real = number.numberAsDouble().value_or(0.0);
+  if (std::isnan(real)) {
+    return {0, false};
+  }
+  // Clamped as a double first: casting an out-of-range double is undefined.
+  const double truncated = std::trunc(real);
+  const double clamped =
+      std::clamp(truncated, static_cast<double>(kMin), static_cast<double>(kMax));
+  return {static_cast<std::int64_t>(clamped), truncated == real && clamped == truncated};
+}
 
 plist::Value validateUniqueID(const plist::Value& id) {
   if (id.isNone()) {

@@ -67,4 +67,12 @@ plist::Value validateTrigger(const plist::Value& trigger);
 // every required member is reported missing.
 plist::Value validateEvent(const plist::Value& event);
 
+// A number's value read as a 32-bit signed integer: truncated toward zero and
+// saturated to the 32-bit range (0 for NaN), with whether that lost nothing.
+struct Int32Conversion {
+  std::int64_t value;
+  bool exact;
+};
+Int32Conversion toInt32(const plist::Value& number);
+
 }  // namespace nightjar::model

@@ -2,13 +2,31 @@
 // state in files under the daemon's root.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace nightjar::platform::linux_adapter {
+
+// One version of a file on disk. A rename-over gives a new inode and an edit in
+// place a new size or mtime, so either is seen as a change by one stat.
+struct FileIdentity {
+  bool exists = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t mtimeNs = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+inline FileIdentity identityOf(const struct stat& st) {
+  return {true, st.st_dev, st.st_ino, st.st_size,
+          std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
+}
 
 // Owns one file descriptor.
 class UniqueFd {

@@ -26,22 +26,6 @@ constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
 
-// One version of a file on disk. A rename-over gives a new inode and an edit in
-// place a new size or mtime, so either is seen as a change by one stat.
-struct FileIdentity {
-  bool exists = false;
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  std::int64_t mtimeNs = 0;
-  bool operator==(const FileIdentity&) const = default;
-};
-
-FileIdentity identityOf(const struct stat& st) {
-  return {true, st.st_dev, st.st_ino, st.st_size,
-          std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
-}
-
 // A missing or unreachable file has the identity "does not exist".
 FileIdentity statIdentity(const std::string& path) {
   struct stat st {};

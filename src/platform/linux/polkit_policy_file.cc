@@ -25,21 +25,6 @@ constexpr std::string_view kAllow = "allow";
 constexpr std::string_view kPolkitWords[] = {
     "no", "yes", "auth_self", "auth_admin", "auth_self_keep", "auth_admin_keep"};
 
-// One version of the file: a rename gives a new inode, an edit a new size or mtime.
-struct FileIdentity {
-  bool exists = false;
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  std::int64_t mtimeNs = 0;
-  bool operator==(const FileIdentity&) const = default;
-};
-
-FileIdentity identityOf(const struct stat& st) {
-  return {true, st.st_dev, st.st_ino, st.st_size,
-          std::int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
-}
-
 // What the file holds now: a document (an empty one when the file is
 // missing), or the error number that keeps it from being read.
 struct Snapshot {

@@ -382,3 +382,22 @@ def test_without_an_rtc_the_wake_list_is_still_kept(start_daemon, root, logind):
                           [e["time"] for e in plistlib.loads(saved.read_bytes())] == [date])
         assert client.call("build.version")["status"] == 200
     assert daemon.process.poll() is None
+
+
+def test_warnings_come_in_the_order_of_their_events(api, broadcasts):
+    daemon, client = api
+    assert client.call("notifications.setnotifyperiod", 2) == {"status": 200}
+    events = [once_event("second", "wake", utc_in(4)), once_event("first", "wake", utc_in(3))]
+    assert client.call("scheduler.setevents", events) == {"status": 200}
+    assert pending_ids(client) == ["first", "second"]
+
+    def issued():
+        return [m for m in daemon.messages() if m.startswith("Issued notification: ")
+                and m.count("uniqueid") == 0]
+
+    assert wait_until(lambda: len(issued()) == 2, timeout=5), daemon.messages()
+    assert "first" in issued()[0] and "second" in issued()[1]
+    assert broadcasts.wait_for("notifications.notify")
+    # Wake kinds are carried out by the hardware: nothing is announced for them.
+    assert wait_until(lambda: pending_ids(client) == [], timeout=5)
+    assert "event.willperform" not in broadcasts.names()

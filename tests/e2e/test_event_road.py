@@ -401,3 +401,29 @@ def test_warnings_come_in_the_order_of_their_events(api, broadcasts):
     # Wake kinds are carried out by the hardware: nothing is announced for them.
     assert wait_until(lambda: pending_ids(client) == [], timeout=5)
     assert "event.willperform" not in broadcasts.names()
+
+
+def test_a_changed_event_is_warned_again_and_a_disabled_one_leaves(api, root, broadcasts):
+    daemon, client = api
+    assert client.call("notifications.setnotifyperiod", 7200) == {"status": 200}
+    event = once_event("m", "wake", utc_in(3600))
+    assert client.call("scheduler.set", event) == {"status": 200}
+
+    def warnings():
+        return [m for m in daemon.messages() if m.startswith("Issued notification: ")
+                and "uniqueid" not in m]
+
+    assert wait_until(lambda: len(warnings()) == 1)
+    assert client.call("scheduler.set", dict(event, name="m2")) == {"status": 200}
+    assert wait_until(lambda: len(warnings()) == 2)
+    assert "m2" in warnings()[1]
+
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    assert wait_until(lambda: saved.exists() and len(plistlib.loads(saved.read_bytes())) == 1)
+    before = broadcasts.names().count("scheduler.events")
+    assert client.call("scheduler.set", dict(event, name="m2", enabled=False)) == \
+        {"status": 200}
+    assert pending_ids(client) == []
+    assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
+    assert broadcasts.wait_for("scheduler.events", count=before + 1)
+    assert [e["enabled"] for e in client.call("scheduler.events")["response"]] == [False]

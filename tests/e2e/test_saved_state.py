@@ -149,3 +149,16 @@ def test_a_daily_event_missed_while_stopped_moves_to_its_next_day(start_daemon, 
         assert [e["trigger"]["date"] for e in pending] == [date + datetime.timedelta(days=1)]
     log = root / "tool-calls.log"
     assert not log.exists() or "gracestop" not in log.read_text()
+
+
+def test_sigterm_during_the_pause_before_an_action_stops_cleanly(
+        start_daemon, root, logind, broadcasts):
+    daemon = start(start_daemon)
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", once_event("late", "restart", utc_in(1))) == \
+            {"status": 200}
+    assert broadcasts.wait_for("event.willperform", timeout=5)
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait(timeout=5) == 0
+    assert broadcasts.wait_for("socket.closed")
+    assert not daemon.pid_file.exists()

@@ -248,29 +248,35 @@ TEST_F(FilePowerManagerTest, OnTheRunLoopTheListIsWrittenOncePerPass) {
   auto loop = runloop::RunLoop::create();
   ASSERT_NE(loop, nullptr);
   auto manager = makeFilePowerManager(root.path, loop.get());
-  // Whole seconds past now, so that the check below still sees it coming.
-  const double soon = std::ceil(now + 0.3);
+  // Every later date is taken when the burst ends, so that a slow machine (or
+  // a sanitizer build) that takes long over the burst sees the same passes.
+  double soon = 0;
   std::string alarmAtStart;
   std::uint64_t writesAfterBurst = 0;
   std::string alarmAfterBurst;
+  std::string alarmAfterSoon;
+  std::unique_ptr<runloop::Timer> check, checkAfterSoon, stop;
+  check = loop->addTimer([&] {
+    writesAfterBurst = manager->fileWrites();
+    alarmAfterBurst = alarm();
+  });
+  // Checked before the pass ends: the alarm's own timer must have moved it.
+  checkAfterSoon = loop->addTimer([&] { alarmAfterSoon = alarm(); });
+  stop = loop->addTimer([&] { loop->stop(); });
   auto burst = loop->addTimer([&] {
     alarmAtStart = alarm();
     for (int i = 0; i < 10000; ++i)
       manager->schedule(now + 3600 + i, "quillon.nightjar." + std::to_string(i), "wake");
+    const double end = runloop::systemClock().now();
+    // Whole seconds past now, so that the check below still sees it coming.
+    soon = std::ceil(end + 0.3);
     manager->schedule(soon, "soon", "wake");
+    // Not yet due when the burst returns, so the pass ends (and flushes) first.
+    check->setNextFireDate(end + 0.05);
+    checkAfterSoon->setNextFireDate(soon + 1.2);
+    stop->setNextFireDate(soon + 1.3);
   });
   burst->setNextFireDate(now + 0.1);
-  auto check = loop->addTimer([&] {
-    writesAfterBurst = manager->fileWrites();
-    alarmAfterBurst = alarm();
-  });
-  check->setNextFireDate(now + 0.2);
-  // Checked before the pass ends: the alarm's own timer must have moved it.
-  std::string alarmAfterSoon;
-  auto checkAfterSoon = loop->addTimer([&] { alarmAfterSoon = alarm(); });
-  checkAfterSoon->setNextFireDate(soon + 1.2);
-  auto stop = loop->addTimer([&] { loop->stop(); });
-  stop->setNextFireDate(soon + 1.3);
   EXPECT_EQ(loop->run(), 0);
 
   EXPECT_EQ(alarmAtStart, epoch(now + 7200));

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "api/dispatcher.h"
 #include "api/framing.h"
 #include "api/socket_server.h"
 #include "core/descriptors.h"
@@ -193,6 +194,21 @@ void BM_SocketRequest(benchmark::State& state) {
       *framing::encodeRequest(1, versionRequest()));
 }
 
+// "build.version" through the real dispatcher (form checks, routing, the
+// "API: %@ > %@" log line) with a rights check that grants at once, as it does
+// for root.
+void BM_DispatchVersion(benchmark::State& state) {
+  runServerBench(
+      state,
+      [](const Request& request, Responder responder) {
+        dispatchRequest(
+            request.value,
+            [](const plist::Value&, std::string, AuthorizationDone done) { done(true); },
+            [responder](plist::Value reply) { responder.reply(std::move(reply)); });
+      },
+      *framing::encodeRequest(1, versionRequest()));
+}
+
 // The framing alone: a NOOP and its 20-byte reply.
 void BM_SocketNoop(benchmark::State& state) {
   runServerBench(state, {}, framing::encodeBare(framing::MessageType::Noop, 1));
@@ -223,6 +239,7 @@ void BM_BareEcho(benchmark::State& state) {
 BENCHMARK(BM_BareEcho)->UseRealTime();
 BENCHMARK(BM_SocketNoop)->UseRealTime();
 BENCHMARK(BM_SocketRequest)->UseRealTime();
+BENCHMARK(BM_DispatchVersion)->UseRealTime();
 
 }  // namespace
 }  // namespace nightjar::api

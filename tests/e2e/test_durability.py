@@ -1,0 +1,131 @@
+"""Acknowledged changes reach the disk before their reply, and a failing save is survivable."""
+
+import os
+import plistlib
+import random
+import re
+import signal
+import subprocess
+import threading
+import time
+
+import pytest
+
+from nightjar_client import Client, ConnectionClosed, socket_path
+from test_event_road import once_event, utc_in
+
+CRASH_KILLS = int(os.environ.get("NIGHTJAR_CRASH_KILLS", "200"))
+SEED = 20261123
+
+
+def preferences(root):
+    return root / "var/lib/nightjar/preferences.plist"
+
+
+def saved_ids(root):
+    """The unique ids under "engine" → "events"; raises if the file does not parse."""
+    state = plistlib.loads(preferences(root).read_bytes())
+    return {event["uniqueid"] for event in state["engine"]["events"]}
+
+
+def send_until_closed(root, prefix, date, acknowledged):
+    """Sends new events until the daemon goes away; records each one answered 200."""
+    try:
+        with Client(socket_path(root), timeout=5.0) as client:
+            for number in range(1_000_000):
+                uniqueid = f"{prefix}-{number}"
+                if client.call("scheduler.set", once_event(uniqueid, "restart", date)) == \
+                        {"status": 200}:
+                    acknowledged.append(uniqueid)
+    except (ConnectionClosed, ConnectionResetError, BrokenPipeError, OSError):
+        pass
+
+
+def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root):
+    rng = random.Random(SEED)
+    date = utc_in(7 * 86400)
+    acknowledged = []
+    for round_number in range(CRASH_KILLS):
+        context = f"seed {SEED}, round {round_number}"
+        daemon = start_daemon()
+        assert daemon.wait_running(timeout=10), context
+        sender = threading.Thread(target=send_until_closed,
+                                  args=(root, f"r{round_number}", date, acknowledged))
+        sender.start()
+        time.sleep(rng.uniform(0.003, 0.1))
+        daemon.signal(signal.SIGKILL)
+        daemon.wait()
+        sender.join(timeout=10)
+        assert not sender.is_alive(), context
+        if not acknowledged:
+            continue
+        try:
+            missing = set(acknowledged) - saved_ids(root)
+        except Exception as error:  # any parse failure is the fault under test
+            pytest.fail(f"{context}: the preferences file does not parse: {error!r}")
+        assert not missing, f"{context}: acknowledged but not saved: {sorted(missing)[:10]}"
+
+    assert acknowledged, f"seed {SEED}: no change was ever acknowledged"
+    daemon = start_daemon()
+    assert daemon.wait_running(timeout=10)
+    with Client(socket_path(root), timeout=30.0) as client:
+        listed = {e["uniqueid"] for e in client.call("scheduler.events")["response"]}
+    missing = set(acknowledged) - listed
+    assert not missing, f"seed {SEED}: not listed after restart: {sorted(missing)[:10]}"
+
+
+def fault_lines(daemon, since):
+    """Log lines from index `since` on at error level or worse ("<0>".."<3>"), without the
+    per-request "API: " trace, which is logged at that level for every request."""
+    return [line for line in daemon.lines()[since:]
+            if re.match(r"^<[0-3]>", line) and not line[3:].startswith("API: ")]
+
+
+def mount_read_only(folder):
+    """Bind-mounts `folder` read-only over itself; answers whether that worked."""
+    result = subprocess.run(["mount", "--bind", "-o", "ro", str(folder), str(folder)],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    if result.returncode != 0:
+        return False
+    probe = folder / ".probe"
+    try:
+        probe.write_text("x")
+    except OSError:
+        return True
+    probe.unlink()
+    subprocess.run(["umount", str(folder)], check=True)
+    return False
+
+
+def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
+        start_daemon, root, logind):
+    folder = root / "var/lib/nightjar"
+    date = utc_in(86400)
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", once_event("before", "restart", date)) == \
+            {"status": 200}
+        good = preferences(root).read_bytes()
+        if not mount_read_only(folder):
+            pytest.skip("a read-only bind mount is not possible here")
+        try:
+            since = len(daemon.lines())
+            for name in ("ro-1", "ro-2", "ro-3"):
+                assert client.call("scheduler.set", once_event(name, "restart", date)) == \
+                    {"status": 200}
+            assert daemon.process.poll() is None
+            assert preferences(root).read_bytes() == good
+            # Let any later pass's retry log too, if it (wrongly) would.
+            time.sleep(0.2)
+            assert client.call("scheduler.events")["status"] == 200
+            faults = fault_lines(daemon, since)
+            # One line per fault: the failed save, and maybe the wake-entry file beside it.
+            assert len([f for f in faults if "save" in f.lower()]) == 1, faults
+            assert len(set(faults)) == len(faults), faults
+        finally:
+            subprocess.run(["umount", str(folder)], check=True)
+        assert client.call("scheduler.set", once_event("after", "restart", date)) == \
+            {"status": 200}
+        assert saved_ids(root) == {"before", "ro-1", "ro-2", "ro-3", "after"}
+    assert daemon.process.poll() is None

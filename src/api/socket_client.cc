@@ -77,6 +77,12 @@ void scheduleResume(SocketClient& client) {
   }
 }
 
+// Bytes as well as count: else a peer that never reads holds 100 whole event lists.
+bool overflows(const SocketClient& client, std::size_t size) {
+  return client.replyQueue.size() >= framing::kMaxUnsentReplies ||
+         (!client.replyQueue.empty() && client.queuedBytes + size > kMaxUnsentReplyBytes);
+}
+
 void startRequest(SocketClient& client, plist::Value request, std::uint32_t identifier) {
   client.requestPending = true;
   auto pending = std::make_shared<internal::PendingRequest>(client.weak_from_this(), identifier);
@@ -266,6 +272,7 @@ void socketClientDestroy(SocketClient& client) {
   }
   client.readBuffer.clear();
   client.replyQueue.clear();
+  client.queuedBytes = 0;
   client.releasedReplies = 0;
   client.writeOffset = 0;
 }
@@ -278,6 +285,7 @@ int socketClientFlush(SocketClient& client) {
     if (n > 0) {
       client.writeOffset += static_cast<std::size_t>(n);
       if (client.writeOffset == head.size()) {
+        client.queuedBytes -= head.size();
         client.replyQueue.pop_front();
         --client.releasedReplies;
         client.writeOffset = 0;
@@ -294,9 +302,10 @@ int socketClientFlush(SocketClient& client) {
 }
 
 bool socketClientSend(SocketClient& client, framing::Message message) {
-  if (client.closed || client.replyQueue.size() >= framing::kMaxUnsentReplies) {
+  if (client.closed || overflows(client, message.size())) {
     return false;
   }
+  client.queuedBytes += message.size();
   client.replyQueue.push_back(std::move(message));
   if (!client.callbacks.gate->held) {
     client.releasedReplies = client.replyQueue.size();

@@ -23,6 +23,12 @@ struct ReplyGate {
   bool held = false;
 };
 
+// The most bytes a connection may have in replies waiting to be written,
+// beside the count limit: a peer that stops reading cannot make the daemon
+// hold a hundred whole event lists. A single reply of any size is still taken
+// when none waits before it.
+inline constexpr std::size_t kMaxUnsentReplyBytes = 4u << 20;
+
 struct SocketClient;
 
 struct SocketClientCallbacks {
@@ -42,6 +48,7 @@ struct SocketClient : std::enable_shared_from_this<SocketClient> {
   std::unique_ptr<runloop::Source> resumeSource;
   framing::ReadBuffer readBuffer;
   std::deque<framing::Message> replyQueue;  // oldest first
+  std::size_t queuedBytes = 0;              // the sizes of the replies in replyQueue
   std::size_t releasedReplies = 0;          // at the front of the queue: may be written now
   std::size_t writeOffset = 0;              // bytes of the head reply already written
   SocketClientCallbacks callbacks;
@@ -63,8 +70,9 @@ void socketClientDestroy(SocketClient& client);
 // Writes released replies until the queue is empty or the socket is full (then
 // asks for one writability event). Answers 0 or the error number of a failed write.
 int socketClientFlush(SocketClient& client);
-// Queues `message` and flushes. False when 100 replies are already waiting or
-// the flush failed: the caller then closes the connection.
+// Queues `message` and flushes. False when 100 replies are already waiting,
+// when it would take the waiting replies past kMaxUnsentReplyBytes, or when the
+// flush failed: the caller then closes the connection.
 bool socketClientSend(SocketClient& client, framing::Message message);
 // The gate opened: writes the held replies and goes on with the requests.
 void socketClientRelease(SocketClient& client);

@@ -8,7 +8,7 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
+#include <cstdio>
 #include <optional>
 
 #include "core/descriptors.h"
@@ -44,12 +44,13 @@ std::optional<Failure> checkParent(const std::string& parent) {
 }
 
 // Opened without following a link, so that a link planted in the parent can
-// never make the daemon change the mode or owner of another folder.
-std::optional<Failure> prepareFolder(const std::string& folder) {
+// never make the daemon change the mode or owner of another folder. The
+// folder stays open in `fd` for the bind (the caller closes it, also on failure).
+std::optional<Failure> prepareFolder(const std::string& folder, int& fd) {
   if (mkdir(folder.c_str(), kFolderMode) != 0 && errno != EEXIST) {
     return Failure{"directory", errno};
   }
-  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
     return Failure{"directory", errno};
   }
@@ -58,11 +59,8 @@ std::optional<Failure> prepareFolder(const std::string& folder) {
     (void)fchown(fd, 0, 0);
   }
   (void)fchmod(fd, kFolderMode);
-  const int result = fstat(fd, &status);
-  const int statError = errno;
-  close(fd);
-  if (result != 0) {
-    return Failure{"directory", statError};
+  if (fstat(fd, &status) != 0) {
+    return Failure{"directory", errno};
   }
   if (!S_ISDIR(status.st_mode) || (status.st_mode & 0777) != kFolderMode || status.st_uid != 0) {
     return Failure{"directory", EPERM};
@@ -70,21 +68,42 @@ std::optional<Failure> prepareFolder(const std::string& folder) {
   return std::nullopt;
 }
 
-// Binds with a file-creation mask of 0, so the node gets every permission bit;
-// the previous mask is put back whatever bind answers.
-std::optional<Failure> bindAt(int fd, const std::string& path) {
+// Binds `name` inside the checked folder through its descriptor, with a
+// file-creation mask of 0, so the node gets every permission bit; the
+// previous mask is put back whatever bind answers.
+std::optional<Failure> bindAt(int fd, int folder, const std::string& name) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), path.size());
+  const int length = std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s",
+                                   folder, name.c_str());
+  // A name too long to be reached through the descriptor is refused rather
+  // than bound by a path that may no longer lead to the checked folder.
+  if (length < 0 || static_cast<std::size_t>(length) >= sizeof address.sun_path) {
+    return Failure{"path", ENAMETOOLONG};
+  }
   const mode_t previousMask = umask(0);
-  unlink(path.c_str());
-  const int result = bind(fd, reinterpret_cast<const sockaddr*>(&address),
-                          static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size()));
+  unlinkat(folder, name.c_str(), 0);
+  const int result =
+      bind(fd, reinterpret_cast<const sockaddr*>(&address),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::size_t(length)));
   const int bindError = errno;
   umask(previousMask);
   if (result != 0) {
-    unlink(path.c_str());
+    unlinkat(folder, name.c_str(), 0);
     return Failure{"bind", bindError};
+  }
+  return std::nullopt;
+}
+
+// Binds and listens inside the checked folder; leaves no node on failure.
+std::optional<Failure> bindAndListen(int fd, int folder, const std::string& name) {
+  if (std::optional<Failure> failure = bindAt(fd, folder, name)) {
+    return failure;
+  }
+  const int error = listen(fd, kListenBacklog) != 0 ? errno : core::setNonBlocking(fd);
+  if (error != 0) {
+    unlinkat(folder, name.c_str(), 0);
+    return Failure{"listen", error};
   }
   return std::nullopt;
 }
@@ -101,22 +120,15 @@ std::optional<Failure> prepareAndListen(int fd, const std::string& path) {
   if (std::optional<Failure> failure = checkParent(parent)) {
     return failure;
   }
-  if (std::optional<Failure> failure = prepareFolder(folder)) {
-    return failure;
+  int folderFd = -1;
+  std::optional<Failure> failure = prepareFolder(folder, folderFd);
+  if (!failure) {
+    failure = bindAndListen(fd, folderFd, path.substr(folder.size() + 1));
   }
-  if (std::optional<Failure> failure = bindAt(fd, path)) {
-    return failure;
+  if (folderFd >= 0) {
+    close(folderFd);
   }
-  if (listen(fd, kListenBacklog) != 0) {
-    const int error = errno;
-    unlink(path.c_str());
-    return Failure{"listen", error};
-  }
-  if (const int error = core::setNonBlocking(fd); error != 0) {
-    unlink(path.c_str());
-    return Failure{"listen", error};
-  }
-  return std::nullopt;
+  return failure;
 }
 
 }  // namespace

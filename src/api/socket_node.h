@@ -30,7 +30,9 @@ struct ListeningSocket {
 //   symbolic link) of root with exactly those permission bits;
 // - whatever is at `path` is removed and the socket bound there with every
 //   permission bit (any local user may connect; each request is authorized),
-//   then listens with a backlog of 5.
+//   then listens with a backlog of 5. Both go through the checked folder's
+//   descriptor ("/proc/self/fd/N/name"), so the folder cannot be swapped
+//   after the checks; a name too long for that is refused.
 // On failure nothing is left open and no node is left at `path`.
 ListeningSocket openListeningSocket(const std::string& path);
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,16 @@ int ignoreSIGPIPE() {
     return errno;
   action.sa_handler = SIG_IGN;
   return sigaction(SIGPIPE, &action, nullptr) == 0 ? 0 : errno;
+}
+
+int raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    return errno;
+  if (limit.rlim_cur == limit.rlim_max)
+    return 0;
+  limit.rlim_cur = limit.rlim_max;
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0 ? 0 : errno;
 }
 
 int setNonBlocking(int fd) {

@@ -9,6 +9,10 @@ namespace nightjar::core {
 // Ignores SIGPIPE for the process, keeping its mask and flags.
 int ignoreSIGPIPE();
 
+// Raises the soft limit on open descriptors to the hard limit, so that the
+// connections the API server allows leave room for the daemon's own files.
+int raiseDescriptorLimit();
+
 // Adds O_NONBLOCK to the descriptor's status flags.
 int setNonBlocking(int fd);
 

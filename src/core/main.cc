@@ -89,6 +89,7 @@ int runDaemon(const core::CommandLine& line) {
 int main(int argc, char* argv[]) {
   using namespace nightjar;
   core::ignoreSIGPIPE();
+  core::raiseDescriptorLimit();
   logging::openLog();
   const core::CommandLine line = core::parseCommandLine(argc, argv);
   int status = 0;

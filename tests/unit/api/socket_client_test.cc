@@ -77,6 +77,21 @@ TEST_F(SocketClientTest, TheReplyQueueHoldsAHundredAndRefusesTheNext) {
   EXPECT_TRUE(client->replyQueue.empty());
 }
 
+TEST_F(SocketClientTest, TheReplyQueueHoldsAtMostItsBytesBesideOneReplyOfAnySize) {
+  gate.held = true;
+  const framing::Message quarter(kMaxUnsentReplyBytes / 4, 'q');
+  ASSERT_TRUE(socketClientSend(*client, framing::Message(kMaxUnsentReplyBytes + 1, 'a')));
+  EXPECT_FALSE(socketClientSend(*client, framing::encodeEmptyReply(1)));
+  TearDown();  // a fresh connection for the second case
+  SetUp();
+  gate.held = true;
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_TRUE(socketClientSend(*client, quarter)) << i;
+  }
+  EXPECT_FALSE(socketClientSend(*client, framing::encodeEmptyReply(5)));
+  EXPECT_EQ(client->queuedBytes, kMaxUnsentReplyBytes);
+}
+
 TEST_F(SocketClientTest, AFullSocketWaitsForOneWritabilityEventAndResumesMidMessage) {
   // Large enough that the small buffers take only part of the first one.
   const framing::Message first(50000, 'a');

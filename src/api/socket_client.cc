@@ -185,17 +185,6 @@ int onResume(sd_event_source*, void* userdata) {
   return 0;
 }
 
-bool readPeer(int descriptor, platform::PeerCredentials& peer) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 ||
-      size != sizeof credentials) {
-    return false;
-  }
-  peer = {credentials.pid, credentials.uid, credentials.gid};
-  return true;
-}
-
 bool watch(runloop::RunLoop& loop, SocketClient& client) {
   std::weak_ptr<SocketClient> weak = client.weak_from_this();
   client.source = loop.addFd(client.descriptor, EPOLLIN, [weak](std::uint32_t revents) {
@@ -243,13 +232,24 @@ bool Responder::answered() const {
   return pending_->answered;
 }
 
+bool socketPeerCredentials(int descriptor, platform::PeerCredentials& peer) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 ||
+      size != sizeof credentials) {
+    return false;
+  }
+  peer = {credentials.pid, credentials.uid, credentials.gid};
+  return true;
+}
+
 std::shared_ptr<SocketClient> socketClientCreate(runloop::RunLoop& loop, int descriptor,
                                                  SocketClientCallbacks callbacks) {
   auto client = std::make_shared<SocketClient>();
   client->descriptor = descriptor;
   client->callbacks = std::move(callbacks);
   if (client->callbacks.gate == nullptr || core::setNonBlocking(descriptor) != 0 ||
-      !readPeer(descriptor, client->peer) || !watch(loop, *client)) {
+      !socketPeerCredentials(descriptor, client->peer) || !watch(loop, *client)) {
     socketClientDestroy(*client);
     return nullptr;
   }

@@ -58,6 +58,9 @@ struct SocketClient : std::enable_shared_from_this<SocketClient> {
   bool closed = false;
 };
 
+// The kernel's record of who connected `descriptor`; false when it has none.
+bool socketPeerCredentials(int descriptor, platform::PeerCredentials& peer);
+
 // Takes `descriptor` (an accepted connection): records the peer's
 // credentials, makes it non-blocking and watches it on `loop`. Closes the
 // descriptor and answers nullptr on any failure.

@@ -1,14 +1,18 @@
 #include "api/socket_server.h"
 
+#include <dirent.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <unordered_map>
 #include <vector>
 
+#include "api/connection_quota.h"
 #include "api/socket_client.h"
 #include "api/socket_node.h"
 #include "logging/logging.h"
@@ -32,6 +36,8 @@ struct SocketServer {
   // When the last shortage was logged: a shortage that lasts logs once a
   // minute, not once per retry.
   std::optional<runloop::AbsoluteTime> shortageLogged;
+  ConnectionQuota quota;
+  std::size_t ownDescriptors = 0;  // open when listening began: the daemon's own files
 };
 
 namespace {
@@ -51,24 +57,74 @@ void resumeAccepting(SocketServer& server) {
   sd_event_source_set_enabled(server.listenSource->get(), SD_EVENT_ON);
 }
 
-void pauseAccepting(SocketServer& server, int error) {
+// Kept beyond the silent refusal: one line a minute while descriptors run short.
+void logShortage(SocketServer& server, int error) {
   const runloop::AbsoluteTime now = runloop::systemClock().now();
   if (!server.shortageLogged || now - *server.shortageLogged >= kShortageLogSeconds ||
       now < *server.shortageLogged) {
     logging::logMessage(LOG_ERR, "%s: Unable to accept connection; error: %d", "accept", error);
     server.shortageLogged = now;
   }
+}
+
+void pauseAccepting(SocketServer& server, int error) {
+  logShortage(server, error);
   server.acceptPaused = true;
   sd_event_source_set_enabled(server.listenSource->get(), SD_EVENT_OFF);
-  server.acceptRetry->setNextFireDate(now + kAcceptRetrySeconds);
+  server.acceptRetry->setNextFireDate(runloop::systemClock().now() + kAcceptRetrySeconds);
+}
+
+std::size_t countOpenDescriptors() {
+  DIR* folder = opendir("/proc/self/fd");
+  if (folder == nullptr) {
+    return 0;
+  }
+  std::size_t count = 0;
+  while (const dirent* entry = readdir(folder)) {
+    count += entry->d_name[0] != '.' ? 1 : 0;
+  }
+  closedir(folder);
+  return count > 0 ? count - 1 : 0;  // not the one that read the folder
+}
+
+// Counted are the daemon's own, every connection and the new one; and never
+// fewer than the new descriptor's number says, since every lower one is taken.
+DescriptorRoom roomFor(const SocketServer& server, int descriptor) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const std::size_t counted = server.ownDescriptors + server.clients.size() + 1;
+  return {static_cast<std::size_t>(limit.rlim_cur),
+          std::max(counted, static_cast<std::size_t>(descriptor) + 1)};
+}
+
+// A connection over its user's share or into the reserve is closed at once,
+// as a faulty one is; only a shortage is logged.
+bool admit(SocketServer& server, int descriptor) {
+  platform::PeerCredentials peer;
+  Admission admission = Admission::OutOfDescriptors;
+  if (socketPeerCredentials(descriptor, peer)) {
+    admission = server.quota.admit(peer.uid, roomFor(server, descriptor));
+  }
+  if (admission == Admission::OutOfDescriptors) {
+    logShortage(server, EMFILE);
+  }
+  if (admission != Admission::Admitted) {
+    close(descriptor);
+    return false;
+  }
+  return true;
 }
 
 void adopt(SocketServer& server, int descriptor) {
+  if (!admit(server, descriptor)) {
+    return;
+  }
   SocketClientCallbacks callbacks;
   callbacks.handler = server.handler;
   callbacks.gate = &server.gate;
   callbacks.closeNotifier = [&server](SocketClient& client) {
     server.clients.erase(&client);
+    server.quota.release(client.peer.uid);
     resumeAccepting(server);
   };
   if (std::shared_ptr<SocketClient> client =
@@ -136,6 +192,7 @@ SocketServer* socketServerCreate(SocketRequestHandler handler, const std::string
   }
   server->listenDescriptor = listening.descriptor;
   server->path = path;
+  server->ownDescriptors = countOpenDescriptors();
   if (!listenOnLoop(*server)) {
     return fail(server, failure, "runloop", ENOMEM);
   }

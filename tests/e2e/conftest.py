@@ -51,12 +51,12 @@ def start_daemon(root, system_bus):
     """Starts nightjard on the temporary root and the private bus; stops it after the test."""
     started = []
 
-    def start(*args, bus=True, extra_env=None, rights=True):
+    def start(*args, bus=True, extra_env=None, rights=True, nofile=None):
         # A daemon that is to run gets the rights installed first, as a package
         # install would with `nightjard -i`.
         if rights and not args:
             install_rights(root)
-        daemon = Daemon(root, system_bus.address if bus else None, args, extra_env)
+        daemon = Daemon(root, system_bus.address if bus else None, args, extra_env, nofile)
         started.append(daemon)
         return daemon
 

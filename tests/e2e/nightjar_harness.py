@@ -6,6 +6,8 @@ listener for the daemon's D-Bus broadcasts, and the daemon process itself
 with its log lines read from standard error.
 """
 
+import contextlib
+import json
 import os
 import re
 import shutil
@@ -14,6 +16,7 @@ import socket
 import subprocess
 import threading
 import time
+import traceback
 from pathlib import Path
 
 import dbus
@@ -24,6 +27,7 @@ BUILD_DIR = Path(os.environ.get("NIGHTJAR_BUILD_DIR",
                                 Path(__file__).resolve().parents[2] / "build" / "release"))
 DAEMON = BUILD_DIR / "src" / "core" / "nightjard"
 PYTHON = "/usr/bin/python3"
+NOBODY = 65534
 
 BUS_CONFIG = Path(__file__).resolve().parents[2] / "scripts" / "private-system-bus.conf"
 
@@ -40,6 +44,42 @@ def wait_until(predicate, timeout=5.0, interval=0.01):
         if result or time.monotonic() >= deadline:
             return result
         time.sleep(interval)
+
+
+@contextlib.contextmanager
+def as_user(uid, folder, work):
+    """Runs `work()` in a forked child under `uid` and its group, in `folder` (so that
+    relative paths reach it past the test's private folders); yields what it returned
+    (through JSON) while the child waits with whatever it holds open, then ends it."""
+    results_read, results_write = os.pipe()
+    release_read, release_write = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        status = 1
+        try:
+            os.close(results_read)
+            os.close(release_write)
+            os.chdir(folder)
+            os.setgroups([])
+            os.setgid(uid)
+            os.setuid(uid)
+            os.write(results_write, json.dumps(work()).encode())
+            os.close(results_write)
+            os.read(release_read, 1)
+            status = 0
+        except BaseException:
+            traceback.print_exc()
+        os._exit(status)
+    os.close(results_write)
+    os.close(release_read)
+    try:
+        with os.fdopen(results_read, "rb") as results:
+            answer = results.read()
+        assert answer, "the child failed: see its traceback"
+        yield json.loads(answer)
+    finally:
+        os.close(release_write)
+        os.waitpid(pid, 0)
 
 
 def make_root(base: Path) -> Path:
@@ -173,7 +213,7 @@ class BroadcastListener:
 class Daemon:
     """The real nightjard, its standard error collected line by line."""
 
-    def __init__(self, root: Path, bus_address=None, args=(), extra_env=None):
+    def __init__(self, root: Path, bus_address=None, args=(), extra_env=None, nofile=None):
         env = dict(os.environ, NIGHTJAR_ROOT=str(root), NIGHTJAR_LOG="stderr",
                    TZ=f":{root}/etc/localtime")
         env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
@@ -192,7 +232,10 @@ class Daemon:
         self.pid_file = root / "var/run/nightjard.pid"
         self._lines = []
         self._lock = threading.Lock()
-        self.process = subprocess.Popen([str(DAEMON), *args], env=env,
+        command = [str(DAEMON), *args]
+        if nofile:  # (soft, hard) limits on open descriptors
+            command = ["prlimit", f"--nofile={nofile[0]}:{nofile[1]}", *command]
+        self.process = subprocess.Popen(command, env=env,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         stdin=subprocess.DEVNULL)
         self._reader = threading.Thread(target=self._read, daemon=True)

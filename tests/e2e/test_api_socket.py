@@ -10,6 +10,9 @@ import pytest
 
 from nightjar_client import (DICT, GDBY, NOOP, Client, ConnectionClosed, bare_message,
                              dict_message, encode_request, header, socket_path)
+from nightjar_harness import NOBODY, as_user
+from test_api_replies import EVENT
+from test_durability import saved_ids
 
 
 @pytest.fixture
@@ -102,3 +105,31 @@ def test_hostile_peers_do_not_stop_the_daemon(api):
     assert daemon.process.poll() is None
     with Client(path) as client:
         assert client.noop(9).identifier == 9
+
+
+@pytest.mark.parametrize("nofile", [(96, 4096), (96, 96)])
+def test_one_users_idle_connections_leave_root_served(start_daemon, root, nofile):
+    daemon = start_daemon(nofile=nofile)
+    assert daemon.wait_running()
+    path = socket_path(root)
+    held = []
+
+    def open_idle_connections():
+        for number in range(80):
+            client = Client("api", timeout=2)
+            try:
+                client.noop(number)
+                held.append(client)
+            except (ConnectionClosed, OSError):
+                client.close()
+        return len(held)
+
+    with as_user(NOBODY, os.path.dirname(path), open_idle_connections) as kept:
+        # 64 a user once the soft limit is raised to the hard one; fewer when
+        # the 32 descriptors kept in reserve do not leave that many.
+        assert kept == 64 if nofile[1] > 96 else 0 < kept < 64
+        with Client(path) as client:
+            assert client.call("scheduler.set", EVENT) == {"status": 200}
+        assert saved_ids(root) == {"e1"}
+    shortage = [m for m in daemon.messages() if "Unable to accept" in m]
+    assert shortage == ([] if kept == 64 else ["accept: Unable to accept connection; error: 24"])

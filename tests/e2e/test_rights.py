@@ -1,6 +1,14 @@
 """nightjard -i and -u: the rights in polkit's action file under the daemon's root."""
 
+import os
 import xml.etree.ElementTree as ElementTree
+
+import dbus
+import dbusmock
+
+from nightjar_client import Client, socket_path
+from nightjar_harness import NOBODY, as_user
+from test_api_replies import EVENT, UNAUTHORIZED
 
 POLICY = "usr/share/polkit-1/actions/quillon.nightjar.policy"
 READ_RIGHTS = ["build.version", "notifications.pending", "notifications.notifyperiod",
@@ -93,3 +101,27 @@ def test_each_right_that_cannot_be_set_is_logged(start_daemon, root):
     daemon = run(start_daemon, "-i")
     failures = [line for line in daemon.lines() if "Unable to set right" in line]
     assert failures == [f"<3>Unable to set right: {name}, 20" for name in RIGHTS]
+
+
+def test_a_user_holds_a_write_right_only_when_polkit_grants_it(start_daemon, root, polkitd):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    authority = dbus.Interface(polkitd.object("/org/freedesktop/PolicyKit1/Authority"),
+                               dbusmock.MOCK_IFACE)
+
+    def set_then_list():
+        with Client("api") as client:
+            written = client.call("scheduler.set", EVENT)
+            listed = client.call("scheduler.events")
+            return written, listed["status"], [e["uniqueid"] for e in listed["response"]]
+
+    folder = os.path.dirname(socket_path(root))
+    set_right = "quillon.nightjar.scheduler.set"
+    # polkit answers for the installed defaults: reads for anyone, writes by grant.
+    authority.SetAllowed(RIGHTS[:5])
+    with as_user(NOBODY, folder, set_then_list) as replies:
+        assert replies == [UNAUTHORIZED, 200, []]
+    assert daemon.wait_for_line(f"Authorization refused: {set_right}")
+    authority.SetAllowed(RIGHTS[:5] + [set_right])
+    with as_user(NOBODY, folder, set_then_list) as replies:
+        assert replies == [{"status": 200}, 200, ["e1"]]

@@ -57,7 +57,7 @@ void resumeAccepting(SocketServer& server) {
   sd_event_source_set_enabled(server.listenSource->get(), SD_EVENT_ON);
 }
 
-// Kept beyond the silent refusal: one line a minute while descriptors run short.
+// Logged on purpose, once a minute: a shortage starves every client, root's too.
 void logShortage(SocketServer& server, int error) {
   const runloop::AbsoluteTime now = runloop::systemClock().now();
   if (!server.shortageLogged || now - *server.shortageLogged >= kShortageLogSeconds ||
@@ -101,10 +101,11 @@ DescriptorRoom roomFor(const SocketServer& server, int descriptor) {
 // as a faulty one is; only a shortage is logged.
 bool admit(SocketServer& server, int descriptor) {
   platform::PeerCredentials peer;
-  Admission admission = Admission::OutOfDescriptors;
-  if (socketPeerCredentials(descriptor, peer)) {
-    admission = server.quota.admit(peer.uid, roomFor(server, descriptor));
+  if (!socketPeerCredentials(descriptor, peer)) {
+    close(descriptor);
+    return false;
   }
+  const Admission admission = server.quota.admit(peer.uid, roomFor(server, descriptor));
   if (admission == Admission::OutOfDescriptors) {
     logShortage(server, EMFILE);
   }

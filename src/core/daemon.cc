@@ -180,6 +180,7 @@ bool openApiSocket(Daemon& daemon) {
   daemon.server.reset(api::socketServerCreate(
       api::dispatchSocketRequest, adapter::underRoot(daemon.root, api::kSocketPath), &failure));
   if (daemon.server == nullptr) {
+    // Logged on purpose: a daemon that stops for want of its socket must say why.
     logging::logMessage(LOG_ERR, "%s: Unable to open the API socket; path: %s; error: %d",
                         failure.step != nullptr ? failure.step : "socketServerCreate",
                         adapter::underRoot(daemon.root, api::kSocketPath).c_str(), failure.error);

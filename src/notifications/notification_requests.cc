@@ -42,6 +42,7 @@ std::optional<double> wholeSeconds(const plist::Value& seconds) {
 }
 
 // A notify period: a number that is exactly a finite double.
+// NaN and infinities are refused (405) on purpose: they cannot be stored as a period.
 std::optional<double> exactSeconds(const plist::Value& seconds) {
   if (const std::optional<std::int64_t> integer = seconds.asInteger()) {
     if (*integer < -kExactDoubleLimit || *integer > kExactDoubleLimit) {

@@ -66,6 +66,7 @@ void saveOnChangeObserverRunPass(SaveOnChangeObserver* observer) {
     observer->failing = false;
   } else if (!observer->failing) {
     // Storage still holds the last good state; the next pass tries again.
+    // Logged on purpose: acknowledged changes are then only in memory.
     logging::logMessage(
         LOG_ERR, "Failed to save the state; the last saved state is kept and the save is retried.");
     observer->failing = true;

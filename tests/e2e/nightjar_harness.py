@@ -48,35 +48,28 @@ def wait_until(predicate, timeout=5.0, interval=0.01):
 
 @contextlib.contextmanager
 def as_user(uid, folder, work):
-    """Runs `work()` in a forked child under `uid` and its group, in `folder` (so that
-    relative paths reach it past the test's private folders); yields what it returned
-    (through JSON) while the child waits with whatever it holds open, then ends it."""
-    results_read, results_write = os.pipe()
+    """Runs `work()` in a child forked under `uid`, in `folder` (so relative paths pass the
+    test's private folders); yields its answer (as JSON) while the child holds what it opened."""
+    answer_read, answer_write = os.pipe()
     release_read, release_write = os.pipe()
     pid = os.fork()
     if pid == 0:
-        status = 1
         try:
-            os.close(results_read)
             os.close(release_write)
             os.chdir(folder)
             os.setgroups([])
             os.setgid(uid)
             os.setuid(uid)
-            os.write(results_write, json.dumps(work()).encode())
-            os.close(results_write)
+            os.write(answer_write, json.dumps(work()).encode())
+            os.close(answer_write)
             os.read(release_read, 1)
-            status = 0
         except BaseException:
             traceback.print_exc()
-        os._exit(status)
-    os.close(results_write)
-    os.close(release_read)
+        os._exit(0)
+    os.close(answer_write)
     try:
-        with os.fdopen(results_read, "rb") as results:
-            answer = results.read()
-        assert answer, "the child failed: see its traceback"
-        yield json.loads(answer)
+        with os.fdopen(answer_read, "rb") as answer:
+            yield json.loads(answer.read())
     finally:
         os.close(release_write)
         os.waitpid(pid, 0)

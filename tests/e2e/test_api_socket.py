@@ -111,24 +111,22 @@ def test_hostile_peers_do_not_stop_the_daemon(api):
 def test_one_users_idle_connections_leave_root_served(start_daemon, root, nofile):
     daemon = start_daemon(nofile=nofile)
     assert daemon.wait_running()
-    path = socket_path(root)
     held = []
 
     def open_idle_connections():
         for number in range(80):
-            client = Client("api", timeout=2)
+            held.append(Client("api", timeout=2))
             try:
-                client.noop(number)
-                held.append(client)
+                held[-1].noop(number)
             except (ConnectionClosed, OSError):
-                client.close()
+                held.pop().close()
         return len(held)
 
-    with as_user(NOBODY, os.path.dirname(path), open_idle_connections) as kept:
+    with as_user(NOBODY, os.path.dirname(socket_path(root)), open_idle_connections) as kept:
         # 64 a user once the soft limit is raised to the hard one; fewer when
         # the 32 descriptors kept in reserve do not leave that many.
         assert kept == 64 if nofile[1] > 96 else 0 < kept < 64
-        with Client(path) as client:
+        with Client(socket_path(root)) as client:
             assert client.call("scheduler.set", EVENT) == {"status": 200}
         assert saved_ids(root) == {"e1"}
     shortage = [m for m in daemon.messages() if "Unable to accept" in m]

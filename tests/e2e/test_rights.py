@@ -111,17 +111,14 @@ def test_a_user_holds_a_write_right_only_when_polkit_grants_it(start_daemon, roo
 
     def set_then_list():
         with Client("api") as client:
-            written = client.call("scheduler.set", EVENT)
-            listed = client.call("scheduler.events")
+            written, listed = client.call("scheduler.set", EVENT), client.call("scheduler.events")
             return written, listed["status"], [e["uniqueid"] for e in listed["response"]]
 
-    folder = os.path.dirname(socket_path(root))
-    set_right = "quillon.nightjar.scheduler.set"
     # polkit answers for the installed defaults: reads for anyone, writes by grant.
-    authority.SetAllowed(RIGHTS[:5])
-    with as_user(NOBODY, folder, set_then_list) as replies:
-        assert replies == [UNAUTHORIZED, 200, []]
+    set_right = "quillon.nightjar.scheduler.set"
+    for extra, expected in (([], [UNAUTHORIZED, 200, []]),
+                            ([set_right], [{"status": 200}, 200, ["e1"]])):
+        authority.SetAllowed(RIGHTS[:5] + extra)
+        with as_user(NOBODY, os.path.dirname(socket_path(root)), set_then_list) as replies:
+            assert replies == expected
     assert daemon.wait_for_line(f"Authorization refused: {set_right}")
-    authority.SetAllowed(RIGHTS[:5] + [set_right])
-    with as_user(NOBODY, folder, set_then_list) as replies:
-        assert replies == [{"status": 200}, 200, ["e1"]]

@@ -47,8 +47,12 @@ void daemonise(const std::string& workingDirectory) {
   if (child > 0)
     std::_Exit(0);
   setsid();
-  for (int fd = getdtablesize(); fd >= 0; --fd)
-    close(fd);
+  // One call instead of a close() per possible descriptor: the soft limit is
+  // raised to the hard one at start, which may be hundreds of thousands.
+  if (close_range(0, ~0U, 0) != 0) {
+    for (int fd = getdtablesize(); fd >= 0; --fd)
+      close(fd);
+  }
   umask(027);
   [[maybe_unused]] int ignored = chdir(workingDirectory.c_str());
 }

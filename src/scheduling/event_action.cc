@@ -18,8 +18,9 @@ namespace {
 
 constexpr double kPauseSeconds = 2.0;
 constexpr char kNameKey[] = "name";
-constexpr char kGracestopPath[] = "/usr/local/nightjar/bin/gracestop";
-constexpr char kPerchPath[] = "/usr/local/nightjar/bin/perch";
+// The tools' folder is a build setting (NIGHTJAR_TOOLS_DIR).
+constexpr char kGracestopPath[] = NIGHTJAR_TOOLS_DIR "/gracestop";
+constexpr char kPerchPath[] = NIGHTJAR_TOOLS_DIR "/perch";
 
 struct Perform {
   plist::Value event;
@@ -152,7 +153,7 @@ void begin(EventAction& action) {
   const plist::Value type = eventActionTypeOf(event);
   // The hardware wakes the machine for these: there is nothing to carry out.
   if (eventActionIsWakeKind(event)) {
-    logging::logValue(LOG_DEBUG, "IOKit Performing: %@", type);
+    logging::logMessage(LOG_DEBUG, "IOKit Performing: %@", type);
     finish(action);
     return;
   }

@@ -28,8 +28,8 @@ using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using Journal = std::vector<std::string>;
 
-constexpr char kGracestop[] = "/usr/local/nightjar/bin/gracestop";
-constexpr char kPerch[] = "/usr/local/nightjar/bin/perch";
+constexpr char kGracestop[] = NIGHTJAR_TOOLS_DIR "/gracestop";
+constexpr char kPerch[] = NIGHTJAR_TOOLS_DIR "/perch";
 
 // Everything the module does, in one list: log lines as "<priority> text",
 // broadcasts, commands, notices, and the activity count going up and down.
@@ -209,7 +209,7 @@ TEST_F(EventActionTest, WakeKindsAndMissingTypesPostNothingAndCompleteAtOnce) {
     const plist::Value e = event(type);
     perform(e);
     EXPECT_EQ(journal_, concat(opening(e),
-                               {"7 IOKit Performing: \"" + type + "\"", "activity down", "done"}));
+                               {"7 IOKit Performing: " + type, "activity down", "done"}));
   }
   journal_.clear();
   const plist::Value untyped = event("");
@@ -293,7 +293,7 @@ TEST_F(EventActionTest, PerformsRunOneAfterAnotherInOrderOfAsking) {
   Journal expected = {std::string(kGracestop) + " -h", "post event.didperform", "activity down",
                       "first done"};
   expected = concat(expected, opening(second, "second"));
-  expected = concat(expected, {"7 IOKit Performing: \"wake\"", "activity down", "second done"});
+  expected = concat(expected, {"7 IOKit Performing: wake", "activity down", "second done"});
   expected = concat(expected, opening(third, "third"));
   expected.push_back("post event.willperform");
   EXPECT_EQ(journal_, expected);

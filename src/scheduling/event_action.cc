@@ -34,7 +34,8 @@ struct EventAction {
   // inside its own callback. Null when the factory failed: no pause then.
   std::unique_ptr<runloop::Timer> pause;
   std::optional<Perform> current;
-  std::deque<Perform> waiting;  // in order of asking
+  std::deque<Perform> waiting;                      // in order of asking
+  std::deque<std::function<void()>> idleCallbacks;  // in order of asking
   bool noticeShown = false;
   bool advancing = false;  // guards advance() against re-entry from a completion
 };
@@ -99,6 +100,23 @@ void carryOut(const EventActionPorts& ports, const plist::Value& type) {
 }
 
 void advance();
+
+bool idle(const EventAction& action) {
+  return !action.current && action.waiting.empty();
+}
+
+// Calls the idle callbacks in order while the module stays idle: one that
+// starts a perform leaves the rest for the end of that perform.
+void callIdleCallbacks() {
+  for (;;) {
+    EventAction* action = slot().get();
+    if (action == nullptr || !idle(*action) || action->idleCallbacks.empty())
+      return;
+    std::function<void()> callback = std::move(action->idleCallbacks.front());
+    action->idleCallbacks.pop_front();
+    callback();
+  }
+}
 
 // The last step of every perform: the activity count goes down, the perform
 // is over, and its completion runs. `action` may be gone once the completion
@@ -171,8 +189,12 @@ void begin(EventAction& action) {
 void advance() {
   for (;;) {
     EventAction* action = slot().get();
-    if (action == nullptr || action->advancing || action->current || action->waiting.empty())
+    if (action == nullptr || action->advancing || action->current)
       return;
+    if (action->waiting.empty()) {
+      callIdleCallbacks();
+      return;
+    }
     action->advancing = true;
     action->current = std::move(action->waiting.front());
     action->waiting.pop_front();
@@ -221,7 +243,17 @@ void eventActionPerform(const plist::Value& event, std::function<void()> complet
 
 bool eventActionBusy() {
   const EventAction* action = slot().get();
-  return action != nullptr && (action->current || !action->waiting.empty());
+  return action != nullptr && !idle(*action);
+}
+
+void eventActionWhenIdle(std::function<void()> callback) {
+  EventAction* action = slot().get();
+  if (action == nullptr || idle(*action)) {
+    if (callback)
+      callback();
+    return;
+  }
+  action->idleCallbacks.push_back(std::move(callback));
 }
 
 }  // namespace nightjar::scheduling

@@ -9,12 +9,14 @@
 #include <variant>
 
 #include "api/notification_requests.h"
+#include "api/perform_wait.h"
 #include "api/request_action.h"
 #include "api/scheduler_requests.h"
 #include "core/command_line.h"
 #include "logging/logging.h"
 #include "model/reply.h"
 #include "plist/describe.h"
+#include "scheduling/event_action.h"
 
 namespace nightjar::api {
 namespace {
@@ -98,46 +100,91 @@ Value route(const Target& target, const Value& parameter) {
   return object->handle(target.action, parameter);
 }
 
-}  // namespace
+// The reply of a request that waited: the daemon is not settled until it is
+// given. A reply that waited already keeps its ticket.
+ReplyDone holdingTicket(ReplyDone reply) {
+  auto ticket = std::make_shared<PerformWaitTicket>();
+  return [reply = std::move(reply), ticket](Value value) {
+    if (reply) {
+      reply(std::move(value));
+    }
+    ticket->close();
+  };
+}
 
-void dispatchRequest(const Value& request, const Authorize& authorize, ReplyDone reply) {
+// The operation of a granted request. One that may wait and was granted while
+// a perform is under way (a check that answered late) waits for it too.
+void carryOut(const Value& request, const Target& target, bool mayWait, const ReplyDone& reply) {
+  if (mayWait && scheduling::eventActionBusy()) {
+    performWaitKeep([request, target, reply = holdingTicket(reply)] {
+      carryOut(request, target, /*mayWait=*/true, reply);
+    });
+    return;
+  }
+  answer(request, route(target, request.get(kRequestParameterKey)), reply);
+}
+
+// Has the right checked, then carries the request out or refuses it.
+void authorizeThenCarryOut(const Value& request, const Authorize& authorize, Target target,
+                           std::string right, bool mayWait, ReplyDone reply) {
+  // Shared by every copy of the completion, so only its first call answers.
+  auto answered = std::make_shared<bool>(false);
+  authorize(request.get(kAuthorizationKey), std::move(right),
+            [request, target = std::move(target), reply = std::move(reply), answered,
+             mayWait](bool granted) {
+              if (*answered) {
+                return;
+              }
+              *answered = true;
+              if (granted) {
+                carryOut(request, target, mayWait, reply);
+              } else {
+                answer(request, model::makeError(refusal::kRequestMustBeAuthorized), reply);
+              }
+            });
+}
+
+void dispatch(const Value& request, const Authorize& authorize, ReplyDone reply, bool mayWait) {
   std::variant<model::ErrorReason, Target> read = readTarget(request);
   if (const model::ErrorReason* refused = std::get_if<model::ErrorReason>(&read)) {
     answer(request, model::makeError(*refused), reply);
     return;
   }
   Target target = std::get<Target>(std::move(read));
-  const Value authorization = request.get(kAuthorizationKey);
   std::optional<std::string> right = rightName(target.object, target.action);
   // Refused silently here: no form, or no right by that name can exist.
-  if (!isAuthorizationForm(authorization) || !right || !authorize) {
+  if (!isAuthorizationForm(request.get(kAuthorizationKey)) || !right || !authorize) {
     answer(request, model::makeError(refusal::kRequestMustBeAuthorized), reply);
     return;
   }
-  // Shared by every copy of the completion, so only its first call answers.
-  auto answered = std::make_shared<bool>(false);
-  authorize(
-      authorization, std::move(*right),
-      [request, target = std::move(target), reply = std::move(reply), answered](bool granted) {
-        if (*answered) {
-          return;
-        }
-        *answered = true;
-        answer(request,
-               granted ? route(target, request.get(kRequestParameterKey))
-                       : model::makeError(refusal::kRequestMustBeAuthorized),
-               reply);
-      });
+  // A change asked for during a perform waits for it, unchecked as yet: the
+  // perform comes first, then the check and the change.
+  const bool waits = mayWait && isWriteRight(*right);
+  if (waits && performWaitNeeded()) {
+    performWaitKeep([request, authorize, target = std::move(target), right = std::move(*right),
+                     reply = holdingTicket(std::move(reply))] {
+      authorizeThenCarryOut(request, authorize, target, right, /*mayWait=*/true, reply);
+    });
+    return;
+  }
+  authorizeThenCarryOut(request, authorize, std::move(target), std::move(*right), waits,
+                        std::move(reply));
+}
+
+}  // namespace
+
+void dispatchRequest(const Value& request, const Authorize& authorize, ReplyDone reply) {
+  dispatch(request, authorize, std::move(reply), /*mayWait=*/true);
 }
 
 Value dispatchRequestNow(const Value& request, const Grant& grant) {
   Value result;
-  dispatchRequest(
+  dispatch(
       request,
       [&grant](const Value& authorization, std::string right, AuthorizationDone done) {
         done(grant && grant(authorization, right));
       },
-      [&result](Value reply) { result = std::move(reply); });
+      [&result](Value reply) { result = std::move(reply); }, /*mayWait=*/false);
   return result;
 }
 

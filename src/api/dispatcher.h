@@ -41,13 +41,19 @@ using ReplyDone = std::function<void(plist::Value reply)>;
 // malformed request (401), a malformed authorization or a right name that is
 // not ASCII (500) is answered before this returns, without calling
 // `authorize`; otherwise the rest of the checks and the operation run when
-// `authorize` calls back, refusing with 500 when it does not grant. `authorize`
-// is not kept beyond its own call; `reply` is kept until it is called.
+// `authorize` calls back, refusing with 500 when it does not grant.
+//
+// A request for a write right that arrives while an event is being performed
+// (or while others wait) waits, in arrival order, until the perform has
+// completed, and is checked and carried out then (see perform_wait.h); so
+// does the operation of one whose check answers during a perform. `authorize`
+// is kept until it is called, `reply` until it is called.
 void dispatchRequest(const plist::Value& request, const Authorize& authorize, ReplyDone reply);
 
 // Answers whether the caller holds `right`, at once.
 using Grant = std::function<bool(const plist::Value& authorization, std::string_view right)>;
-// dispatchRequest with an authorization that answers at once: the reply.
+// dispatchRequest with an authorization that answers at once: the reply. It
+// never waits for a perform, and keeps nothing beyond the call.
 plist::Value dispatchRequestNow(const plist::Value& request, const Grant& grant);
 
 // "nightjard v3.7.3": the answer of "build.version".

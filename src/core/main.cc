@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "api/authorization.h"
+#include "api/perform_wait.h"
 #include "core/command_line.h"
 #include "core/daemon.h"
 #include "core/descriptors.h"
@@ -29,10 +30,15 @@ constexpr char kDaemonWorkingDirectory[] = "/usr/local/";
 constexpr int kExitLockFailed = 1;
 constexpr int kExitNoRunLoop = 13;
 
+// The loop stops once settled: an event being performed is finished (action,
+// "event.didperform", rescheduling) and the requests that waited for it are
+// answered, as when the pause blocked the loop and the signal waited behind it.
 void stopHandler(int signal) {
   logging::logMessage(LOG_INFO, "Caught %d signal, quitting", signal);
-  if (runloop::RunLoop* loop = runloop::RunLoop::current())
-    loop->stop();
+  api::performWaitWhenSettled([] {
+    if (runloop::RunLoop* loop = runloop::RunLoop::current())
+      loop->stop();
+  });
 }
 
 // Runs the loop when the relay and the API socket exist; answers the exit

@@ -18,8 +18,9 @@ namespace {
 
 constexpr double kPauseSeconds = 2.0;
 constexpr char kNameKey[] = "name";
-constexpr char kGracestopPath[] = "/usr/local/nightjar/bin/gracestop";
-constexpr char kPerchPath[] = "/usr/local/nightjar/bin/perch";
+// The tools' folder is a build setting (NIGHTJAR_TOOLS_DIR).
+constexpr char kGracestopPath[] = NIGHTJAR_TOOLS_DIR "/gracestop";
+constexpr char kPerchPath[] = NIGHTJAR_TOOLS_DIR "/perch";
 
 struct Perform {
   plist::Value event;
@@ -33,7 +34,8 @@ struct EventAction {
   // inside its own callback. Null when the factory failed: no pause then.
   std::unique_ptr<runloop::Timer> pause;
   std::optional<Perform> current;
-  std::deque<Perform> waiting;  // in order of asking
+  std::deque<Perform> waiting;                      // in order of asking
+  std::deque<std::function<void()>> idleCallbacks;  // in order of asking
   bool noticeShown = false;
   bool advancing = false;  // guards advance() against re-entry from a completion
 };
@@ -99,6 +101,23 @@ void carryOut(const EventActionPorts& ports, const plist::Value& type) {
 
 void advance();
 
+bool idle(const EventAction& action) {
+  return !action.current && action.waiting.empty();
+}
+
+// Calls the idle callbacks in order while the module stays idle: one that
+// starts a perform leaves the rest for the end of that perform.
+void callIdleCallbacks() {
+  for (;;) {
+    EventAction* action = slot().get();
+    if (action == nullptr || !idle(*action) || action->idleCallbacks.empty())
+      return;
+    std::function<void()> callback = std::move(action->idleCallbacks.front());
+    action->idleCallbacks.pop_front();
+    callback();
+  }
+}
+
 // The last step of every perform: the activity count goes down, the perform
 // is over, and its completion runs. `action` may be gone once the completion
 // returned (it may tear the module down), so nothing touches it afterwards.
@@ -152,7 +171,7 @@ void begin(EventAction& action) {
   const plist::Value type = eventActionTypeOf(event);
   // The hardware wakes the machine for these: there is nothing to carry out.
   if (eventActionIsWakeKind(event)) {
-    logging::logValue(LOG_DEBUG, "IOKit Performing: %@", type);
+    logging::logMessage(LOG_DEBUG, "IOKit Performing: %@", type);
     finish(action);
     return;
   }
@@ -170,8 +189,12 @@ void begin(EventAction& action) {
 void advance() {
   for (;;) {
     EventAction* action = slot().get();
-    if (action == nullptr || action->advancing || action->current || action->waiting.empty())
+    if (action == nullptr || action->advancing || action->current)
       return;
+    if (action->waiting.empty()) {
+      callIdleCallbacks();
+      return;
+    }
     action->advancing = true;
     action->current = std::move(action->waiting.front());
     action->waiting.pop_front();
@@ -220,7 +243,17 @@ void eventActionPerform(const plist::Value& event, std::function<void()> complet
 
 bool eventActionBusy() {
   const EventAction* action = slot().get();
-  return action != nullptr && (action->current || !action->waiting.empty());
+  return action != nullptr && !idle(*action);
+}
+
+void eventActionWhenIdle(std::function<void()> callback) {
+  EventAction* action = slot().get();
+  if (action == nullptr || idle(*action)) {
+    if (callback)
+      callback();
+    return;
+  }
+  action->idleCallbacks.push_back(std::move(callback));
 }
 
 }  // namespace nightjar::scheduling

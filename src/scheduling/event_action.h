@@ -49,8 +49,8 @@ struct EventActionPorts {
 // Fills the process-wide slot (the caller keeps the ports alive until
 // eventActionTearDown); does nothing when it is full.
 void eventActionSetUp(EventActionPorts ports);
-// Ends a perform under way at once (its completion is not called) and clears
-// the slot.
+// Ends a perform under way at once (neither its completion nor an idle
+// callback is called) and clears the slot.
 void eventActionTearDown();
 
 // Starts performing `event` (the controller's copy, private keys included) and
@@ -61,5 +61,9 @@ void eventActionTearDown();
 void eventActionPerform(const plist::Value& event, std::function<void()> completion);
 // True while a perform is under way or waiting its turn.
 bool eventActionBusy();
+// Calls `callback` once no perform is under way or waiting: at once when none
+// is, else right after the last completion. Callbacks run in order of asking;
+// one that starts a perform leaves the rest for the end of that perform.
+void eventActionWhenIdle(std::function<void()> callback);
 
 }  // namespace nightjar::scheduling

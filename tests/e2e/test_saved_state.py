@@ -5,7 +5,7 @@ import os
 import plistlib
 import signal
 
-from nightjar_client import Client, socket_path
+from nightjar_client import Client, authorization_form, socket_path
 from nightjar_harness import wait_until
 from test_event_road import once_event, utc_in
 
@@ -151,14 +151,28 @@ def test_a_daily_event_missed_while_stopped_moves_to_its_next_day(start_daemon, 
     assert not log.exists() or "gracestop" not in log.read_text()
 
 
-def test_sigterm_during_the_pause_before_an_action_stops_cleanly(
+def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_first(
         start_daemon, root, logind, broadcasts):
     daemon = start(start_daemon)
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.set", once_event("late", "restart", utc_in(1))) == \
             {"status": 200}
-    assert broadcasts.wait_for("event.willperform", timeout=5)
-    daemon.signal(signal.SIGTERM)
+        assert broadcasts.wait_for("event.willperform", timeout=5)
+        client.send({"Request": "scheduler.remove", "Parameter": "late",
+                     "Authorization": authorization_form()})
+        daemon.signal(signal.SIGTERM)
+        assert client.receive().value == {"status": 200}
     assert daemon.wait(timeout=5) == 0
+    assert "gracestop -r" in (root / "tool-calls.log").read_text()
     assert broadcasts.wait_for("socket.closed")
+    names = broadcasts.names()
+    assert names.index("event.willperform") < names.index("event.didperform") \
+        < names.index("socket.closed")
+    # The signal came during the pause; the perform then completed (the once
+    # event left the queue), and only then was the remove carried out.
+    lines = daemon.messages()
+    order = [next(i for i, line in enumerate(lines) if line.startswith(text))
+             for text in ("Caught 15 signal, quitting", "Dropped event: late",
+                          "API: {\"Authorization\"=>\"32 bytes of data\",\"Parameter\"=>\"late\"")]
+    assert order == sorted(order), lines
     assert not daemon.pid_file.exists()

@@ -264,6 +264,74 @@ TEST_F(DispatchTest, TheRestRunsWhenTheAuthorizationAnswers) {
   EXPECT_EQ(waiting.size(), 2u);
 }
 
+// Given a perform paused before its action, expect: reads and malformed
+// requests answered at once; writes kept, then checked, carried out and
+// answered in arrival order once the perform has completed; settled (the
+// moment a stop takes effect) only when the last of them is answered.
+TEST_F(DispatchTest, WritesDuringAPerformWaitForItAndAreAnsweredInArrivalOrder) {
+  fakes::FakeTimerFactory pauseTimers{clock_};
+  scheduling::eventActionSetUp({.timers = pauseTimers.timerFactory(), .clock = &clock_});
+  std::vector<std::string> journal;
+  std::vector<AuthorizationDone> checks;
+  const Authorize now = [&](const Value&, std::string right, AuthorizationDone done) {
+    journal.push_back("check " + right.substr(kRightPrefix.size()));
+    done(true);
+  };
+  const Authorize later = [&](const Value&, std::string, AuthorizationDone done) {
+    checks.push_back(std::move(done));
+  };
+  const auto send = [&](const std::string& label, const Value& request, const Authorize& check) {
+    dispatchRequest(request, check, [&journal, label](Value reply) {
+      journal.push_back(label + " " + plist::describeValue(reply));
+    });
+  };
+  // Its check answers only once the perform is under way.
+  send("early set", request("scheduler.set", validEvent("early")), later);
+  scheduling::eventActionPerform(Dict({{"name", S("n")}, {"action", Dict({{"type", S("x")}})}}),
+                                 [&] { journal.push_back("performed"); });
+  checks.at(0)(true);
+  struct Row {
+    std::string label;
+    Value request;
+    Authorize check;
+  };
+  const std::vector<Row> rows = {
+      {"set", request("scheduler.set", validEvent("a")), now},
+      {"events", request("scheduler.events"), now},
+      {"malformed", request("scheduler"), now},
+      {"remove", request("scheduler.remove", S("a")), later},
+      {"version", request("build.version"), now},
+      {"disable", request("scheduler.setenabled", B(false)), now},
+  };
+  for (const Row& row : rows) {
+    send(row.label, row.request, row.check);
+  }
+  performWaitWhenSettled([&] { journal.push_back("settled"); });
+  EXPECT_EQ(journal,
+            (std::vector<std::string>{
+                "check scheduler.events", "events {\"response\"=>[],\"status\"=>200}",
+                "malformed " + plist::describeValue(refusal(reason::kRequestMustHaveTwoComponents)),
+                "check build.version",
+                "version " + plist::describeValue(response(200, S("nightjard v3.7.3")))}));
+  journal.clear();
+  pauseTimers.timer(0)->fire();
+  const std::string ok = plist::describeValue(response(200));
+  EXPECT_EQ(journal,
+            (std::vector<std::string>{"performed", "early set " + ok, "check scheduler.set",
+                                      "set " + ok, "check scheduler.setenabled", "disable " + ok}));
+  ASSERT_EQ(checks.size(), 2u);
+  journal.clear();
+  checks[1](true);
+  EXPECT_EQ(journal, (std::vector<std::string>{"remove " + ok, "settled"}));
+  EXPECT_EQ(model::eventListGet()->events().size(), 1);
+
+  journal.clear();
+  send("set now", request("scheduler.set", validEvent("b")), now);
+  performWaitWhenSettled([&] { journal.push_back("settled at once"); });
+  EXPECT_EQ(journal,
+            (std::vector<std::string>{"check scheduler.set", "set now " + ok, "settled at once"}));
+}
+
 TEST(RightName, LowerCasesAndRefusesWhatIsNotAscii) {
   EXPECT_EQ(rightName("Scheduler", "SetEvents"), "quillon.nightjar.scheduler.setevents");
   EXPECT_EQ(rightName("", ""), "quillon.nightjar..");

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "api/dispatcher.h"
+#include "api/perform_wait.h"
 #include "core/notification_relay.h"
 #include "fakes/fake_clock.h"
 #include "fakes/fake_preferences_store.h"
@@ -26,6 +27,7 @@
 #include "notifications/notification_controller.h"
 #include "persistence/preferences.h"
 #include "runloop/run_loop.h"
+#include "scheduling/event_action.h"
 #include "scheduling/event_scheduler.h"
 #include "scheduling/queue_controller.h"
 
@@ -82,6 +84,8 @@ class DispatcherTest : public ::testing::Test {
     ASSERT_NE(notifications::notificationControllerGet(), nullptr);
   }
   void TearDown() override {
+    scheduling::eventActionTearDown();
+    performWaitReset();
     notifications::notificationControllerDestroy();
     scheduling::eventSchedulerTearDown();
     scheduling::queueControllerListTearDown();

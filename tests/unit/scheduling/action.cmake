@@ -5,3 +5,4 @@ nightjar_unit_test(event_action_test
     ${CMAKE_CURRENT_LIST_DIR}/event_action_test.cc
     ${CMAKE_CURRENT_LIST_DIR}/event_action_loop_test.cc
   LIBS nightjar_scheduling)
+target_compile_definitions(event_action_test PRIVATE NIGHTJAR_TOOLS_DIR="${NIGHTJAR_TOOLS_DIR}")

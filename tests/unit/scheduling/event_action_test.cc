@@ -28,8 +28,8 @@ using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using Journal = std::vector<std::string>;
 
-constexpr char kGracestop[] = "/usr/local/nightjar/bin/gracestop";
-constexpr char kPerch[] = "/usr/local/nightjar/bin/perch";
+constexpr char kGracestop[] = NIGHTJAR_TOOLS_DIR "/gracestop";
+constexpr char kPerch[] = NIGHTJAR_TOOLS_DIR "/perch";
 
 // Everything the module does, in one list: log lines as "<priority> text",
 // broadcasts, commands, notices, and the activity count going up and down.
@@ -208,8 +208,8 @@ TEST_F(EventActionTest, WakeKindsAndMissingTypesPostNothingAndCompleteAtOnce) {
     journal_.clear();
     const plist::Value e = event(type);
     perform(e);
-    EXPECT_EQ(journal_, concat(opening(e),
-                               {"7 IOKit Performing: \"" + type + "\"", "activity down", "done"}));
+    EXPECT_EQ(journal_,
+              concat(opening(e), {"7 IOKit Performing: " + type, "activity down", "done"}));
   }
   journal_.clear();
   const plist::Value untyped = event("");
@@ -274,13 +274,15 @@ TEST_F(EventActionTest, FailingToolsAndRefusedSleepAreLogged) {
 }
 
 // A perform asked for during another's pause waits its turn, and so does one
-// asked for from a completion; none interleaves with another.
+// asked for from a completion; none interleaves with another. The idle
+// callbacks run once the last has completed, or at once when none is under way.
 TEST_F(EventActionTest, PerformsRunOneAfterAnotherInOrderOfAsking) {
   const plist::Value first = event("shutdown", "first");
   const plist::Value second = event("wake", "second");
   const plist::Value third = event("logout", "third");
   const plist::Value fourth = event("restart", "fourth");
   perform(first, "first done");
+  eventActionWhenIdle([&] { journal_.push_back("idle"); });
   perform(second, "second done");
   eventActionPerform(third, [&] {
     journal_.push_back("third done");
@@ -293,7 +295,7 @@ TEST_F(EventActionTest, PerformsRunOneAfterAnotherInOrderOfAsking) {
   Journal expected = {std::string(kGracestop) + " -h", "post event.didperform", "activity down",
                       "first done"};
   expected = concat(expected, opening(second, "second"));
-  expected = concat(expected, {"7 IOKit Performing: \"wake\"", "activity down", "second done"});
+  expected = concat(expected, {"7 IOKit Performing: wake", "activity down", "second done"});
   expected = concat(expected, opening(third, "third"));
   expected.push_back("post event.willperform");
   EXPECT_EQ(journal_, expected);
@@ -307,10 +309,13 @@ TEST_F(EventActionTest, PerformsRunOneAfterAnotherInOrderOfAsking) {
 
   journal_.clear();
   pause().fire();
-  EXPECT_THAT(journal_, ElementsAreArray(
-                            {std::string(kGracestop) + " -r", std::string("post event.didperform"),
-                             std::string("activity down"), std::string("fourth done")}));
+  EXPECT_THAT(journal_,
+              ElementsAreArray({std::string(kGracestop) + " -r",
+                                std::string("post event.didperform"), std::string("activity down"),
+                                std::string("fourth done"), std::string("idle")}));
   EXPECT_FALSE(eventActionBusy());
+  eventActionWhenIdle([&] { journal_.push_back("idle at once"); });
+  EXPECT_EQ(journal_.back(), "idle at once");
 }
 
 TEST_F(EventActionTest, ConsoleNotifierShowsTheNoticeForThePauseAndClosesIt) {
@@ -339,11 +344,13 @@ TEST_F(EventActionTest, ConsoleNotifierShowsTheNoticeForThePauseAndClosesIt) {
 }
 
 // Tearing down mid-pause ends the perform: the count goes down, the notice
-// closes, and neither that completion nor a waiting perform's runs.
+// closes, and neither that completion nor a waiting perform's nor an idle
+// callback runs.
 TEST_F(EventActionTest, TearDownDuringThePauseEndsThePerform) {
   preferences_.setValue(persistence::kConsoleNotifierKey, plist::Value::boolean(true));
   perform(event("shutdown"), "first done");
   perform(event("logout"), "second done");
+  eventActionWhenIdle([&] { journal_.push_back("idle"); });
   journal_.clear();
   eventActionTearDown();
   EXPECT_THAT(journal_, ElementsAre("notice closed", "activity down"));

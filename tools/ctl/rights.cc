@@ -1,0 +1,73 @@
+#include "rights.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace nightjar::ctl {
+namespace {
+
+// How long the agent may take to register before pkcheck runs without it.
+constexpr int kAgentStartMs = 5000;
+
+pid_t spawn(std::vector<std::string> arguments) {
+  std::vector<char*> argv;
+  for (std::string& argument : arguments)
+    argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+    return -1;
+  return pid;
+}
+
+int waitFor(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0)
+    if (errno != EINTR)
+      return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// pkttyagent writes to its notify descriptor (and closes it) once it is
+// registered for this process.
+pid_t startAgent(const std::string& pid) {
+  int pipe[2];
+  if (::pipe(pipe) != 0)
+    return -1;
+  ::fcntl(pipe[0], F_SETFD, FD_CLOEXEC);
+  const pid_t agent =
+      spawn({"pkttyagent", "--process", pid, "--notify-fd", std::to_string(pipe[1]), "--fallback"});
+  ::close(pipe[1]);
+  pollfd ready{.fd = pipe[0], .events = POLLIN, .revents = 0};
+  ::poll(&ready, 1, kAgentStartMs);
+  ::close(pipe[0]);
+  return agent;
+}
+
+}  // namespace
+
+bool obtainRight(const std::string& right) {
+  if (!::isatty(STDIN_FILENO))
+    return true;
+  const std::string pid = std::to_string(::getpid());
+  const pid_t agent = startAgent(pid);
+  const pid_t check =
+      spawn({"pkcheck", "--allow-user-interaction", "--action-id", right, "--process", pid});
+  const int status = check < 0 ? -1 : waitFor(check);
+  if (agent > 0) {
+    ::kill(agent, SIGTERM);
+    waitFor(agent);
+  }
+  return status == 0;
+}
+
+}  // namespace nightjar::ctl

@@ -41,7 +41,7 @@ void walk(const plist::Value& record, const std::string& path, std::vector<std::
   for (const auto& [key, value] : *members) {
     const bool itself = key == "Element" || key == "General" || key == "_Memory";
     // The request wraps an event's record in "event": the fields are the event's.
-    const bool wrapper = path.empty() && (key == "event" || key == "Parameter");
+    const bool wrapper = path.empty() && key == "event" && value.isDictionary();
     walk(value, itself || wrapper ? path : (path.empty() ? key : path + "." + key), lines);
   }
 }

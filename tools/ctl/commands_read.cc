@@ -72,9 +72,18 @@ int showPending(Session& session, bool json) {
     pending = plist::Value::array({});
   if (json)
     return printJson(pending);
+  // A pending entry is the scheduler's working copy: the event as held says
+  // what it is, the entry when it is due.
+  const plist::Value events = fetchEvents(session);
   std::vector<EventWords> rows;
-  for (const plist::Value& event : *pending.asArray())
+  for (const plist::Value& entry : *pending.asArray()) {
+    plist::Value event = entry;
+    if (const plist::Array* held = events.asArray())
+      for (const plist::Value& candidate : *held)
+        if (candidate.get("uniqueid") == entry.get("uniqueid"))
+          event = candidate;
     rows.push_back(describeEvent(event, pending, std::time(nullptr)));
+  }
   std::cout << formatTable(rows);
   return kExitOk;
 }

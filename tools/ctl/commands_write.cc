@@ -114,7 +114,7 @@ int rawRequest(Session& session, const std::string& request,
   if (!reply)
     return kExitRefused;
   std::cout << plist::writeXml(reply);
-  return reply.get("status") == plist::Value::integer(200) ? kExitOk : kExitRefused;
+  return done(session.report(request, reply));
 }
 
 }  // namespace nightjar::ctl

@@ -244,3 +244,14 @@ def test_a_user_without_the_right_is_refused_with_a_sentence(ctl, polkitd, tmp_p
                              "quillon.nightjar.scheduler.set (run as root, or authenticate "
                              "through polkit)\n")
     assert ctl.daemon.wait_for_line("Authorization refused: quillon.nightjar.scheduler.set")
+
+
+def test_status_warns_when_the_rtc_holds_another_alarm(ctl, root):
+    add(ctl, "--at", "+2h", "--action", "poweron")
+    status, out, _ = ctl("status")
+    assert status == 0 and "warning" not in out and "earliest wake:  none" not in out
+    (root / "sys/class/rtc/rtc0/wakealarm").write_text("0\n")
+    out = ctl("status")[1]
+    assert "RTC wake alarm: none\n" in out
+    assert "warning: the RTC wake alarm (none) differs from the earliest wake entry" in out
+    assert json.loads(ctl("status", "--json")[1])["wakematches"] is False

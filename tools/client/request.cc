@@ -31,8 +31,9 @@ plist::Value ownAuthorization() {
 
 plist::Value makeRequest(std::string_view name, const plist::Value& authorization,
                          const plist::Value& parameter) {
-  plist::Dictionary entries{{"Request", plist::Value::string(std::string(name))},
-                            {"Authorization", authorization}};
+  plist::Dictionary entries{{"Request", plist::Value::string(std::string(name))}};
+  if (authorization)
+    entries.emplace("Authorization", authorization);
   if (parameter)
     entries.emplace("Parameter", parameter);
   return plist::Value::dictionary(std::move(entries));

@@ -299,15 +299,12 @@ std::optional<long long> nextDaily(long secondsFromMidnight, const std::vector<s
     bool chosen = false;
     for (const std::string& day : days)
       chosen = chosen || day == name;
-    std::string gap;
-    const std::optional<long long> midnight =
-        chosen ? localInstant(date.tm_year + 1900, date.tm_mon + 1, date.tm_mday, 0, 0, gap)
-               : std::nullopt;
-    if (!midnight)
+    if (!chosen)
       continue;
-    const long hour = secondsFromMidnight / 3600;
+    std::string gap;  // a time in a skipped hour: shown on the next day that has it
     const std::optional<long long> due =
-        localInstant(date.tm_year + 1900, date.tm_mon + 1, date.tm_mday, static_cast<int>(hour),
+        localInstant(date.tm_year + 1900, date.tm_mon + 1, date.tm_mday,
+                     static_cast<int>(secondsFromMidnight / 3600),
                      static_cast<int>(secondsFromMidnight / 60 % 60), gap);
     if (due && *due + secondsFromMidnight % 60 > now)
       return *due + secondsFromMidnight % 60;

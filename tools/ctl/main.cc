@@ -106,6 +106,8 @@ int main(int argc, char** argv) {
   bool noAskPassword = false;
   app.add_flag("--no-ask-password", noAskPassword, "never ask for a password");
   app.require_subcommand(1);
+  // Like systemctl's, the global option may follow the subcommand.
+  app.fallthrough();
   declare(app, arguments, run);
   try {
     app.parse(argc, argv);

@@ -3,6 +3,7 @@ apply, watch, and the sentences of bad input and of refusals."""
 
 import json
 import os
+import shlex
 import socket
 import subprocess
 import time
@@ -25,11 +26,14 @@ def ctl(root, system_bus, start_daemon):
     daemon = start_daemon()
     assert daemon.wait_running()
 
-    def run(*args, user=None, stdin=None):
+    def run(*args, user=None, tty=False):
         env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ=ZONE,
                    DBUS_SYSTEM_BUS_ADDRESS=system_bus.address)
-        done = subprocess.run([str(CTL), *args], env=env, capture_output=True, text=True,
-                              timeout=20, user=user, input=stdin)
+        command = [str(CTL), *args]
+        if tty:  # on a terminal of its own, as a person types it
+            command = ["script", "-qec", shlex.join(command), "/dev/null"]
+        done = subprocess.run(command, env=env, capture_output=True, text=True, timeout=20,
+                              user=user)
         return done.returncode, done.stdout, done.stderr
 
     run.daemon = daemon
@@ -226,6 +230,14 @@ def test_watch_sees_the_warning_before_an_event_is_performed(ctl, root, system_b
         watch.wait(timeout=10)
 
 
+def interactive_checks(polkitd):
+    """The rights polkit was asked for with user interaction (flag 1)."""
+    calls = polkitd.object("/org/freedesktop/PolicyKit1/Authority").GetCalls(
+        dbus_interface="org.freedesktop.DBus.Mock")
+    return [str(args[1]) for _, method, args in calls
+            if method == "CheckAuthorization" and int(args[3]) == 1]
+
+
 def test_a_user_without_the_right_is_refused_with_a_sentence(ctl, polkitd, tmp_path):
     # The client runs as nobody: it must reach the socket under the test's root.
     folder = Path(tmp_path)
@@ -238,12 +250,18 @@ def test_a_user_without_the_right_is_refused_with_a_sentence(ctl, polkitd, tmp_p
         dbus_interface="org.freedesktop.DBus.Mock")
     status, out, err = ctl("list", user=NOBODY)
     assert (status, out.split()[:1]) == (0, ["NAME"]), err
-    status, _, err = ctl("--no-ask-password", "add", "--idle", "30m", "--action", "sleep",
-                         user=NOBODY)
-    assert (status, err) == (1, "nightjarctl: permission denied: you do not hold the right "
-                             "quillon.nightjar.scheduler.set (run as root, or authenticate "
-                             "through polkit)\n")
+    refusal = ("nightjarctl: permission denied: you do not hold the right "
+               "quillon.nightjar.scheduler.set (run as root, or authenticate through polkit)")
+    add_idle = ("add", "--idle", "30m", "--action", "sleep")
+    assert ctl("--no-ask-password", *add_idle, user=NOBODY) == (1, "", refusal + "\n")
     assert ctl.daemon.wait_for_line("Authorization refused: quillon.nightjar.scheduler.set")
+    assert ctl(*add_idle, "--no-ask-password", user=NOBODY, tty=True)[0] == 1
+    assert interactive_checks(polkitd) == []
+
+    # On a terminal the right is asked for with interaction first, then refused all the same.
+    status, out, _ = ctl(*add_idle, user=NOBODY, tty=True)
+    assert status == 1 and refusal in out
+    assert interactive_checks(polkitd) == ["quillon.nightjar.scheduler.set"]
 
 
 def test_status_warns_when_the_rtc_holds_another_alarm(ctl, root):

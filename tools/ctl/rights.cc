@@ -18,15 +18,21 @@ namespace {
 // How long the agent may take to register before pkcheck runs without it.
 constexpr int kAgentStartMs = 5000;
 
-pid_t spawn(std::vector<std::string> arguments) {
+// Starts a program; `quiet` sends its standard output (pkcheck's verdict,
+// which the daemon's answer repeats as a sentence) to /dev/null.
+pid_t spawn(std::vector<std::string> arguments, bool quiet = false) {
   std::vector<char*> argv;
   for (std::string& argument : arguments)
     argv.push_back(argument.data());
   argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (quiet)
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   pid_t pid = -1;
-  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-    return -1;
-  return pid;
+  const int failed = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  return failed != 0 ? -1 : pid;
 }
 
 int waitFor(pid_t pid) {

@@ -24,10 +24,10 @@
 #include <vector>
 
 #include "api/dispatcher.h"
-#include "api/framing.h"
 #include "api/socket_server.h"
 #include "core/descriptors.h"
 #include "runloop/run_loop.h"
+#include "wire/framing.h"
 
 namespace nightjar::api {
 namespace {

@@ -1,1 +1,1 @@
-nightjar_fuzzer(framing_fuzz SOURCES ${CMAKE_CURRENT_LIST_DIR}/framing_fuzz.cc LIBS nightjar_framing)
+nightjar_fuzzer(framing_fuzz SOURCES ${CMAKE_CURRENT_LIST_DIR}/framing_fuzz.cc LIBS nightjar_wire)

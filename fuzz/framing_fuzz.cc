@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "api/framing.h"
-#include "api/framing_buffer.h"
+#include "wire/framing.h"
+#include "wire/framing_buffer.h"
 
 namespace {
 

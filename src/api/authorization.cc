@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "api/authorization_form.h"
 #include "logging/logging.h"
+#include "wire/authorization_form.h"
 
 namespace nightjar::api {
 

@@ -12,8 +12,8 @@
 #include <string>
 #include <string_view>
 
-#include "api/authorization_form.h"
 #include "plist/value.h"
+#include "wire/authorization_form.h"
 
 namespace nightjar::api {
 

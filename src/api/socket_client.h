@@ -9,11 +9,11 @@
 #include <functional>
 #include <memory>
 
-#include "api/framing.h"
-#include "api/framing_buffer.h"
 #include "api/socket_request.h"
 #include "platform/peer_credentials.h"
 #include "runloop/run_loop.h"
+#include "wire/framing.h"
+#include "wire/framing_buffer.h"
 
 namespace nightjar::api {
 

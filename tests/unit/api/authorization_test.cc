@@ -4,10 +4,10 @@
 
 #include <optional>
 
-#include "api/authorization_testing.h"
 #include "fakes/fake_authority.h"
 #include "fakes/fake_policy_database.h"
 #include "fakes/recording_log_sink.h"
+#include "wire/authorization_testing.h"
 
 namespace nightjar::api {
 namespace {

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "api/authorization.h"
-#include "api/authorization_testing.h"
 #include "api/dispatcher_testing.h"
 #include "fakes/fake_policy_database.h"
+#include "wire/authorization_testing.h"
 
 namespace nightjar::api::testing {
 namespace {

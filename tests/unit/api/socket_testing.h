@@ -17,10 +17,10 @@
 #include <string>
 #include <vector>
 
-#include "api/framing.h"
 #include "api/socket_server.h"
 #include "platform/temporary_root.h"
 #include "runloop/run_loop.h"
+#include "wire/framing.h"
 
 namespace nightjar::api::testing {
 

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <string>
 
-#include "api/authorization_form.h"
 #include "platform/temporary_root.h"
+#include "wire/authorization_form.h"
 
 namespace nightjar::testing {
 

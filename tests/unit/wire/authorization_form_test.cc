@@ -1,9 +1,9 @@
-#include "api/authorization_form.h"
+#include "wire/authorization_form.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "api/authorization_testing.h"
+#include "wire/authorization_testing.h"
 
 namespace nightjar::api {
 namespace {

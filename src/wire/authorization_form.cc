@@ -1,4 +1,4 @@
-#include "api/authorization_form.h"
+#include "wire/authorization_form.h"
 
 #include <fcntl.h>
 #include <unistd.h>

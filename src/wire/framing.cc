@@ -1,4 +1,4 @@
-#include "api/framing.h"
+#include "wire/framing.h"
 
 #include <limits>
 

@@ -1,4 +1,4 @@
-#include "api/framing.h"
+#include "wire/framing.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "api/framing_buffer.h"
 #include "plist/xml.h"
+#include "wire/framing_buffer.h"
 
 namespace nightjar::api::framing {
 namespace {

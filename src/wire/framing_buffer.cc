@@ -1,4 +1,4 @@
-#include "api/framing_buffer.h"
+#include "wire/framing_buffer.h"
 
 #include <algorithm>
 

@@ -1,0 +1,275 @@
+"""nightjarctl against the real daemon: every subcommand, human dates, export and
+apply, watch, and the sentences of bad input and of refusals."""
+
+import json
+import os
+import shlex
+import socket
+import subprocess
+import time
+from datetime import datetime, timedelta
+from pathlib import Path
+from zoneinfo import ZoneInfo
+
+import pytest
+
+from nightjar_harness import BUILD_DIR
+
+CTL = BUILD_DIR / "tools" / "nightjarctl"
+ZONE = "Europe/Berlin"
+NOBODY = 65534
+
+
+@pytest.fixture
+def ctl(root, system_bus, start_daemon):
+    """Runs nightjarctl against a running daemon; answers (exit status, stdout, stderr)."""
+    daemon = start_daemon()
+    assert daemon.wait_running()
+
+    def run(*args, user=None, tty=False):
+        env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ=ZONE,
+                   DBUS_SYSTEM_BUS_ADDRESS=system_bus.address)
+        command = [str(CTL), *args]
+        if tty:  # on a terminal of its own, as a person types it
+            command = ["script", "-qec", shlex.join(command), "/dev/null"]
+        done = subprocess.run(command, env=env, capture_output=True, text=True, timeout=20,
+                              user=user)
+        return done.returncode, done.stdout, done.stderr
+
+    run.daemon = daemon
+    return run
+
+
+def api_lines(daemon):
+    return [line for line in daemon.messages() if line.startswith("API:")]
+
+
+def add(ctl, *args):
+    status, out, err = ctl("add", *args)
+    assert status == 0, err
+    return out.strip()
+
+
+# (arguments, exit status, text in stdout, text in stderr); "{id}" is the event added first.
+SUBCOMMANDS = [
+    (["version"], 0, "nightjard v3.7.3", ""),
+    (["list"], 0, "Nightly  daily 22:30  shutdown", ""),
+    (["show", "{id}"], 0, "action:  shutdown", ""),
+    (["set", "{id}", "--daily", "21:00", "--days", "weekends", "--name", "Weekend"], 0, "", ""),
+    (["show", "{id}", "--json"], 0, '"saturday"', ""),
+    (["list", "--json"], 0, '"secondsfrommidnight": 75600', ""),
+    (["status"], 0, "scheduler:      on\nevents:         1\n", ""),
+    (["status", "--json"], 0, '"version": "nightjard v3.7.3"', ""),
+    (["pending"], 0, "Weekend", ""),
+    (["pending", "--json"], 0, '"metadatatriggerdate"', ""),
+    (["disable"], 0, "", ""),
+    (["status"], 0, "scheduler:      off", ""),
+    (["enable"], 0, "", ""),
+    (["notify-period", "2h"], 0, "", ""),
+    (["notify-period"], 0, "2h", ""),
+    (["delay", "{id}", "10m"], 0, "", ""),
+    (["cancel", "{id}"], 0, "", ""),
+    (["reset", "{id}"], 0, "", ""),
+    (["raw", "build.version"], 0, "<string>nightjard v3.7.3</string>", ""),
+    (["export"], 0, '"name": "Weekend"', ""),
+    (["remove", "{id}"], 0, "", ""),
+    (["list"], 0, "NAME", ""),
+    (["remove", "{id}"], 1, "", "no event has the identifier {id}"),
+]
+
+
+def test_every_subcommand(ctl):
+    event = add(ctl, "--daily", "22:30", "--days", "mon-fri", "--action", "shutdown",
+                "--name", "Nightly")
+    for args, status, out, err in SUBCOMMANDS:
+        result = ctl(*[arg.format(id=event) for arg in args])
+        assert result[0] == status, (args, result)
+        assert out.format(id=event) in result[1], (args, result)
+        assert err.format(id=event) in result[2], (args, result)
+    assert "Weekend" not in ctl("list")[1]
+
+
+def utc(local):
+    return local.replace(tzinfo=ZoneInfo(ZONE)).astimezone(ZoneInfo("UTC")).strftime(
+        "%Y-%m-%dT%H:%M:%SZ")
+
+
+def test_human_dates_under_a_fixed_zone(ctl):
+    tomorrow = (datetime.now(ZoneInfo(ZONE)) + timedelta(days=1)).replace(
+        hour=7, minute=0, second=0, microsecond=0, tzinfo=None)
+    cases = [
+        ("2027-07-01 07:00", "2027-07-01T05:00:00Z"),
+        # Repeated by the autumn change: the earlier instant, still summer time.
+        ("2027-10-31 02:30", "2027-10-31T00:30:00Z"),
+        ("tomorrow 07:00", utc(tomorrow)),
+    ]
+    for text, expected in cases:
+        event = add(ctl, "--at", text, "--action", "poweron")
+        shown = json.loads(ctl("show", event, "--json")[1])
+        assert shown["trigger"] == {"type": "once", "date": expected}, text
+        assert shown["action"]["type"] == "start up or wake"
+    assert "2027-07-01 07:00  enabled" in ctl("list")[1]
+
+    before = time.time()
+    event = add(ctl, "--at", "+2h", "--action", "wake")
+    date = json.loads(ctl("show", event, "--json")[1])["trigger"]["date"]
+    seconds = datetime.strptime(date, "%Y-%m-%dT%H:%M:%SZ").replace(
+        tzinfo=ZoneInfo("UTC")).timestamp()
+    assert before + 7200 - 1 <= seconds <= time.time() + 7200
+
+
+# Refused before anything is sent: exit status 2 and a sentence.
+BAD_INPUT = [
+    (["add", "--daily", "22:30", "--days", "mon-fry", "--action", "shutdown"],
+     '"mon-fry" is not a day'),
+    (["add", "--at", "2020-01-01 10:00", "--action", "shutdown"], "is in the past"),
+    (["add", "--at", "2027-03-28 02:30", "--action", "shutdown"],
+     "2027-03-28 02:30 does not exist in local time: the clocks skip from 02:00 to 03:00"),
+    (["add", "--at", "next week", "--action", "shutdown"], '"next week" is not a date'),
+    (["add", "--idle", "10x", "--action", "sleep"], '"10x" is not a duration'),
+    (["add", "--idle", "30m", "--action", "fly"], '"fly" is not an action'),
+    (["set", "X", "--action", "fly"], '"fly" is not an action'),
+    (["delay", "X", "10q"], '"10q" is not a duration'),
+    (["notify-period", "soon"], '"soon" is not a duration'),
+    (["raw", "scheduler.set", "<nope"], "not an XML property list"),
+    (["add"], "add needs --action"),
+    (["frobnicate"], ""),
+]
+
+# Refused by the daemon: exit status 1, the reply as sentences.
+REFUSALS = [
+    (["add", "--idle", "25h", "--action", "sleep"],
+     "trigger.secondsofinactivity: above maximum of 86400"),
+    (["raw", "scheduler.set", "<integer>5</integer>"], "event: must be a dictionary"),
+    (["raw", "scheduler.set"], '"scheduler.set" needs a parameter'),
+    (["raw", "build.version", "<string>x</string>"], "only reads and takes no parameter"),
+    (["raw", "scheduler.bogus"],
+     "permission denied: you do not hold the right quillon.nightjar.scheduler.bogus"),
+    (["raw", "notifications.delay", "<dict><key>seconds</key><real>1.5</real></dict>"],
+     "seconds: conversion to integer lost resolution"),
+]
+
+
+def test_bad_input_sends_nothing_and_refusals_are_sentences(ctl):
+    sent = len(api_lines(ctl.daemon))
+    for args, message in BAD_INPUT:
+        status, _, err = ctl(*args)
+        assert status == 2 and message in err, (args, err)
+    assert len(api_lines(ctl.daemon)) == sent
+    for args, message in REFUSALS:
+        status, _, err = ctl(*args)
+        assert status == 1 and message in err, (args, err)
+
+
+def test_a_daemon_that_is_not_running(root, tmp_path):
+    env = dict(os.environ, NIGHTJAR_ROOT=str(root))
+    path = root / "var/tmp/quillon.nightjar/api"
+    done = subprocess.run([str(CTL), "list"], env=env, capture_output=True, text=True)
+    assert (done.returncode, done.stderr) == (
+        1, f"nightjarctl: nightjard is not running (no socket at {path})\n")
+    path.parent.mkdir()
+    stale = socket.socket(socket.AF_UNIX)
+    stale.bind(str(path))
+    stale.close()
+    done = subprocess.run([str(CTL), "list"], env=env, capture_output=True, text=True)
+    assert done.returncode == 1 and f"stale socket at {path}" in done.stderr
+
+
+def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, broadcasts, tmp_path):
+    kept = add(ctl, "--daily", "06:00", "--days", "all", "--action", "poweron", "--name", "Up")
+    gone = add(ctl, "--idle", "30m", "--action", "sleep", "--name", "Idle")
+    exported = tmp_path / "events.json"
+    exported.write_text(ctl("export")[1])
+    sets = len(api_lines(ctl.daemon))
+    assert ctl("apply", str(exported)) == (0, "", "")
+    assert ctl("apply", "--check", str(exported)) == (0, "", "")
+    assert len(api_lines(ctl.daemon)) == sets + 2  # the two listings only
+
+    events = json.loads(exported.read_text())
+    events = [event for event in events if event["uniqueid"] != gone]
+    events[0]["name"] = "Up early"
+    events.append({"uniqueid": "F1", "name": "Fleet", "enabled": False,
+                   "trigger": {"type": "once", "date": "2030-01-01T00:00:00Z"},
+                   "action": {"type": "restart"},
+                   "site": {"base64": "AAEC"}, "weight": 1.5, "count": 3})
+    wanted = tmp_path / "wanted.json"
+    wanted.write_text(json.dumps(events))
+    status, out, _ = ctl("apply", "--check", str(wanted))
+    assert status == 3 and "would remove Idle" in out
+    status, out, _ = ctl("apply", str(wanted))
+    assert (status, sorted(out.splitlines())) == (0, [
+        "add Fleet (F1)", f"change Up early ({kept})", f"remove Idle ({gone})"])
+    fleet = [e for e in json.loads(ctl("export")[1]) if e["uniqueid"] == "F1"][0]
+    assert fleet["site"] == {"base64": "AAEC"} and fleet["weight"] == 1.5
+    assert fleet["count"] == 3 and isinstance(fleet["count"], int)
+
+    # The second apply changes nothing: no "scheduler.events" comes between two marks.
+    assert ctl("disable")[0] == 0
+    assert broadcasts.wait_for("scheduler.enabled")
+    seen = len(broadcasts.names())
+    assert ctl("apply", str(wanted)) == (0, "", "")
+    assert ctl("enable")[0] == 0
+    assert broadcasts.wait_for("scheduler.enabled", count=2)
+    assert "scheduler.events" not in broadcasts.names()[seen:]
+
+
+def test_watch_sees_the_warning_before_an_event_is_performed(ctl, root, system_bus):
+    env = dict(os.environ, NIGHTJAR_ROOT=str(root), DBUS_SYSTEM_BUS_ADDRESS=system_bus.address)
+    watch = subprocess.Popen([str(CTL), "watch"], env=env, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True)
+    try:
+        assert "Watching" in watch.stderr.readline()
+        add(ctl, "--at", "+2s", "--action", "shutdown", "--name", "Soon")
+        lines = []
+        while not any("event.willperform" in line for line in lines):
+            lines.append(watch.stdout.readline())
+            assert lines[-1], lines
+        assert "event.willperform  Soon (" in lines[-1]
+    finally:
+        watch.terminate()
+        watch.wait(timeout=10)
+
+
+def interactive_checks(polkitd):
+    """The rights polkit was asked for with user interaction (flag 1)."""
+    calls = polkitd.object("/org/freedesktop/PolicyKit1/Authority").GetCalls(
+        dbus_interface="org.freedesktop.DBus.Mock")
+    return [str(args[1]) for _, method, args in calls
+            if method == "CheckAuthorization" and int(args[3]) == 1]
+
+
+def test_a_user_without_the_right_is_refused_with_a_sentence(ctl, polkitd, tmp_path):
+    # The client runs as nobody: it must reach the socket under the test's root.
+    folder = Path(tmp_path)
+    while folder != Path("/tmp"):
+        os.chmod(folder, os.stat(folder).st_mode | 0o011)
+        folder = folder.parent
+    # polkit grants the read rights to anyone, as the installed policy says.
+    polkitd.object("/org/freedesktop/PolicyKit1/Authority").SetAllowed(
+        ["quillon.nightjar.scheduler.events", "quillon.nightjar.notifications.pending"],
+        dbus_interface="org.freedesktop.DBus.Mock")
+    status, out, err = ctl("list", user=NOBODY)
+    assert (status, out.split()[:1]) == (0, ["NAME"]), err
+    refusal = ("nightjarctl: permission denied: you do not hold the right "
+               "quillon.nightjar.scheduler.set (run as root, or authenticate through polkit)")
+    add_idle = ("add", "--idle", "30m", "--action", "sleep")
+    assert ctl("--no-ask-password", *add_idle, user=NOBODY) == (1, "", refusal + "\n")
+    assert ctl.daemon.wait_for_line("Authorization refused: quillon.nightjar.scheduler.set")
+    assert ctl(*add_idle, "--no-ask-password", user=NOBODY, tty=True)[0] == 1
+    assert interactive_checks(polkitd) == []
+
+    # On a terminal the right is asked for with interaction first, then refused all the same.
+    status, out, _ = ctl(*add_idle, user=NOBODY, tty=True)
+    assert status == 1 and refusal in out
+    assert interactive_checks(polkitd) == ["quillon.nightjar.scheduler.set"]
+
+
+def test_status_warns_when_the_rtc_holds_another_alarm(ctl, root):
+    add(ctl, "--at", "+2h", "--action", "poweron")
+    status, out, _ = ctl("status")
+    assert status == 0 and "warning" not in out and "earliest wake:  none" not in out
+    (root / "sys/class/rtc/rtc0/wakealarm").write_text("0\n")
+    out = ctl("status")[1]
+    assert "RTC wake alarm: none\n" in out
+    assert "warning: the RTC wake alarm (none) differs from the earliest wake entry" in out
+    assert json.loads(ctl("status", "--json")[1])["wakematches"] is False

@@ -290,6 +290,48 @@ TEST_F(DateTimeControllerTest, CancelDropsAOnceEventAndSkipsADailyOccurrence) {
   EXPECT_EQ(timer().nextFireDate(), kTen + 2 * kDay);
 }
 
+// Delay and cancel store the warning's copy: the event performed afterwards
+// still says when it was due and when it was warned.
+TEST_F(DateTimeControllerTest, DelayAndCancelStoreTheWarnedCopy) {
+  using Act = void (*)(nc::NotificationController*, const Value&);
+  const struct {
+    Value event;
+    Act act;
+    AbsoluteTime due;
+  } cases[] = {
+      {onceEvent("delayed", kTen),
+       [](nc::NotificationController* c, const Value& id) {
+         nc::notificationControllerDelay(c, id, 600);
+       },
+       kTen + 600},
+      {dailyEvent("cancelled", hms(10, 0)), nc::notificationControllerCancel, kTen + kDay},
+  };
+  for (const auto& c : cases) {
+    const Value id = model::eventUniqueID(c.event);
+    SCOPED_TRACE(*id.asString());
+    clock_.set(kStart);
+    add(c.event);
+    clock_.set(kTen - 600);
+    warnings_.timer(0)->fire();
+    c.act(nc::notificationControllerGet(), id);
+    const Value stored = queued(*id.asString());
+    EXPECT_EQ(stored.get(nc::kTriggerDateKey), Value::date(kTen));
+    EXPECT_EQ(stored.get(nc::kNotifiedKey), Value::date(kTen - 600));
+    EXPECT_EQ(triggerDate(*id.asString()), c.due);
+
+    broadcasts_.broadcasts.clear();
+    fireAt(c.due + 1);
+    endPause();
+    ASSERT_EQ(broadcasts_.names(),
+              (std::vector<std::string>{"event.willperform", "event.didperform"}));
+    for (const auto& broadcast : broadcasts_.broadcasts) {
+      EXPECT_EQ(broadcast.userInfo.get(nc::kTriggerDateKey), Value::date(kTen));
+      EXPECT_EQ(broadcast.userInfo.get(nc::kNotifiedKey), Value::date(kTen - 600));
+    }
+    model::eventListRemove(model::eventListGet(), id);
+  }
+}
+
 TEST_F(DateTimeControllerTest, WakeReschedulesPassedEventsWithoutPerforming) {
   add(dailyEvent("daily", hms(10, 0)));
   add(onceEvent("once", kTen + 60));

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -159,6 +160,30 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
   model::eventListRemove(model::eventListGet(), S("daily"));
   EXPECT_TRUE(entries().empty());
   EXPECT_TRUE(timer().parked());
+}
+
+// Each arming of the timer makes the first event's wake entry again, so an
+// entry that was lost (a failed write, a crash) comes back.
+TEST_F(DateTimeControllerTest, ArmingMakesTheFirstEventsEntriesAgain) {
+  add(onceEvent("first", kTen, "wake"));
+  add(onceEvent("later", kTen + 7200, "wake"));
+  const std::pair<const char*, std::function<void()>> armings[] = {
+      {"queue change", [this] { add(onceEvent("other", kTen + 3600)); }},
+      {"wake",
+       [] {
+         runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+       }},
+      {"restore",
+       [this] { queueControllerReplaceAll(controller_, queueControllerCopyEvents(controller_)); }},
+  };
+  for (const auto& [name, arm] : armings) {
+    SCOPED_TRACE(name);
+    power_.cancel(kTen, entry(kTen, "first"), platform::kWakeEntry);
+    power_.cancel(kTen + 7200, entry(kTen + 7200, "later"), platform::kWakeEntry);
+    ASSERT_TRUE(entries().empty());
+    arm();
+    EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen, "first")});
+  }
 }
 
 TEST_F(DateTimeControllerTest, OnceInThePastIsDroppedButStaysListed) {

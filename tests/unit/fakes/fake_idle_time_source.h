@@ -3,6 +3,7 @@
 // it; until then the source keeps what it learnt at the last answer.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 
@@ -13,17 +14,12 @@ namespace nightjar::fakes {
 
 class FakeIdleTimeSource final : public platform::IdleTimeSource {
  public:
-  // The user touched the machine at the clock's current time, and the source
-  // knows it.
+  // The user touched the machine now, and the source knows it.
   explicit FakeIdleTimeSource(const runloop::Clock& clock)
       : clock_(clock), lastInput_(clock.now()), known_(lastInput_) {}
 
-  double idleTime() override {
-    const double idle = clock_.now() - known_;
-    return idle > 0 ? idle : 0;
-  }
+  double idleTime() override { return std::max(clock_.now() - known_, 0.0); }
   bool refresh() override {
-    ++requests_;
     outstanding_ = true;
     return true;
   }
@@ -47,7 +43,6 @@ class FakeIdleTimeSource final : public platform::IdleTimeSource {
 
   // Records.
   bool outstanding() const { return outstanding_; }
-  int requests() const { return requests_; }
   bool listening() const { return static_cast<bool>(listener_); }
 
  private:
@@ -55,7 +50,6 @@ class FakeIdleTimeSource final : public platform::IdleTimeSource {
   runloop::AbsoluteTime lastInput_;
   runloop::AbsoluteTime known_;
   bool outstanding_ = false;
-  int requests_ = 0;
   Listener listener_;
 };
 

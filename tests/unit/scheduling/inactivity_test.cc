@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -62,12 +63,8 @@ class InactivityTest : public ::testing::Test {
   std::vector<std::string> performed() const {
     std::vector<std::string> names;
     for (const auto& [priority, line] : log_.lines) {
-      if (priority != LOG_NOTICE || !line.starts_with("Performing: "))
-        continue;
-      std::string name = line.substr(12);
-      if (name.size() >= 2 && name.front() == '"' && name.back() == '"')
-        name = name.substr(1, name.size() - 2);
-      names.push_back(name);
+      if (priority == LOG_NOTICE && line.starts_with("Performing: \""))
+        names.push_back(line.substr(13, line.size() - 14));
     }
     return names;
   }
@@ -120,9 +117,8 @@ TEST_F(InactivityTest, OnlyTheShortestPeriodIsTimedAndPerformed) {
 
 TEST_F(InactivityTest, IdleAlreadyPastThePeriodSetsTheTimerInThePast) {
   clock_.advance(1000);  // nobody has touched the machine since kStart
-  queueControllerStore(controller_, inactiveEvent("a", 600));
+  queueControllerReplaceAll(controller_, Value::array({inactiveEvent("a", 600)}));  // a restore
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() - 399);
-  EXPECT_TRUE(timer().due(clock_.now()));
   fireAndAnswer();
   EXPECT_EQ(performed(), std::vector<std::string>{"a"});
 }
@@ -166,7 +162,6 @@ TEST_F(InactivityTest, AFiringWaitsForAFreshIdleTime) {
   timer().fire();
   EXPECT_TRUE(idle_.outstanding());
   EXPECT_TRUE(performed().empty());
-  EXPECT_FALSE(timer().due(clock_.now()));
   clock_.advance(0.2);
   idle_.answer();
   EXPECT_TRUE(performed().empty());
@@ -184,16 +179,13 @@ TEST_F(InactivityTest, AFiringWaitsForAFreshIdleTime) {
 // A period below 1 s repeats once a second, not on every loop pass.
 TEST_F(InactivityTest, APeriodBelowOneSecondRepeatsOnceASecond) {
   for (const std::int64_t period : {0, -5}) {
-    SCOPED_TRACE(period);
-    queueControllerStore(controller_, inactiveEvent("a", period));
+    queueControllerStore(controller_, inactiveEvent(std::to_string(period), period));
     clock_.set(std::max(timer().nextFireDate(), clock_.now()));
     fireAndAnswer();
-    EXPECT_EQ(performed().size(), 1u);
     EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 1);
     endPause();
-    queueControllerRemove(controller_, Value::string("a"));
-    log_.lines.clear();
   }
+  EXPECT_EQ(performed(), (std::vector<std::string>{"0", "-5"}));
 }
 
 TEST_F(InactivityTest, WakeSetsTheTimerAFullPeriodAhead) {
@@ -239,12 +231,6 @@ TEST_F(InactivityTest, ACompletionOrAnAnswerAfterDestructionIsHarmless) {
   EXPECT_TRUE(idle_.answer());
   pauses_.last()->fire();
   EXPECT_FALSE(eventActionBusy());
-}
-
-TEST_F(InactivityTest, RestoringTheQueueArmsFromTheIdleTime) {
-  clock_.advance(100);
-  queueControllerReplaceAll(controller_, Value::array({inactiveEvent("a", 600)}));
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 501);
 }
 
 }  // namespace

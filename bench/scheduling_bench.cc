@@ -11,8 +11,11 @@
 
 #include "model/event.h"
 #include "model/event_list.h"
+#include "notifications/notification_controller.h"
 #include "platform/linux/file_power_manager.h"
 #include "runloop/clock.h"
+#include "runloop/run_loop.h"
+#include "scheduling/date_time_queue_controller.h"
 #include "scheduling/event_scheduler.h"
 #include "scheduling/power_events.h"
 #include "scheduling/queue_controller.h"
@@ -97,6 +100,32 @@ void eventSchedulerResync(benchmark::State& state) {
   std::filesystem::remove_all(root);
 }
 BENCHMARK(eventSchedulerResync)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+// A resync through the real date-time controller with its warnings: each of
+// the events is taken out and queued again, and each change of the pending
+// list is announced.
+void dateTimeResyncWithWarnings(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  auto loop = nightjar::runloop::RunLoop::create();
+  const nightjar::runloop::Clock& clock = nightjar::runloop::systemClock();
+  nightjar::notifications::notificationControllerCreate(clock, loop->timerFactory(), {});
+  model::eventListSetUp();
+  scheduling::queueControllerListSetUp();
+  scheduling::QueueControllerList* controllers = scheduling::queueControllerListGet();
+  scheduling::queueControllerListAppend(
+      controllers, scheduling::dateTimeQueueControllerCreate(clock, loop->timerFactory(), {}));
+  scheduling::eventSchedulerSetUp(model::eventListGet(), controllers);
+  const double start = clock.now() + 86400;
+  for (int i = 0; i < count; ++i)
+    model::eventListStore(model::eventListGet(), wakeEvent(i, start + 60.0 * ((i * 7919) % count)));
+  for (auto _ : state)
+    scheduling::eventSchedulerResync(scheduling::eventSchedulerGet());
+  scheduling::eventSchedulerTearDown();
+  model::eventListTearDown();
+  scheduling::queueControllerListTearDown();
+  nightjar::notifications::notificationControllerDestroy();
+}
+BENCHMARK(dateTimeResyncWithWarnings)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 // The snapshot that every save of the state takes: each queue is checked for
 // text that XML cannot carry before it goes in.

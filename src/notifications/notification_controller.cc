@@ -97,10 +97,12 @@ void timerFired(NotificationController* controller) {
   }
 }
 
+// The post carries no list: its one reader, the relay, sends the name alone,
+// and building the sorted view on every change made a burst of n changes cost
+// n sorts. Whoever needs the list asks for the view.
 void pendingChanged(NotificationController* controller) {
   armTimer(controller);
-  runloop::localCenter().post(kPendingNotification, controller,
-                              parameterInfo(notificationControllerCopyPendingView(controller)));
+  runloop::localCenter().post(kPendingNotification, controller);
 }
 
 void observe(NotificationController* controller) {
@@ -166,15 +168,13 @@ void notificationControllerSetNotifyPeriod(NotificationController* controller, d
   if (controller == nullptr || !std::isfinite(seconds) || seconds == controller->notifyPeriod) {
     return;
   }
-  const double previous = controller->notifyPeriod;
   controller->notifyPeriod = adoptPeriod(persistence::preferencesSetAndReadBackNumber(
       persistence::kNotifyPeriodKey, seconds, persistence::kNotifyPeriodDefault));
-  // A forced value wins silently: nothing is announced. The timer still
-  // follows the period in force, so warnings keep their time.
-  if (controller->notifyPeriod != previous) {
-    armTimer(controller);
-  }
+  // A forced value wins silently: it is adopted, but the timer is left as it
+  // was (its next firing re-arms for the period in force) and nothing is
+  // announced.
   if (controller->notifyPeriod == seconds) {
+    armTimer(controller);
     runloop::localCenter().post(kNotifyPeriodNotification, controller);
   }
 }

@@ -2,7 +2,8 @@
 // pending list (every event the date-time controller has queued, tagged with
 // "metadatatriggerdate"), announces each event once, a notify period (900 s by
 // default) before that date, as "notifications.notify", and announces every
-// change of the list as "notifications.pending". Delay and cancel are carried
+// change of the list as "notifications.pending" (without the list, which is
+// asked for through the pending view). Delay and cancel are carried
 // out by handlers that the date-time controller registers here; reset by the
 // reschedule callback given at creation. Run-loop thread only.
 #pragma once

@@ -111,15 +111,10 @@ std::optional<std::vector<Regime>> regimesAround(WallSeconds wall) {
   return regimes;
 }
 
-struct Resolved {
-  UnixSeconds instant;
-  bool exact;  // the clock shows `wall` itself then (not past a gap)
-};
-
 // The first instant at which the local clock shows `wall` or a later reading:
 // walking the stretches in time order, either the clock jumps past `wall` at
 // the start of a stretch, or it reaches `wall` inside one.
-std::optional<Resolved> resolveWall(WallSeconds wall) {
+std::optional<UnixSeconds> resolveWall(WallSeconds wall) {
   const std::optional<std::vector<Regime>> regimes = regimesAround(wall);
   if (!regimes)
     return std::nullopt;
@@ -127,21 +122,20 @@ std::optional<Resolved> resolveWall(WallSeconds wall) {
     const Regime& r = (*regimes)[i];
     const UnixSeconds end = i + 1 < regimes->size() ? (*regimes)[i + 1].start : wall + kWindow + 1;
     if (wall < r.start + r.offset)
-      return Resolved{r.start, false};
+      return r.start;
     if (wall < end + r.offset)
-      return Resolved{wall - r.offset, true};
+      return wall - r.offset;
   }
   return std::nullopt;
 }
 
-std::optional<plist::AbsoluteTime> instantOf(WallSeconds wall, double fraction) {
+std::optional<plist::AbsoluteTime> instantOf(WallSeconds wall) {
   if (!inRange(static_cast<double>(wall)))
     return std::nullopt;
-  const std::optional<Resolved> resolved = resolveWall(wall);
+  const std::optional<UnixSeconds> resolved = resolveWall(wall);
   if (!resolved)
     return std::nullopt;
-  const double seconds = static_cast<double>(resolved->instant) + (resolved->exact ? fraction : 0);
-  return runloop::fromUnixSeconds(seconds);
+  return runloop::fromUnixSeconds(static_cast<double>(*resolved));
 }
 
 WallSeconds wallOf(LocalDay day, std::int64_t secondsFromMidnight) {
@@ -186,23 +180,7 @@ std::optional<plist::AbsoluteTime> calendarDateAt(LocalDay day, std::int64_t sec
   if (secondsFromMidnight > kMaxOffset || secondsFromMidnight < -kMaxOffset ||
       day.year < -1000000 || day.year > 1000000)
     return std::nullopt;
-  return instantOf(wallOf(day, secondsFromMidnight), 0);
-}
-
-std::optional<plist::AbsoluteTime> calendarTimeOfDay(plist::AbsoluteTime t,
-                                                     std::int64_t secondsFromMidnight) {
-  const std::optional<LocalDateTime> local = calendarSplit(t);
-  if (!local)
-    return std::nullopt;
-  return calendarDateAt(local->date, secondsFromMidnight);
-}
-
-std::optional<plist::AbsoluteTime> calendarAddDay(plist::AbsoluteTime t) {
-  const std::optional<LocalDateTime> local = calendarSplit(t);
-  if (!local)
-    return std::nullopt;
-  const std::int64_t timeOfDay = local->hour * 3600 + local->minute * 60 + local->second;
-  return instantOf(wallOf(calendarNextDay(local->date), timeOfDay), local->fraction);
+  return instantOf(wallOf(day, secondsFromMidnight));
 }
 
 }  // namespace nightjar::scheduling

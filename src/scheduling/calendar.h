@@ -61,11 +61,5 @@ LocalDay calendarNextDay(LocalDay day);
 // Any count is allowed: 86400 is midnight at the end of `day` (00:00 of the
 // next day), a negative count reaches into the days before.
 std::optional<plist::AbsoluteTime> calendarDateAt(LocalDay day, std::int64_t secondsFromMidnight);
-// As calendarDateAt on the local day `t` falls on.
-std::optional<plist::AbsoluteTime> calendarTimeOfDay(plist::AbsoluteTime t,
-                                                     std::int64_t secondsFromMidnight);
-// The same wall-clock time one calendar day later (the rule above applies on
-// the new day); fractions of a second are kept.
-std::optional<plist::AbsoluteTime> calendarAddDay(plist::AbsoluteTime t);
 
 }  // namespace nightjar::scheduling

@@ -81,32 +81,27 @@ std::weak_ordering byTriggerDate(const Value& a, const Value& b, void*) {
   return model::compareEventsByKey(a, b, kTriggerDateKey);
 }
 
-// The queued copy of the event the notification controller names: that copy
-// carries this controller's keys and none of the warning's own.
-Value queuedCopyOf(const DateTimeState& state, const Value& event) {
-  const Value uniqueId = model::eventUniqueID(event);
-  if (!uniqueId)
-    return {};
-  return model::eventQueueFind(queueControllerQueue(state.controller), uniqueId);
-}
+// The handlers work on the notification controller's copy of the event: it
+// carries this controller's keys and the warning's own ("metadatatriggerdate",
+// "metadatanotified"), which the stored copy keeps for the perform.
 
 // A cancelled "once" event leaves the queue (it stays in the event list); a
 // cancelled "daily" occurrence is skipped in favour of the next one.
 void cancelHandler(notifications::NotificationController*, const Value& event, void* context) {
   const DateTimeState* state = stateOf(context);
-  const Value queued = queuedCopyOf(*state, event);
-  const std::string* type = model::eventTriggerType(queued).asString();
-  if (type == nullptr)
+  const Value uniqueId = model::eventUniqueID(event);
+  const std::string* type = model::eventTriggerType(event).asString();
+  if (!uniqueId || type == nullptr)
     return;
   if (*type == "once") {
-    queueControllerRemove(state->controller, model::eventUniqueID(queued));
+    queueControllerRemove(state->controller, uniqueId);
   } else if (*type == "daily") {
-    const std::optional<AbsoluteTime> date = triggerDateOf(queued);
+    const std::optional<AbsoluteTime> date = triggerDateOf(event);
     if (!date)
       return;
     queueControllerStore(
         state->controller,
-        queued.with(kTriggerConstraintKey, Value::date(*date + kCancelConstraintOffset)));
+        event.with(kTriggerConstraintKey, Value::date(*date + kCancelConstraintOffset)));
   }
 }
 
@@ -115,12 +110,11 @@ void cancelHandler(notifications::NotificationController*, const Value& event, v
 void delayHandler(notifications::NotificationController*, const Value& event, double seconds,
                   void* context) {
   const DateTimeState* state = stateOf(context);
-  const Value queued = queuedCopyOf(*state, event);
-  const std::optional<AbsoluteTime> date = triggerDateOf(queued);
-  if (!date || !(seconds > 0) || !std::isfinite(seconds))
+  const std::optional<AbsoluteTime> date = triggerDateOf(event);
+  if (!model::eventUniqueID(event) || !date || !(seconds > 0) || !std::isfinite(seconds))
     return;
   queueControllerStore(state->controller,
-                       queued.with(kTriggerDelayKey, Value::date(*date + seconds)));
+                       event.with(kTriggerDelayKey, Value::date(*date + seconds)));
 }
 
 void* create(QueueController* controller) {

@@ -46,6 +46,7 @@ void finishOccurrence(DateTimeState& state, const Value& uniqueId) {
 // occurrence (and the timer stays quiet) until "event.didperform" is out.
 void perform(DateTimeState& state, const Value& event, AbsoluteTime date, AbsoluteTime now) {
   const Value uniqueId = model::eventUniqueID(event);
+  // Remembered for a day, so that a clock set back cannot perform it twice.
   remember(state, uniqueId, date, now);
   state.performing = uniqueId;
   std::weak_ptr<const bool> alive = state.alive;

@@ -72,9 +72,7 @@ std::optional<AbsoluteTime> dailyOccurrenceAfter(AbsoluteTime start,
     return std::nullopt;
   LocalDay day = local->date;
   for (int attempt = 0; attempt < kDailySearchDays; ++attempt, day = calendarNextDay(day)) {
-    // The time of day is placed on each day afresh rather than by adding a
-    // day to the last try, so that a try moved past a skipped hour does not
-    // carry that shift on to the days after.
+    // Placed afresh on each day: adding a day would carry a spring-forward shift on.
     const std::optional<AbsoluteTime> t = calendarDateAt(day, secondsFromMidnight);
     const std::optional<int> weekday = t ? calendarWeekday(*t) : std::nullopt;
     if (!weekday)

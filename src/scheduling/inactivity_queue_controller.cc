@@ -1,5 +1,6 @@
 #include "scheduling/inactivity_queue_controller.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -29,6 +30,8 @@ struct Inactivity {
   // completion, so that the same idle spell is not performed twice over.
   bool performing = false;
   bool firedWhilePerforming = false;
+  // The timer fired and waits for a fresh idle time to decide.
+  bool looking = false;
   // Lets a completion that arrives after destruction do nothing.
   std::shared_ptr<bool> alive = std::make_shared<bool>(true);
 };
@@ -63,13 +66,25 @@ std::weak_ordering compareByPeriod(const plist::Value& a, const plist::Value& b,
   return aSeconds ? std::weak_ordering::less : std::weak_ordering::greater;
 }
 
-std::uint32_t idleSeconds(const Inactivity& inactivity) {
-  return inactivity.idle != nullptr ? inactivity.idle->idleSeconds() : 0;
+double idleTime(const Inactivity& inactivity) {
+  return inactivity.idle != nullptr ? inactivity.idle->idleTime() : 0;
 }
 
-// Sets the timer to the moment the idle time would reach the first event's
-// period, `idle` seconds of it having passed already.
-void arm(QueueController* controller, Inactivity& inactivity, std::uint32_t idle) {
+// A period below 1 s repeats at most once a second: 0 or less would spin.
+double repeatInterval(std::int32_t period) {
+  return std::max(static_cast<double>(period), 1.0);
+}
+
+// Whether `idle` seconds exceed the period in whole seconds. A timer armed for
+// the very instant may find a hair less by rounding; a millisecond of slack
+// keeps it from coming round again for that.
+bool pastPeriod(double idle, std::int32_t period) {
+  return idle + 0.001 >= static_cast<double>(period) + 1;
+}
+
+// Sets the timer to the instant at which the idle time, `idle` seconds now,
+// exceeds the first event's period in whole seconds if the user stays away.
+void arm(QueueController* controller, Inactivity& inactivity, double idle) {
   runloop::Timer* timer = queueTimerGetTimer(inactivity.holder);
   if (timer == nullptr) {
     return;
@@ -80,13 +95,19 @@ void arm(QueueController* controller, Inactivity& inactivity, std::uint32_t idle
     queueTimerPark(inactivity.holder);
     return;
   }
-  timer->setNextFireDate(inactivity.clock.now() + *period - idle);
+  timer->setNextFireDate(inactivity.clock.now() + *period + 1 - idle);
 }
 
+// Arms from the idle time known now and asks for a fresh one, which arms
+// again when it arrives.
 void armFromIdleTime(QueueController* controller, void* context) {
   auto* inactivity = static_cast<Inactivity*>(context);
-  if (inactivity != nullptr) {
-    arm(controller, *inactivity, idleSeconds(*inactivity));
+  if (inactivity == nullptr) {
+    return;
+  }
+  arm(controller, *inactivity, idleTime(*inactivity));
+  if (inactivity->idle != nullptr) {
+    inactivity->idle->refresh();
   }
 }
 
@@ -109,34 +130,53 @@ void perform(Inactivity& inactivity, const plist::Value& event) {
   });
 }
 
-// Performs the first event when the user has been idle longer than its period
-// and times the next look: a full period ahead after a perform (so it repeats
-// every period while nobody comes back), else when the period would be
-// reached.
-void timerFired(QueueTimer* holder) {
-  QueueController* controller = queueTimerGetController(holder);
-  Inactivity* inactivity = inactivityOf(controller);
-  if (inactivity == nullptr || inactivity->holder != holder) {
-    return;
-  }
+// With a fresh idle time: performs the first event when the user has been
+// idle longer than its period and looks again a period later (so it repeats
+// for as long as nobody comes back), else arms for when the period would run
+// out.
+void look(QueueController* controller, Inactivity& inactivity) {
+  inactivity.looking = false;
   const plist::Value first = queueControllerFirstEvent(controller);
   const std::optional<std::int32_t> period = secondsOfInactivity(first);
   if (!period) {
+    return;
+  }
+  const double idle = idleTime(inactivity);
+  if (!pastPeriod(idle, *period)) {
+    arm(controller, inactivity, idle);
+    return;
+  }
+  perform(inactivity, first);
+  queueTimerGetTimer(inactivity.holder)
+      ->setNextFireDate(inactivity.clock.now() + repeatInterval(*period));
+}
+
+// The look waits for a fresh idle time: the one known may predate the user's
+// return (logind sends no signal for terminal sessions).
+void timerFired(QueueTimer* holder) {
+  QueueController* controller = queueTimerGetController(holder);
+  Inactivity* inactivity = inactivityOf(controller);
+  if (inactivity == nullptr || inactivity->holder != holder ||
+      !secondsOfInactivity(queueControllerFirstEvent(controller))) {
     return;
   }
   if (inactivity->performing) {
     inactivity->firedWhilePerforming = true;
     return;
   }
-  const runloop::AbsoluteTime now = inactivity->clock.now();
-  const std::uint32_t idle = idleSeconds(*inactivity);
-  runloop::AbsoluteTime fire = now + *period;
-  if (static_cast<std::int64_t>(idle) > *period) {
-    perform(*inactivity, first);
-  } else {
-    fire -= idle;
+  inactivity->looking = true;
+  if (inactivity->idle == nullptr || !inactivity->idle->refresh()) {
+    look(controller, *inactivity);
   }
-  queueTimerGetTimer(holder)->setNextFireDate(fire);
+}
+
+// A fresh idle time: it finishes the look under way, or else re-arms.
+void idleTimeArrived(QueueController* controller, Inactivity& inactivity) {
+  if (inactivity.looking) {
+    look(controller, inactivity);
+  } else {
+    arm(controller, inactivity, idleTime(inactivity));
+  }
 }
 
 bool acceptsInactive(QueueController*, std::string_view triggerType, void*) {
@@ -159,6 +199,10 @@ void* createTimer(QueueController* controller) {
         },
         std::string(monitors::kWakeNotification), monitor);
   }
+  if (inactivity->idle != nullptr) {
+    inactivity->idle->setListener(
+        [controller, inactivity] { idleTimeArrived(controller, *inactivity); });
+  }
   return inactivity;
 }
 
@@ -166,6 +210,9 @@ void destroyTimer(QueueController*, void* context) {
   auto* inactivity = static_cast<Inactivity*>(context);
   if (inactivity == nullptr) {
     return;
+  }
+  if (inactivity->idle != nullptr) {
+    inactivity->idle->setListener({});
   }
   if (inactivity->holder != nullptr) {
     runloop::localCenter().removeObserver(inactivity->holder);

@@ -4,8 +4,10 @@
 //
 // The queue is ascending by period; only its first event is timed. The timer
 // is never a periodic tick: it is set to the moment at which the idle time
-// would reach the period if the user stayed away, and on firing the idle time
-// is read again. A wake counts as user activity. Run-loop thread only.
+// would exceed the period (in whole seconds) if the user stayed away; on
+// firing, a fresh idle time is asked for and the decision waits for it, so the
+// loop never waits on the source. A wake counts as user activity. Run-loop
+// thread only.
 #pragma once
 
 #include <string_view>
@@ -22,8 +24,8 @@ inline constexpr std::string_view kInactiveTriggerType = "inactive";
 
 // The controller, or nullptr when its queue cannot be made. `idle` may be null
 // (the idle time is then always 0, so nothing is ever performed); `idle` and
-// `clock` must outlive the controller. Without a timer from `timers` the
-// controller queues events but never performs them.
+// `clock` must outlive the controller, which is `idle`'s listener. Without a timer from `timers`
+// the controller queues events but never performs them.
 QueueController* inactivityQueueControllerCreate(platform::IdleTimeSource* idle,
                                                  const runloop::Clock& clock,
                                                  runloop::TimerFactory timers);

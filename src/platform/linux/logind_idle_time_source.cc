@@ -2,49 +2,28 @@
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <optional>
+#include <utility>
 
 #include "platform/linux/logind_bus.h"
 
 namespace nightjar::platform::linux_adapter {
 namespace {
 
-// The idle time is read from the run loop, on every timer firing and queue
-// change of the inactivity controller: a logind that is slow to answer must
-// not hold the daemon up for long.
-constexpr std::uint64_t kCallTimeoutUsec = 250'000;
+// A refresh waits this long at most for logind; a late answer reads as 0.
+constexpr std::uint64_t kCallTimeoutUsec = 5'000'000;
 
 struct MessageUnref {
   void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
 
-// Properties.Get of one Manager property, bounded; the reply, or null on any
-// failure or an error reply.
-MessagePtr getProperty(sd_bus* bus, const char* name) {
-  sd_bus_message* raw = nullptr;
-  if (sd_bus_message_new_method_call(bus, &raw, logind::kService, logind::kManagerPath,
-                                     "org.freedesktop.DBus.Properties", "Get") < 0) {
-    return nullptr;
-  }
-  MessagePtr call(raw);
-  if (sd_bus_message_append(call.get(), "ss", logind::kManagerInterface, name) < 0)
-    return nullptr;
-  sd_bus_message* reply = nullptr;
-  sd_bus_error error = SD_BUS_ERROR_NULL;
-  const int r = sd_bus_call(bus, call.get(), kCallTimeoutUsec, &error, &reply);
-  sd_bus_error_free(&error);
-  if (r < 0)
-    return nullptr;
-  return MessagePtr(reply);
-}
-
-// The variant's value when it holds exactly `type` ("b" or "t").
+// The variant's value when the reply holds exactly `type` ("b" or "t").
 template <typename T>
 std::optional<T> readVariant(sd_bus_message* reply, const char* type) {
   T value{};
-  if (reply == nullptr || sd_bus_message_has_signature(reply, "v") <= 0 ||
+  if (reply == nullptr || sd_bus_message_is_method_error(reply, nullptr) ||
+      sd_bus_message_has_signature(reply, "v") <= 0 ||
       sd_bus_message_enter_container(reply, 'v', type) <= 0 ||
       sd_bus_message_read_basic(reply, type[0], &value) <= 0) {
     return std::nullopt;
@@ -52,37 +31,96 @@ std::optional<T> readVariant(sd_bus_message* reply, const char* type) {
   return value;
 }
 
+// logind works the idle time of terminal and remote sessions out at each read
+// and announces no change of it, so each refresh asks for both properties.
 class LogindIdleTimeSource final : public IdleTimeSource {
  public:
-  LogindIdleTimeSource(sd_bus* bus, const runloop::Clock& clock) : bus_(bus), clock_(clock) {}
-
-  std::uint32_t idleSeconds() override {
-    if (bus_ == nullptr)
-      return 0;
-    const std::optional<int> idle = readVariant<int>(getProperty(bus_, "IdleHint").get(), "b");
-    if (!idle || !*idle)
-      return 0;
-    const std::optional<std::uint64_t> since =
-        readVariant<std::uint64_t>(getProperty(bus_, "IdleSinceHint").get(), "t");
-    if (!since || *since == 0)
-      return 0;  // idle since an unknown moment
-    return secondsSince(*since);
+  LogindIdleTimeSource(sd_bus* bus, const runloop::Clock& clock)
+      : bus_(bus != nullptr ? sd_bus_ref(bus) : nullptr), clock_(clock) {}
+  ~LogindIdleTimeSource() override {
+    hintCall_.reset();  // unanswered calls are dropped
+    sinceCall_.reset();
+    sd_bus_unref(bus_);
   }
 
+  double idleTime() override {
+    if (!idle_ || sinceUsec_ == 0)
+      return 0;  // active, or idle since an unknown moment
+    const double idle =
+        runloop::toUnixSeconds(clock_.now()) - static_cast<double>(sinceUsec_) / 1e6;
+    return idle > 0 ? idle : 0;  // a moment ahead of now: the clock was set back
+  }
+
+  bool refresh() override {
+    if (bus_ == nullptr)
+      return false;
+    if (hintCall_ || sinceCall_)
+      return true;  // the answer under way is shared
+    hintCall_ = ask("IdleHint", onHint);
+    sinceCall_ = ask("IdleSinceHint", onSince);
+    if (!hintCall_ || !sinceCall_) {
+      hintCall_.reset();
+      sinceCall_.reset();
+      return false;
+    }
+    return true;
+  }
+
+  void setListener(Listener listener) override { listener_ = std::move(listener); }
+
  private:
-  // Whole seconds from `sinceUsec` to now; 0 for a moment ahead of now (the
-  // clock was set back), capped at 32 bits.
-  std::uint32_t secondsSince(std::uint64_t sinceUsec) const {
-    const double now = runloop::toUnixSeconds(clock_.now());
-    const double idle = std::floor(now - static_cast<double>(sinceUsec) / 1e6);
-    if (!(idle > 0))
-      return 0;
-    constexpr double kMax = std::numeric_limits<std::uint32_t>::max();
-    return static_cast<std::uint32_t>(idle < kMax ? idle : kMax);
+  // Properties.Get of one Manager property, answered to `callback`.
+  SlotPtr ask(const char* property, sd_bus_message_handler_t callback) {
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_message_new_method_call(bus_, &raw, logind::kService, logind::kManagerPath,
+                                       "org.freedesktop.DBus.Properties", "Get") < 0) {
+      return nullptr;
+    }
+    MessagePtr call(raw);
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_message_append(call.get(), "ss", logind::kManagerInterface, property) < 0 ||
+        sd_bus_call_async(bus_, &slot, call.get(), callback, this, kCallTimeoutUsec) < 0) {
+      return nullptr;
+    }
+    return SlotPtr(slot);
+  }
+
+  // sd-bus keeps a slot alive while its callback runs, so it may be dropped
+  // there.
+  static int onHint(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+    auto* self = static_cast<LogindIdleTimeSource*>(userdata);
+    self->hint_ = readVariant<int>(reply, "b").value_or(0) != 0;
+    self->hintCall_.reset();
+    self->answered();
+    return 0;
+  }
+  static int onSince(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+    auto* self = static_cast<LogindIdleTimeSource*>(userdata);
+    self->since_ = readVariant<std::uint64_t>(reply, "t").value_or(0);
+    self->sinceCall_.reset();
+    self->answered();
+    return 0;
+  }
+
+  // Both answers are in: adopt them and tell the listener.
+  void answered() {
+    if (hintCall_ || sinceCall_)
+      return;
+    idle_ = hint_;
+    sinceUsec_ = since_;
+    if (listener_)
+      listener_();
   }
 
   sd_bus* bus_;
   const runloop::Clock& clock_;
+  Listener listener_;
+  SlotPtr hintCall_;
+  SlotPtr sinceCall_;
+  bool hint_ = false;  // answers of the refresh under way
+  std::uint64_t since_ = 0;
+  bool idle_ = false;  // the last complete answer
+  std::uint64_t sinceUsec_ = 0;
 };
 
 }  // namespace

@@ -1,9 +1,11 @@
 // An idle time that grows with a fake clock from the user's last input, which
-// the test sets by hand.
+// the test sets by hand. A refresh stays outstanding until the test answers
+// it; until then the source keeps what it learnt at the last answer.
 #pragma once
 
-#include <cmath>
-#include <cstdint>
+#include <algorithm>
+#include <functional>
+#include <utility>
 
 #include "platform/idle_time_source.h"
 #include "runloop/clock.h"
@@ -12,30 +14,43 @@ namespace nightjar::fakes {
 
 class FakeIdleTimeSource final : public platform::IdleTimeSource {
  public:
-  // The user touched the machine at the clock's current time.
+  // The user touched the machine now, and the source knows it.
   explicit FakeIdleTimeSource(const runloop::Clock& clock)
-      : clock_(clock), lastInput_(clock.now()) {}
+      : clock_(clock), lastInput_(clock.now()), known_(lastInput_) {}
 
-  // Whole seconds since the last input, truncated; 0 while unknown.
-  std::uint32_t idleSeconds() override {
-    ++reads_;
-    const double idle = clock_.now() - lastInput_;
-    return unknown_ || !(idle > 0) ? 0 : static_cast<std::uint32_t>(std::floor(idle));
+  double idleTime() override { return std::max(clock_.now() - known_, 0.0); }
+  bool refresh() override {
+    outstanding_ = true;
+    return true;
+  }
+  void setListener(Listener listener) override { listener_ = std::move(listener); }
+
+  // Answers the outstanding refresh with the last input as it is now, and
+  // tells the listener; false when none was outstanding.
+  bool answer() {
+    if (!outstanding_)
+      return false;
+    outstanding_ = false;
+    known_ = lastInput_;
+    if (listener_)
+      listener_();
+    return true;
   }
 
   // Switches.
   void touch() { lastInput_ = clock_.now(); }
   void lastInputAt(runloop::AbsoluteTime date) { lastInput_ = date; }
-  void setUnknown(bool unknown) { unknown_ = unknown; }
 
   // Records.
-  int reads() const { return reads_; }
+  bool outstanding() const { return outstanding_; }
+  bool listening() const { return static_cast<bool>(listener_); }
 
  private:
   const runloop::Clock& clock_;
   runloop::AbsoluteTime lastInput_;
-  bool unknown_ = false;
-  int reads_ = 0;
+  runloop::AbsoluteTime known_;
+  bool outstanding_ = false;
+  Listener listener_;
 };
 
 }  // namespace nightjar::fakes

@@ -148,7 +148,12 @@ TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
   notificationControllerSetNotifyPeriod(controller, 600);
   EXPECT_TRUE(posts.posts.empty());
   EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), 60);
-  // The warning still follows the period in force.
+  // The timer is not armed again: its next firing issues nothing and re-arms
+  // for the period in force.
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3480);
+  EXPECT_EQ(timer().setCount(), 1);
+  timer().fire();
+  EXPECT_TRUE(posts.posts.empty());
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3540);
 }
 
@@ -230,7 +235,7 @@ TEST_F(NotificationControllerTest, PendingViewShowsOnceTriggersWithoutPrivateKey
   });
   EXPECT_EQ(view, expected);
   ASSERT_FALSE(posts.posts.empty());
-  EXPECT_EQ(posts.posts.back(), (Post{"notifications.pending", Dict({{"Parameter", view}})}));
+  EXPECT_EQ(posts.posts.back(), (Post{"notifications.pending", plist::Value()}));
   // The list itself keeps the private key: the owner's copy is not the view.
   EXPECT_FALSE(pending(controller, "d").get("_DateTimeQueueController.Trigger.Date").isNone());
 }

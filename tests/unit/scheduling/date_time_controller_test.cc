@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -161,6 +162,26 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
   EXPECT_TRUE(timer().parked());
 }
 
+// Each arming of the timer makes the first event's wake entry again, so an
+// entry that was lost (a failed write, a crash) comes back.
+TEST_F(DateTimeControllerTest, ArmingMakesTheFirstEventsEntriesAgain) {
+  add(onceEvent("first", kTen, "wake"));
+  add(onceEvent("later", kTen + 7200, "wake"));
+  const std::function<void()> armings[] = {
+      [this] { add(onceEvent("other", kTen + 3600)); },
+      [] {
+        runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+      },
+      [this] { queueControllerReplaceAll(controller_, queueControllerCopyEvents(controller_)); }};
+  for (const auto& arm : armings) {
+    power_.cancel(kTen, entry(kTen, "first"), platform::kWakeEntry);
+    power_.cancel(kTen + 7200, entry(kTen + 7200, "later"), platform::kWakeEntry);
+    ASSERT_TRUE(entries().empty());
+    arm();
+    EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen, "first")});
+  }
+}
+
 TEST_F(DateTimeControllerTest, OnceInThePastIsDroppedButStaysListed) {
   add(onceEvent("past", kStart - 60));
   EXPECT_FALSE(queued("past"));
@@ -288,6 +309,34 @@ TEST_F(DateTimeControllerTest, CancelDropsAOnceEventAndSkipsADailyOccurrence) {
   EXPECT_EQ(queued("daily").get(kTriggerConstraintKey), Value::date(kTen + 60));
   EXPECT_EQ(warnedFor("daily"), kTen + 2 * kDay);
   EXPECT_EQ(timer().nextFireDate(), kTen + 2 * kDay);
+}
+
+// Delay and cancel store the warning's copy: the event performed afterwards
+// still says when it was due and when it was warned.
+TEST_F(DateTimeControllerTest, DelayAndCancelStoreTheWarnedCopy) {
+  const std::pair<Value, AbsoluteTime> cases[] = {{onceEvent("delay", kTen), kTen + 600},
+                                                  {dailyEvent("cancel", hms(10, 0)), kTen + kDay}};
+  for (const auto& [event, due] : cases) {
+    const Value id = model::eventUniqueID(event);
+    SCOPED_TRACE(*id.asString());
+    clock_.set(kStart);
+    add(event);
+    clock_.set(kTen - 600);
+    warnings_.timer(0)->fire();
+    nc::NotificationController* n = nc::notificationControllerGet();
+    *id.asString() == "delay" ? nc::notificationControllerDelay(n, id, 600)
+                              : nc::notificationControllerCancel(n, id);
+    EXPECT_EQ(triggerDate(*id.asString()), due);
+    broadcasts_.broadcasts.clear();
+    fireAt(due + 1);
+    endPause();
+    ASSERT_EQ(broadcasts_.broadcasts.size(), 2u);  // "event.willperform", "event.didperform"
+    for (const auto& broadcast : broadcasts_.broadcasts) {
+      EXPECT_EQ(broadcast.userInfo.get(nc::kTriggerDateKey), Value::date(kTen));
+      EXPECT_EQ(broadcast.userInfo.get(nc::kNotifiedKey), Value::date(kTen - 600));
+    }
+    model::eventListRemove(model::eventListGet(), id);
+  }
 }
 
 TEST_F(DateTimeControllerTest, WakeReschedulesPassedEventsWithoutPerforming) {

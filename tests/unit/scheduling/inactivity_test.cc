@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -62,14 +63,15 @@ class InactivityTest : public ::testing::Test {
   std::vector<std::string> performed() const {
     std::vector<std::string> names;
     for (const auto& [priority, line] : log_.lines) {
-      if (priority != LOG_NOTICE || !line.starts_with("Performing: "))
-        continue;
-      std::string name = line.substr(12);
-      if (name.size() >= 2 && name.front() == '"' && name.back() == '"')
-        name = name.substr(1, name.size() - 2);
-      names.push_back(name);
+      if (priority == LOG_NOTICE && line.starts_with("Performing: \""))
+        names.push_back(line.substr(13, line.size() - 14));
     }
     return names;
+  }
+  // Fires the timer and answers the fresh idle time that it asked for.
+  void fireAndAnswer() {
+    timer().fire();
+    idle_.answer();
   }
   void postWake() {
     runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
@@ -94,50 +96,51 @@ TEST_F(InactivityTest, OnlyTheShortestPeriodIsTimedAndPerformed) {
   queueControllerStore(controller_, inactiveEvent("long", 3600));
   queueControllerStore(controller_, inactiveEvent("short", 600));
   EXPECT_EQ(*queueControllerFirstEvent(controller_).get("uniqueid").asString(), "short");
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 600);
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 601);
 
   // Idle far beyond both periods: the shorter one is performed, each time.
   clock_.advance(4000);
-  timer().fire();
+  fireAndAnswer();
   endPause();
   clock_.set(timer().nextFireDate());
-  timer().fire();
+  fireAndAnswer();
   endPause();
   EXPECT_EQ(performed(), (std::vector<std::string>{"short", "short"}));
 
   // Once it leaves, the longer one is timed from the idle time so far.
   queueControllerRemove(controller_, Value::string("short"));
   const double idle = clock_.now() - kStart;
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 3600 - idle);
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 3601 - idle);
   queueControllerRemove(controller_, Value::string("long"));
   EXPECT_TRUE(timer().parked());
 }
 
 TEST_F(InactivityTest, IdleAlreadyPastThePeriodSetsTheTimerInThePast) {
   clock_.advance(1000);  // nobody has touched the machine since kStart
-  queueControllerStore(controller_, inactiveEvent("a", 600));
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() - 400);
-  EXPECT_TRUE(timer().due(clock_.now()));
-  timer().fire();
+  queueControllerReplaceAll(controller_, Value::array({inactiveEvent("a", 600)}));  // a restore
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() - 399);
+  fireAndAnswer();
   EXPECT_EQ(performed(), std::vector<std::string>{"a"});
 }
 
+// First performed once the idle time exceeds the period in whole seconds, then
+// every period; each firing either performs or arms for a later instant.
 TEST_F(InactivityTest, RepeatsEveryPeriodWhileTheUserStaysAway) {
   queueControllerStore(controller_, inactiveEvent("a", 600));
-  clock_.set(timer().nextFireDate());
-  // Idle exactly 600 s is not more than 600: not yet, look again at once.
-  timer().fire();
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 601);
+  clock_.set(kStart + 600.5);  // early (a clock set back): not yet
+  fireAndAnswer();
   EXPECT_TRUE(performed().empty());
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now());
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 601);
 
-  clock_.advance(1);
-  timer().fire();
+  clock_.set(timer().nextFireDate());
+  fireAndAnswer();
   EXPECT_EQ(performed().size(), 1u);
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600);
   endPause();
 
   clock_.set(timer().nextFireDate());
-  timer().fire();
+  fireAndAnswer();
   EXPECT_EQ(performed().size(), 2u);
   endPause();
 
@@ -145,29 +148,65 @@ TEST_F(InactivityTest, RepeatsEveryPeriodWhileTheUserStaysAway) {
   clock_.set(timer().nextFireDate() - 100);
   idle_.touch();
   clock_.advance(100);
-  timer().fire();
+  fireAndAnswer();
   EXPECT_EQ(performed().size(), 2u);
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 500);
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 501);
+}
+
+// Only a fresh idle time decides: the user may have come back unannounced.
+TEST_F(InactivityTest, AFiringWaitsForAFreshIdleTime) {
+  queueControllerStore(controller_, inactiveEvent("a", 600));
+  idle_.answer();
+  clock_.advance(700);
+  idle_.touch();  // through a terminal: the source has not heard of it
+  timer().fire();
+  EXPECT_TRUE(idle_.outstanding());
+  EXPECT_TRUE(performed().empty());
+  clock_.advance(0.2);
+  idle_.answer();
+  EXPECT_TRUE(performed().empty());
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600.8);
+
+  // A queue change arms from what is known and again once a fresh answer is in.
+  clock_.advance(100);
+  idle_.lastInputAt(kStart);
+  queueControllerStore(controller_, inactiveEvent("b", 900));
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 500.8);
+  idle_.answer();
+  EXPECT_TRUE(timer().due(clock_.now()));
+}
+
+// A period below 1 s repeats once a second, not on every loop pass.
+TEST_F(InactivityTest, APeriodBelowOneSecondRepeatsOnceASecond) {
+  for (const std::int64_t period : {0, -5}) {
+    queueControllerStore(controller_, inactiveEvent(std::to_string(period), period));
+    clock_.set(std::max(timer().nextFireDate(), clock_.now()));
+    fireAndAnswer();
+    EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 1);
+    endPause();
+  }
+  EXPECT_EQ(performed(), (std::vector<std::string>{"0", "-5"}));
 }
 
 TEST_F(InactivityTest, WakeSetsTheTimerAFullPeriodAhead) {
   queueControllerStore(controller_, inactiveEvent("a", 600));
-  clock_.advance(5000);  // asleep: the idle time read now is stale
+  clock_.advance(5000);  // asleep: the idle time known now is stale
   postWake();
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 600);
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 601);
   EXPECT_FALSE(timer().due(clock_.now()));
 }
 
 TEST_F(InactivityTest, AFiringDuringItsOwnPerformWaitsForTheCompletion) {
   queueControllerStore(controller_, inactiveEvent("a", 1));
   clock_.advance(2);
-  timer().fire();
+  fireAndAnswer();
   ASSERT_EQ(performed().size(), 1u);
 
   // The pause outlasts the period: the timer comes round mid-perform.
   clock_.advance(1);
   ASSERT_TRUE(timer().due(clock_.now()));
   timer().fire();
+  EXPECT_FALSE(idle_.outstanding());
   EXPECT_EQ(performed().size(), 1u);
   EXPECT_TRUE(eventActionBusy());
 
@@ -175,26 +214,23 @@ TEST_F(InactivityTest, AFiringDuringItsOwnPerformWaitsForTheCompletion) {
   pauses_.last()->fire();
   EXPECT_FALSE(eventActionBusy());
   EXPECT_TRUE(timer().due(clock_.now()));
-  timer().fire();
+  fireAndAnswer();
   EXPECT_EQ(performed().size(), 2u);
 }
 
-TEST_F(InactivityTest, ACompletionAfterDestructionIsHarmless) {
+TEST_F(InactivityTest, ACompletionOrAnAnswerAfterDestructionIsHarmless) {
   queueControllerStore(controller_, inactiveEvent("a", 600));
   clock_.advance(700);
-  timer().fire();
+  fireAndAnswer();
   ASSERT_TRUE(eventActionBusy());
+  queueControllerStore(controller_, inactiveEvent("b", 900));
   queueControllerDestroy(controller_);
   controller_ = nullptr;
   EXPECT_EQ(runloop::localCenter().observationCount(), 0u);
+  EXPECT_FALSE(idle_.listening());
+  EXPECT_TRUE(idle_.answer());
   pauses_.last()->fire();
   EXPECT_FALSE(eventActionBusy());
-}
-
-TEST_F(InactivityTest, RestoringTheQueueArmsFromTheIdleTime) {
-  clock_.advance(100);
-  queueControllerReplaceAll(controller_, Value::array({inactiveEvent("a", 600)}));
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 500);
 }
 
 }  // namespace

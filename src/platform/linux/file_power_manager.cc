@@ -85,6 +85,10 @@ std::optional<std::string> readListFile(const std::string& path, int& error) {
     error = EINVAL;
     return std::nullopt;
   }
+  if (static_cast<std::uint64_t>(st.st_size) > storedFileLimit()) {
+    error = EFBIG;
+    return std::nullopt;
+  }
   std::string bytes;
   error = readBounded(fd.get(), bytes, storedFileLimit());
   if (error == 0 && bytes.size() > storedFileLimit())

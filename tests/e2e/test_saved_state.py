@@ -110,11 +110,12 @@ def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(
     assert broadcasts.names() == []
 
 
-def test_a_forced_notify_period_wins_and_a_corrupt_store_starts_empty(
+def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
         start_daemon, root, logind):
     forced = root / "etc/nightjar/forced.plist"
     forced.write_bytes(plistlib.dumps({"notificationcontroller.notifyperiod": 60.0}))
     (root / "var/lib/nightjar/preferences.plist").write_text("<plist><dict><key>engine")
+    (root / "var/lib/nightjar/powerevents.plist").write_text("<plist><array>")
     daemon = start(start_daemon)
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.events") == {"status": 200, "response": []}
@@ -130,6 +131,8 @@ def test_a_forced_notify_period_wins_and_a_corrupt_store_starts_empty(
     kept = list((root / "var/lib/nightjar").glob("preferences.plist.unreadable-*"))
     assert [k.read_text() for k in kept] == ["<plist><dict><key>engine"]
     assert any(f"kept as {kept[0]}" in m for m in daemon.messages())
+    kept = list((root / "var/lib/nightjar").glob("powerevents.plist.unreadable-*"))
+    assert [k.read_text() for k in kept] == ["<plist><array>"]
 
 
 def warned_daily_state(count, name_length=255):

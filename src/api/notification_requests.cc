@@ -11,8 +11,10 @@
 #include "api/request_action.h"
 #include "api/scheduler_requests.h"
 #include "model/event.h"
+#include "model/reply.h"
 #include "model/validation.h"
 #include "notifications/notification_controller.h"
+#include "state/saved_state_size.h"
 
 namespace nightjar::api {
 namespace {
@@ -57,21 +59,40 @@ plist::Value checkSeconds(const plist::Value& parameter) {
   return faultRecord(kSecondsDetailKey, messageValue(message::kMustBeNumber));
 }
 
+// These changes replace dates and add a few keys at most; near the saved
+// state's limit even that is refused, before anything changes.
+bool admitted() {
+  return state::savedStateAdmits(state::kSmallChangeBytes);
+}
+
+plist::Value tooLarge() {
+  return model::makeError(model::refusal::kSavedStateTooLarge);
+}
+
 plist::Value pending(const plist::Value&) {
   return notifications::notificationRequestPending(notificationControllerGet());
 }
 
 plist::Value cancel(const plist::Value& uniqueId) {
+  if (!admitted()) {
+    return tooLarge();
+  }
   return notifications::notificationRequestCancel(notificationControllerGet(), uniqueId);
 }
 
 plist::Value delay(const plist::Value& parameter) {
+  if (!admitted()) {
+    return tooLarge();
+  }
   return notifications::notificationRequestDelay(notificationControllerGet(),
                                                  parameter.get(model::kUniqueIdKey),
                                                  parameter.get(kSecondsDetailKey));
 }
 
 plist::Value reset(const plist::Value& uniqueId) {
+  if (!admitted()) {
+    return tooLarge();
+  }
   return notifications::notificationRequestReset(notificationControllerGet(), uniqueId);
 }
 
@@ -80,6 +101,9 @@ plist::Value notifyPeriod(const plist::Value&) {
 }
 
 plist::Value setNotifyPeriod(const plist::Value& seconds) {
+  if (!admitted()) {
+    return tooLarge();
+  }
   return notifications::notificationRequestSetNotifyPeriod(notificationControllerGet(), seconds);
 }
 

@@ -10,6 +10,7 @@
 #include "model/reply.h"
 #include "model/validation.h"
 #include "scheduling/event_scheduler.h"
+#include "state/saved_state_size.h"
 
 namespace nightjar::api {
 namespace {
@@ -24,6 +25,16 @@ plist::Value failed() {
 
 plist::Value answer(int index) {
   return index >= 0 ? ok() : failed();
+}
+
+// A change the saved state could not hold is refused before anything changes:
+// acknowledged, it would be lost at the next start.
+plist::Value tooLarge() {
+  return model::makeError(model::refusal::kSavedStateTooLarge);
+}
+
+plist::Value storeEvent(model::EventList* list, const plist::Value& event) {
+  return answer(model::eventListStore(list, event));
 }
 
 // The record of one "setevents" member: a value that is not a dictionary has
@@ -103,6 +114,11 @@ plist::Value schedulerSetEnabled(const plist::Value& enabled) {
   if (!flag || scheduler == nullptr) {
     return failed();
   }
+  // Enabling queues every event again: its queue and pending copies come back.
+  if (*flag && !scheduling::eventSchedulerIsEnabled(scheduler) &&
+      !state::savedStateAdmits(2 * state::savedStateProjectedBytes())) {
+    return tooLarge();
+  }
   scheduling::eventSchedulerSetEnabled(scheduler, *flag);
   // Announced with what the scheduler holds now: a forced preference wins.
   core::relayQueue(core::relayGet(), kSchedulerEnabledNotification,
@@ -132,6 +148,14 @@ plist::Value schedulerSetEvents(const plist::Value& events) {
   if (!faults.empty()) {
     return model::makeResponse(model::kStatusFailed, plist::Value::array(std::move(faults)));
   }
+  model::EventList* list = model::eventListGet();
+  std::size_t bytes = 0;
+  for (const plist::Value& member : *members) {
+    bytes += state::savedEventBytes(member);
+  }
+  if (list != nullptr && !state::savedStateAdmitsReplacement(bytes)) {
+    return tooLarge();
+  }
   // One "events.remove" per held event, in name order, then one "events.add"
   // (or "events.modify" for a repeated identifier) per new member.
   const plist::Value held = schedulerCopyEvents();
@@ -142,8 +166,11 @@ plist::Value schedulerSetEvents(const plist::Value& events) {
       }
     }
   }
+  // Admitted as a whole above: each member is stored without a check of its own.
   for (const plist::Value& member : *members) {
-    schedulerSetEvent(member);
+    if (list != nullptr) {
+      storeEvent(list, member);
+    }
   }
   return ok();
 }
@@ -153,7 +180,10 @@ plist::Value schedulerSetEvent(const plist::Value& event) {
   if (!event || list == nullptr) {
     return failed();
   }
-  return answer(model::eventListStore(list, event));
+  if (!state::savedStateAdmits(state::savedEventBytes(event))) {
+    return tooLarge();
+  }
+  return storeEvent(list, event);
 }
 
 plist::Value schedulerRemoveEvent(const plist::Value& uniqueId) {

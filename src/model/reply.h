@@ -40,6 +40,8 @@ inline constexpr ErrorReason kParameterMissing{404, "Parameter missing"};
 inline constexpr ErrorReason kInvalidParameter{405, "Invalid parameter"};
 inline constexpr ErrorReason kInvalidSeconds{405, "Invalid seconds"};
 inline constexpr ErrorReason kReadOnly{407, "Read only"};
+// The change would make the saved state larger than the daemon reads back.
+inline constexpr ErrorReason kSavedStateTooLarge{413, "Saved state would be too large"};
 inline constexpr ErrorReason kRequestMustBeAuthorized{500, "Request must be authorized"};
 }  // namespace refusal
 

@@ -2,8 +2,10 @@
 // saved state, plus the keys an administrator has forced.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
+#include "platform/stored_file_limit.h"
 #include "plist/value.h"
 
 namespace nightjar::platform {
@@ -36,6 +38,14 @@ class PreferencesStore {
 
   // Whether an administrator has forced `key`, as of the last look at storage.
   virtual bool isForced(std::string_view key) = 0;
+
+  // The size of the view in its stored form, as of the last read of storage
+  // or the last write (successful or not); 0 for a store kept in memory only.
+  virtual std::size_t storedBytes() const { return 0; }
+
+  // The largest stored form that is written and read back. A write that would
+  // pass it fails as a failed write does, so storage keeps what it holds.
+  virtual std::size_t maxStoredBytes() const { return kMaxStoredFileBytes; }
 };
 
 }  // namespace nightjar::platform

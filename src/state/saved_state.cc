@@ -4,6 +4,7 @@
 #include "notifications/notification_controller.h"
 #include "persistence/preferences.h"
 #include "scheduling/queue_controller.h"
+#include "state/saved_state_size.h"
 
 namespace nightjar::state {
 
@@ -34,8 +35,10 @@ Value persistenceCopyState() {
 }
 
 bool persistenceSave() {
-  return persistence::preferencesSetValue(persistence::kEngineKey, persistenceCopyState(),
-                                          persistence::engineDefault());
+  const bool saved = persistence::preferencesSetValue(
+      persistence::kEngineKey, persistenceCopyState(), persistence::engineDefault());
+  savedStateSizeSaved();
+  return saved;
 }
 
 void persistenceApplyState(const Value& state) {

@@ -110,11 +110,12 @@ def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(
     assert broadcasts.names() == []
 
 
-def test_a_forced_notify_period_wins_and_a_corrupt_store_starts_empty(
+def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
         start_daemon, root, logind):
     forced = root / "etc/nightjar/forced.plist"
     forced.write_bytes(plistlib.dumps({"notificationcontroller.notifyperiod": 60.0}))
     (root / "var/lib/nightjar/preferences.plist").write_text("<plist><dict><key>engine")
+    (root / "var/lib/nightjar/powerevents.plist").write_text("<plist><array>")
     daemon = start(start_daemon)
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.events") == {"status": 200, "response": []}
@@ -124,9 +125,72 @@ def test_a_forced_notify_period_wins_and_a_corrupt_store_starts_empty(
         assert client.call("scheduler.set", once_event("kept", "restart", utc_in(3600))) == \
             {"status": 200}
     stop(daemon)
-    # The corrupt store was replaced by a whole one holding the new state.
+    # The corrupt store was kept aside, and a whole one holds the new state.
     saved = plistlib.loads((root / "var/lib/nightjar/preferences.plist").read_bytes())
     assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]
+    kept = list((root / "var/lib/nightjar").glob("preferences.plist.unreadable-*"))
+    assert [k.read_text() for k in kept] == ["<plist><dict><key>engine"]
+    assert any(f"kept as {kept[0]}" in m for m in daemon.messages())
+    kept = list((root / "var/lib/nightjar").glob("powerevents.plist.unreadable-*"))
+    assert [k.read_text() for k in kept] == ["<plist><array>"]
+
+
+def warned_daily_state(count, name_length=255):
+    """The saved state of `count` daily events with names and identifiers of
+    `name_length` characters, each queued and warned, as the daemon saves it."""
+    now = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None, microsecond=0)
+    midnight = now.replace(hour=0, minute=0, second=0)
+    events, queue, pending = [], [], []
+    for i in range(count):
+        event = daily_event(f"{i:05d}".ljust(name_length, "u"))
+        event["name"] = f"{i:05d}".ljust(name_length, "n")
+        event["trigger"]["secondsfrommidnight"] = i * 7 % 86400
+        date = midnight + datetime.timedelta(seconds=i * 7 % 86400)
+        if date <= now:
+            date += datetime.timedelta(days=1)
+        queued = dict(event, **{"_DateTimeQueueController.Trigger.Date": date})
+        events.append(event)
+        queue.append(queued)
+        pending.append(dict(queued, metadatatriggerdate=date, metadatanotified=now))
+    queue.sort(key=lambda q: q["_DateTimeQueueController.Trigger.Date"])
+    return {"engine": {"events": events, "queues": {"DateTime": queue},
+                       "notifications": pending},
+            "notificationcontroller.notifyperiod": 86400.0}
+
+
+# The real limit (64 MiB) takes tens of seconds to fill and restore twice; the
+# daemon's test-only variable lowers it, and the same code reads and writes.
+LIMIT = 1024 * 1024
+
+
+def test_a_state_near_the_limit_survives_a_restart_and_more_is_refused(
+        start_daemon, root, logind):
+    env = {"NIGHTJAR_TEST_MAX_FILE_BYTES": str(LIMIT)}
+    store = root / "var/lib/nightjar/preferences.plist"
+    per_event = len(plistlib.dumps(warned_daily_state(2))) - len(
+        plistlib.dumps(warned_daily_state(1)))
+    count = (LIMIT - 16 * 1024) // per_event
+    store.write_bytes(plistlib.dumps(warned_daily_state(count)))
+    assert LIMIT - 32 * 1024 < store.stat().st_size <= LIMIT
+
+    daemon = start_daemon(extra_env=env)
+    assert daemon.wait_running()
+    with Client(socket_path(root)) as client:
+        events = client.call("scheduler.events")["response"]
+        assert len(events) == count
+        assert len(client.call("notifications.pending")["response"]) == count
+        # Acknowledged, this would pass the limit and be lost at the next start.
+        assert client.call("scheduler.set", daily_event("one-more")) == \
+            {"error": 413, "reason": "Saved state would be too large"}
+        assert client.call("scheduler.events")["response"] == events
+    stop(daemon)
+    assert store.stat().st_size <= LIMIT
+
+    daemon = start_daemon(extra_env=env)
+    assert daemon.wait_running()
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.events")["response"] == events
+    assert not list(store.parent.glob("*.unreadable-*"))
 
 
 def test_a_daily_event_missed_while_stopped_moves_to_its_next_day(start_daemon, root, logind):

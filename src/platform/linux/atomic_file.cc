@@ -5,9 +5,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string_view>
 
 #include "platform/linux/daemon_root.h"
+#include "platform/stored_file_limit.h"
 
 namespace nightjar::platform::linux_adapter {
 
@@ -85,6 +92,39 @@ int writeFileAtomically(const std::string& folder, const std::string& path, std:
   if (folderFd.get() < 0)
     return errno;
   return ::fsync(folderFd.get()) != 0 ? errno : 0;
+}
+
+std::string keepAside(const std::string& path, std::time_t now, int& error) {
+  struct tm utc {};
+  char stamp[32] = "";
+  if (::gmtime_r(&now, &utc) != nullptr)
+    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+  const std::string base = path + ".unreadable-" + stamp;
+  for (int attempt = 1; attempt <= 9; ++attempt) {
+    std::string aside = attempt == 1 ? base : base + "-" + std::to_string(attempt);
+    // Never over another kept file: each holds state that could not be read.
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0)
+      return aside;
+    error = errno;
+    if (error != EEXIST)
+      return {};
+  }
+  return {};
+}
+
+std::size_t storedFileLimit() {
+  static const std::size_t limit = [] {
+    const char* text = std::getenv("NIGHTJAR_TEST_MAX_FILE_BYTES");
+    if (text == nullptr)
+      return kMaxStoredFileBytes;
+    const std::string_view view(text);
+    std::size_t bytes = 0;
+    auto [end, fault] = std::from_chars(view.data(), view.data() + view.size(), bytes);
+    if (fault != std::errc() || end != view.data() + view.size() || bytes < 4096)
+      return kMaxStoredFileBytes;
+    return std::min(bytes, kMaxStoredFileBytes);
+  }();
+  return limit;
 }
 
 }  // namespace nightjar::platform::linux_adapter

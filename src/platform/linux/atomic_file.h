@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -61,5 +62,17 @@ int makeFolders(std::string_view root, std::string_view absoluteFolder, mode_t m
 // across a crash. On failure the temporary file is removed. Answers 0 or errno.
 int writeFileAtomically(const std::string& folder, const std::string& path, std::string_view bytes,
                         mode_t mode);
+
+// Moves a file the daemon cannot read out of the way, so that the next write
+// does not destroy it: `path` is renamed to "<path>.unreadable-YYYYMMDDTHHMMSSZ"
+// (UTC at `now`, "-2" to "-9" appended when taken). Answers the new path, or
+// empty with `error` set when nothing could be renamed.
+std::string keepAside(const std::string& path, std::time_t now, int& error);
+
+// The largest file the adapters write and read: kMaxStoredFileBytes, or the
+// smaller value of $NIGHTJAR_TEST_MAX_FILE_BYTES (at least 4096) when set, so
+// that end-to-end tests can try a file near the limit without building tens
+// of megabytes. The variable can only lower the limit.
+std::size_t storedFileLimit();
 
 }  // namespace nightjar::platform::linux_adapter

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <ctime>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -25,7 +26,6 @@ namespace {
 constexpr std::string_view kListFolder = "/var/lib/nightjar";
 constexpr std::string_view kListFile = "/var/lib/nightjar/powerevents.plist";
 constexpr std::string_view kAlarmFile = "/sys/class/rtc/rtc0/wakealarm";
-constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
 // The alarm's date is checked again this long after it, when it has fired
@@ -85,11 +85,21 @@ std::optional<std::string> readListFile(const std::string& path, int& error) {
     error = EINVAL;
     return std::nullopt;
   }
+  if (static_cast<std::uint64_t>(st.st_size) > storedFileLimit()) {
+    error = EFBIG;
+    return std::nullopt;
+  }
   std::string bytes;
-  error = readBounded(fd.get(), bytes, kMaxFileBytes);
-  if (error == 0 && bytes.size() > kMaxFileBytes)
+  error = readBounded(fd.get(), bytes, storedFileLimit());
+  if (error == 0 && bytes.size() > storedFileLimit())
     error = EFBIG;
   return error == 0 ? std::optional(std::move(bytes)) : std::nullopt;
+}
+
+// What one entry adds to the file at most: its own document's size, whose
+// prolog more than covers the deeper indentation inside the list.
+std::size_t entryBytes(const plist::Value& entry) {
+  return plist::writeXml(entry).size();
 }
 
 // Writes `text` over the whole of an existing file. Answers 0 or errno.
@@ -158,10 +168,22 @@ class FilePowerManagerImpl final : public FilePowerManager {
   void schedule(plist::AbsoluteTime date, const std::string& scheduledBy,
                 const std::string& type) override {
     std::optional<Entry> entry = entryOf(date, scheduledBy, type);
-    if (entry && entries_.insert(*entry).second) {
-      ++listed_[indexKey(scheduledBy, type)];
-      changed();
+    if (!entry || entries_.contains(*entry))
+      return;
+    // The file must stay readable: an entry that would pass its bound is not
+    // listed (the earlier entries, which wake first, are the ones kept).
+    const std::size_t bytes = entryBytes(valueOf(*entry));
+    if (listBytes_ + bytes > storedFileLimit()) {
+      if (!fullLogged_)
+        logging::logMessage(LOG_ERR, "%s: Power events file full, entry not listed; path: %s",
+                            "schedulePowerEvent", listPath_.c_str());
+      fullLogged_ = true;
+      return;
     }
+    listBytes_ += bytes;
+    entries_.insert(*entry);
+    ++listed_[indexKey(scheduledBy, type)];
+    changed();
   }
 
   void cancel(plist::AbsoluteTime date, const std::string& scheduledBy,
@@ -198,6 +220,7 @@ class FilePowerManagerImpl final : public FilePowerManager {
   }
 
   void unlist(const Entry& entry) {
+    listBytes_ -= std::min(listBytes_, entryBytes(valueOf(entry)));
     auto it = listed_.find(indexKey(entry.scheduledBy, entry.type));
     if (it != listed_.end() && --it->second == 0)
       listed_.erase(it);
@@ -207,21 +230,26 @@ class FilePowerManagerImpl final : public FilePowerManager {
     int error = 0;
     std::optional<std::string> bytes = readListFile(listPath_, error);
     plist::Value list =
-        bytes ? plist::parseXml(*bytes, {.maxBytes = kMaxFileBytes}) : plist::Value();
+        bytes ? plist::parseXml(*bytes, {.maxBytes = storedFileLimit()}) : plist::Value();
     std::size_t malformed = 0;
     for (std::size_t i = 0; i < list.count(); ++i) {
       std::optional<Entry> entry = entryOf(list.at(i));
       if (entry && entries_.insert(*entry).second) {
+        listBytes_ += entryBytes(valueOf(*entry));
         ++listed_[indexKey(entry->scheduledBy, entry->type)];
       } else if (!entry) {
         ++malformed;
       }
     }
     if (error != 0 || (bytes && !list.isArray())) {
+      // Kept beside, so that the first write does not destroy what it held.
+      std::string keptAs = keepAside(listPath_, std::time(nullptr), error);
       logging::logMessage(LOG_ERR,
-                          "%s: Power events file unreadable or corrupt, reading as empty; "
-                          "path: %s; error: %d",
-                          "readPowerEvents", listPath_.c_str(), error);
+                          "%s: Power events file unreadable or corrupt, kept as %s; reading as "
+                          "empty; path: %s; error: %d",
+                          "readPowerEvents", keptAs.empty() ? "nothing" : keptAs.c_str(),
+                          listPath_.c_str(), error);
+      keepOff_ = keptAs.empty();
     } else if (malformed > 0) {
       logging::logMessage(LOG_ERR, "%s: Ignored %d malformed power events; path: %s",
                           "readPowerEvents", malformed, listPath_.c_str());
@@ -240,7 +268,10 @@ class FilePowerManagerImpl final : public FilePowerManager {
 
   void writeList() {
     const std::string document = plist::writeXml(copyEntries());
-    int error = makeFolders(root_, kListFolder, kFolderMode);
+    // An unreadable file that could not be moved aside is not overwritten.
+    int error = keepOff_ ? EEXIST : 0;
+    if (error == 0)
+      error = makeFolders(root_, kListFolder, kFolderMode);
     if (error == 0)
       error = writeFileAtomically(folder_, listPath_, document, kFileMode);
     if (error == 0) {
@@ -328,6 +359,9 @@ class FilePowerManagerImpl final : public FilePowerManager {
   std::int64_t attempted_ = -1;                  // the alarm last set; -1: none yet
   std::int64_t refusedLogged_ = -1;
   bool writeFailed_ = false;
+  std::size_t listBytes_ = 0;  // upper bound of the file's size
+  bool fullLogged_ = false;
+  bool keepOff_ = false;  // the file holds what could not be read
   bool noRtcLogged_ = false;
   std::uint64_t fileWrites_ = 0;
   std::unique_ptr<runloop::ObserverHandle> observer_;

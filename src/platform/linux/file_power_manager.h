@@ -31,7 +31,10 @@ class FilePowerManager : public PowerManager {
 };
 
 // Reads the list once, from the file ("<root>" is "/" or $NIGHTJAR_ROOT); a
-// missing file is an empty list, a bad one reads as empty and is logged. With
+// missing file is an empty list, a bad one (unreadable, corrupt or larger
+// than storedFileLimit()) reads as empty, is logged and kept beside as
+// "powerevents.plist.unreadable-<UTC date>". An entry that would make the file
+// larger than that limit is not listed (logged once). With
 // a `loop`, flushes before the loop sleeps, when a flushed alarm date has
 // passed (so the next entry takes over), hourly while the RTC refuses the
 // date, and at exit; the first pass sets the alarm. Also flushes when

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -21,8 +22,6 @@ namespace {
 constexpr std::string_view kStoreFolder = "/var/lib/nightjar";
 constexpr std::string_view kStoreFile = "/var/lib/nightjar/preferences.plist";
 constexpr std::string_view kForcedFile = "/etc/nightjar/forced.plist";
-// Anything larger is not a file this daemon wrote: treated as corrupt.
-constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
 
@@ -34,7 +33,7 @@ FileIdentity statIdentity(const std::string& path) {
   return identityOf(st);
 }
 
-enum class ReadOutcome { Ok, Missing, Empty, Unreadable, Corrupt };
+enum class ReadOutcome { Ok, Missing, Empty, Unreadable, TooLarge, Corrupt };
 
 struct ReadResult {
   ReadOutcome outcome = ReadOutcome::Ok;
@@ -66,15 +65,18 @@ ReadResult readDictionaryFile(const std::string& path) {
     return result;
   }
   std::string bytes;
-  if (static_cast<std::uint64_t>(st.st_size) > kMaxFileBytes) {
-    result.outcome = ReadOutcome::Corrupt;
-  } else if (int error = readBounded(fd.get(), bytes, kMaxFileBytes); error != 0) {
+  const std::size_t limit = storedFileLimit();
+  if (static_cast<std::uint64_t>(st.st_size) > limit) {
+    result.outcome = ReadOutcome::TooLarge;
+  } else if (int error = readBounded(fd.get(), bytes, limit); error != 0) {
     result.error = error;
     result.outcome = ReadOutcome::Unreadable;
+  } else if (bytes.size() > limit) {
+    result.outcome = ReadOutcome::TooLarge;
   } else if (bytes.empty()) {
     result.outcome = ReadOutcome::Empty;
   } else {
-    plist::Value document = plist::parseXml(bytes, {.maxBytes = kMaxFileBytes});
+    plist::Value document = plist::parseXml(bytes, {.maxBytes = limit});
     if (const plist::Dictionary* entries = document.asDictionary()) {
       result.entries = *entries;
     } else {
@@ -84,7 +86,26 @@ ReadResult readDictionaryFile(const std::string& path) {
   return result;
 }
 
-void logOutcome(const std::string& path, const ReadResult& result) {
+// Only a file that holds something the store cannot take is kept aside: a
+// missing or empty one holds nothing to lose.
+bool isUnreadable(ReadOutcome outcome) {
+  return outcome == ReadOutcome::Unreadable || outcome == ReadOutcome::TooLarge ||
+         outcome == ReadOutcome::Corrupt;
+}
+
+const char* describe(ReadOutcome outcome) {
+  switch (outcome) {
+    case ReadOutcome::TooLarge:
+      return "too large";
+    case ReadOutcome::Corrupt:
+      return "corrupt";
+    default:
+      return "unreadable";
+  }
+}
+
+// `keptAs`: where an unreadable file was moved, empty when it was not moved.
+void logOutcome(const std::string& path, const ReadResult& result, const std::string& keptAs) {
   switch (result.outcome) {
     case ReadOutcome::Ok:
       return;
@@ -96,15 +117,15 @@ void logOutcome(const std::string& path, const ReadResult& result) {
       logging::logMessage(LOG_INFO, "%s: Empty preferences file, reading as empty; path: %s",
                           "readPreferences", path.c_str());
       return;
-    case ReadOutcome::Unreadable:
-      logging::logMessage(LOG_ERR,
-                          "%s: Preferences file unreadable, reading as empty; path: %s; error: %d",
-                          "readPreferences", path.c_str(), result.error);
-      return;
-    case ReadOutcome::Corrupt:
-      logging::logMessage(LOG_ERR, "%s: Preferences file corrupt, reading as empty; path: %s",
-                          "readPreferences", path.c_str());
-      return;
+    default:
+      break;
+  }
+  if (!keptAs.empty()) {
+    logging::logMessage(LOG_ERR, "%s: Preferences file %s, kept as %s; reading as empty; path: %s",
+                        "readPreferences", describe(result.outcome), keptAs.c_str(), path.c_str());
+  } else {
+    logging::logMessage(LOG_ERR, "%s: Preferences file %s, reading as empty; path: %s; error: %d",
+                        "readPreferences", describe(result.outcome), path.c_str(), result.error);
   }
 }
 
@@ -113,6 +134,12 @@ void logOutcome(const std::string& path, const ReadResult& result) {
 struct TrackedFile {
   std::string path;
   std::optional<FileIdentity> known;  // none until first read
+  // A file the daemon writes is moved aside when it cannot be read, rather
+  // than overwritten by the next write; one that could not be moved blocks
+  // every write until it is.
+  bool keepsUnreadable = false;
+  bool blocked = false;
+  std::size_t bytes = 0;  // size of the version read
 
   // Re-reads into `entries` when the file changed since the last look;
   // answers whether it did.
@@ -122,9 +149,35 @@ struct TrackedFile {
       return false;
     ReadResult result = readDictionaryFile(path);
     known = result.identity.exists ? result.identity : now;
+    bytes = result.outcome == ReadOutcome::Ok ? static_cast<std::size_t>(result.identity.size) : 0;
     entries = std::move(result.entries);
-    logOutcome(path, result);
+    blocked = false;
+    std::string keptAs;
+    if (keepsUnreadable && isUnreadable(result.outcome)) {
+      keptAs = moveAside();
+      blocked = keptAs.empty();
+    }
+    logOutcome(path, result, keptAs);
     return true;
+  }
+
+  // Moves the unreadable file out of the way; answers where, or empty.
+  std::string moveAside() {
+    int error = 0;
+    std::string aside = keepAside(path, std::time(nullptr), error);
+    if (!aside.empty())
+      known = statIdentity(path);
+    return aside;
+  }
+
+  // Whether the file may be replaced: not while it holds what could not be read.
+  bool writable() {
+    if (blocked && !moveAside().empty()) {
+      blocked = false;
+      logging::logMessage(LOG_ERR, "%s: Unreadable preferences file moved aside; path: %s",
+                          "writePreferences", path.c_str());
+    }
+    return !blocked;
   }
 };
 
@@ -139,7 +192,7 @@ class FilePreferencesStore final : public PreferencesStore {
   explicit FilePreferencesStore(std::string root)
       : root_(std::move(root)),
         folder_(underRoot(root_, kStoreFolder)),
-        store_{underRoot(root_, kStoreFile), {}},
+        store_{underRoot(root_, kStoreFile), {}, /*keepsUnreadable=*/true},
         forced_{underRoot(root_, kForcedFile), {}} {
     makeStoreFolder(root_);
     synchronize();
@@ -154,8 +207,10 @@ class FilePreferencesStore final : public PreferencesStore {
   }
 
   bool setValue(std::string_view key, const plist::Value& value) override {
-    if (store_.refresh(values_))
+    if (store_.refresh(values_)) {
+      storedBytes_ = store_.bytes;
       unsaved_ = false;
+    }
     auto it = values_.find(key);
     bool unchanged = value ? it != values_.end() && it->second == value : it == values_.end();
     // Save-on-change writes the same state often; an unchanged store needs no write.
@@ -173,6 +228,7 @@ class FilePreferencesStore final : public PreferencesStore {
 
   void synchronize() override {
     if (store_.refresh(values_)) {
+      storedBytes_ = store_.bytes;
       unsaved_ = false;
     } else if (unsaved_) {
       write();
@@ -182,10 +238,21 @@ class FilePreferencesStore final : public PreferencesStore {
 
   bool isForced(std::string_view key) override { return forcedValues_.contains(key); }
 
+  std::size_t storedBytes() const override { return storedBytes_; }
+
+  std::size_t maxStoredBytes() const override { return storedFileLimit(); }
+
  private:
   bool write() {
     std::string document = plist::writeXml(plist::Value::dictionary(values_));
-    int error = makeStoreFolder(root_);
+    storedBytes_ = document.size();
+    // What would not be read back is not written: the file keeps the last
+    // state that fits. The requests refuse changes long before this.
+    int error = document.size() > storedFileLimit() ? EFBIG : 0;
+    if (error == 0 && !store_.writable())
+      error = EEXIST;
+    if (error == 0)
+      error = makeStoreFolder(root_);
     if (error == 0)
       error = writeFileAtomically(folder_, store_.path, document, kFileMode);
     unsaved_ = error != 0;
@@ -201,6 +268,7 @@ class FilePreferencesStore final : public PreferencesStore {
   TrackedFile forced_;
   plist::Dictionary values_;
   plist::Dictionary forcedValues_;
+  std::size_t storedBytes_ = 0;
   bool unsaved_ = false;  // the view holds changes that are not on disk
 };
 

@@ -3,9 +3,12 @@
 //                                                 dictionary written only by the daemon
 //   "<root>/etc/nightjar/forced.plist"            an administrator's dictionary of
 //                                                 key -> forced value, read only
-// A missing, empty, unreadable, oversized (over 16 MiB) or corrupt file reads
-// as an empty dictionary; the fact is logged once per version of the file.
-// Every write is atomic: a failed write leaves the previous file whole.
+// A missing, empty, unreadable, oversized (over storedFileLimit()) or corrupt
+// file reads as an empty dictionary; the fact is logged once per version of
+// the file. The store's own file, when it holds something that cannot be read,
+// is first renamed "preferences.plist.unreadable-<UTC date>" so that no write
+// destroys it. Every write is atomic: a failed write leaves the previous file
+// whole, and a store larger than the limit is never written.
 #pragma once
 
 #include <memory>

@@ -7,6 +7,8 @@
 
 #include "api/dispatcher_testing.h"
 #include "model/validation.h"
+#include "state/saved_state.h"
+#include "state/saved_state_size.h"
 
 namespace nightjar::api::testing {
 namespace {
@@ -105,6 +107,46 @@ TEST_F(SchedulerRequestTest, WithoutSchedulerOrEventList) {
        refusal(model::refusal::kInvalidParameter,
                Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
   });
+}
+
+TEST_F(SchedulerRequestTest, AChangeThatWouldPassTheSavedStateLimitIsRefusedAndChangesNothing) {
+  // Room for three events and half a kilobyte more, once the reserve is taken.
+  const std::size_t perEvent = state::savedEventBytes(validEvent("e0"));
+  preferences_.limitStoredBytes((3 * perEvent + 512) * 16 / 15);
+  state::savedStateSizeSaved();
+  for (const char* id : {"e0", "e1", "e2"})
+    ASSERT_EQ(dispatch(request("scheduler.set", validEvent(id))), response(200));
+  PostRecorder posts(model::eventListGet());
+  const std::vector<Value> before = held();
+  const Value tooLarge = refusal(model::refusal::kSavedStateTooLarge);
+  expect({
+      {"one more event", request("scheduler.set", validEvent("e3")), tooLarge},
+      {"a list longer than the held one",
+       request("scheduler.setevents",
+               A({validEvent("a"), validEvent("b"), validEvent("c"), validEvent("d")})),
+       tooLarge},
+      {"a notify period", request("notifications.setnotifyperiod", R(60)), tooLarge},
+      {"a delay", request("notifications.delay", Dict({{"uniqueid", S("e0")}, {"seconds", I(60)}})),
+       tooLarge},
+      {"a removal always fits", request("scheduler.remove", S("nothing")), response(400)},
+  });
+  EXPECT_EQ(held(), before);
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_EQ(tooLarge.get("reason"), S("Saved state would be too large"));
+  EXPECT_EQ(tooLarge.get("error"), I(413));
+
+  // Enabling queues every event again, which could not be saved either.
+  ASSERT_EQ(dispatch(request("scheduler.setenabled", B(false))), response(200));
+  EXPECT_EQ(dispatch(request("scheduler.setenabled", B(true))), tooLarge);
+  EXPECT_EQ(dispatch(request("scheduler.enabled")), response(200, B(false)));
+
+  // A list that replaces the held one counts only itself.
+  EXPECT_EQ(dispatch(request("scheduler.setevents", A({validEvent("a"), validEvent("b")}))),
+            response(200));
+  EXPECT_EQ(held().size(), 2u);
+  // A save measures the state afresh.
+  ASSERT_TRUE(state::persistenceSave());
+  EXPECT_EQ(state::savedStateProjectedBytes(), preferences_.storedBytes());
 }
 
 TEST(SchedulerOperations, RefuseAMissingArgument) {

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "platform/preferences_store.h"
+#include "plist/xml.h"
 
 namespace nightjar::fakes {
 
@@ -20,6 +21,7 @@ class FakePreferencesStore final : public platform::PreferencesStore {
   bool setValue(std::string_view key, const plist::Value& value) override {
     ++writes_;
     view_ = value ? view_.with(key, value) : view_.without(key);
+    storedBytes_ = plist::writeXml(view_).size();
     if (failWrites_)
       return false;
     disk_ = view_;
@@ -37,10 +39,13 @@ class FakePreferencesStore final : public platform::PreferencesStore {
   }
 
   bool isForced(std::string_view key) override { return forced_.contains(key); }
+  std::size_t storedBytes() const override { return storedBytes_; }
+  std::size_t maxStoredBytes() const override { return maxStoredBytes_; }
 
   // Switches.
   void force(std::string_view key, plist::Value value) { forced_[std::string(key)] = value; }
   void failWrites(bool fail) { failWrites_ = fail; }
+  void limitStoredBytes(std::size_t bytes) { maxStoredBytes_ = bytes; }
   // Another process changes the store: seen after the next synchronize().
   void changeExternally(std::string_view key, plist::Value value) {
     disk_ = value ? disk_.with(key, value) : disk_.without(key);
@@ -59,6 +64,8 @@ class FakePreferencesStore final : public platform::PreferencesStore {
   bool failWrites_ = false;
   bool changedExternally_ = false;
   int writes_ = 0;
+  std::size_t storedBytes_ = 0;
+  std::size_t maxStoredBytes_ = platform::kMaxStoredFileBytes;
 };
 
 }  // namespace nightjar::fakes

@@ -12,12 +12,14 @@
 #include <random>
 #include <sstream>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fakes/fake_clock.h"
 #include "fakes/recording_log_sink.h"
 #include "platform/linux/file_power_manager.h"
+#include "platform/stored_file_limit.h"
 #include "platform/temporary_root.h"
 #include "plist/describe.h"
 #include "plist/xml.h"
@@ -150,19 +152,32 @@ TEST_F(FilePowerManagerTest, EntriesSurviveARestartAndAreNeverDuplicated) {
   EXPECT_EQ(manager->fileWrites(), 0u);  // nothing changed since the restart
 }
 
-TEST_F(FilePowerManagerTest, ABadFileReadsAsEmptyAndIsLoggedOnce) {
-  for (const std::string& bad : {std::string("garbage"), plist::writeXml(Value::string("x"))}) {
+TEST_F(FilePowerManagerTest, ABadFileReadsAsEmptyIsKeptAsideAndIsLoggedOnce) {
+  const fs::path folder = fs::path(root / kListFile).parent_path();
+  std::map<std::string, std::uintmax_t> kept;  // name -> size
+  for (const std::string& bad :
+       {std::string("garbage"), plist::writeXml(Value::string("x")), std::string("oversized")}) {
     writeFile(root / kListFile, bad);
+    if (bad == "oversized")
+      fs::resize_file(root / kListFile, kMaxStoredFileBytes + 1);
+    const std::uintmax_t size = fs::file_size(root / kListFile);
     log.lines.clear();
     auto manager = open();
     EXPECT_EQ(manager->copyEntries(), Value::array({}));
     ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_NE(log.lines[0].second.find("Power events file unreadable or corrupt"),
+    EXPECT_NE(log.lines[0].second.find("Power events file unreadable or corrupt, kept as "),
               std::string::npos);
     manager->schedule(clock.now() + 10, "quillon.nightjar.x", "wake");
     manager->flush();
-    EXPECT_EQ(listFile().count(), 1u);  // replaced by a good file
+    EXPECT_EQ(listFile().count(), 1u);  // a good file beside the bad one, kept whole
+    for (const auto& file : fs::directory_iterator(folder)) {
+      const std::string name = file.path().filename();
+      if (name.starts_with("powerevents.plist.unreadable-") && !kept.contains(name))
+        kept[name] = size == fs::file_size(file.path()) ? size : 0;
+    }
   }
+  EXPECT_EQ(kept.size(), 3u);
+  EXPECT_FALSE(std::any_of(kept.begin(), kept.end(), [](const auto& k) { return k.second == 0; }));
   // Well-formed entries of a partly bad file are kept.
   writeFile(root / kListFile,
             plist::writeXml(Value::array({entry(clock.now() + 5, "a", "wake"), Value::string("x"),

@@ -9,6 +9,8 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 #include "fakes/recording_log_sink.h"
 #include "persistence/preferences.h"
 #include "platform/linux/file_preferences_store.h"
+#include "platform/stored_file_limit.h"
 #include "plist/xml.h"
 
 namespace nightjar::platform::linux_adapter {
@@ -59,6 +62,16 @@ class PreferencesAdapterTest : public ::testing::Test {
   std::size_t folderEntries() const {
     return std::distance(fs::directory_iterator(folder()), fs::directory_iterator());
   }
+  // The texts of the files kept aside as unreadable, by name.
+  std::map<std::string, std::string> keptAside() const {
+    std::map<std::string, std::string> kept;
+    for (const auto& entry : fs::directory_iterator(folder())) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with("preferences.plist.unreadable-"))
+        kept[name] = entry.is_regular_file() ? readFile(entry.path()) : "";
+    }
+    return kept;
+  }
 
   fs::path root_;
   testing::RecordingLogSink log_;
@@ -88,7 +101,7 @@ TEST_F(PreferencesAdapterTest, BadFilesReadAsEmptyAndAreLoggedOncePerVersion) {
       ASSERT_EQ(::mkfifo(file().c_str(), 0644), 0);
     } else if (kind == "oversized") {
       writeFile(file(), plistText({{"k", Value::real(1)}}));
-      fs::resize_file(file(), 17 * 1024 * 1024);
+      fs::resize_file(file(), kMaxStoredFileBytes + 1);
     } else if (kind == "array") {
       writeFile(file(), plist::writeXml(Value::array({})));
     } else {
@@ -100,6 +113,10 @@ TEST_F(PreferencesAdapterTest, BadFilesReadAsEmptyAndAreLoggedOncePerVersion) {
     store->synchronize();
     EXPECT_TRUE(store->copyValue("k").isNone());
     EXPECT_EQ(log_.lines.size(), 2u);  // this file, and the missing forced file
+    // What could not be read is kept beside, not written over.
+    ASSERT_TRUE(store->setValue("k", Value::real(2)));
+    EXPECT_EQ(keptAside().size(), kind == "empty" ? 0u : 1u);
+    EXPECT_EQ(folderEntries(), kind == "empty" ? 1u : 2u);
   }
 }
 
@@ -114,11 +131,18 @@ TEST_F(PreferencesAdapterTest, FileReplacedByGarbageWhileRunning) {
   ASSERT_EQ(log_.lines.size(), 1u);
   EXPECT_EQ(log_.lines[0].first, LOG_ERR);
   EXPECT_NE(log_.lines[0].second.find("corrupt"), std::string::npos);
+  EXPECT_NE(log_.lines[0].second.find("kept as " + file().string() + ".unreadable-"),
+            std::string::npos);
   writeFile(file(), "still <garbage>");  // another bad version is logged again
   store->synchronize();
   EXPECT_EQ(log_.lines.size(), 2u);
   ASSERT_TRUE(store->setValue("j", Value::real(2)));  // and the next write repairs the file
   EXPECT_EQ(plist::parseXml(readFile(file())), Value::dictionary({{"j", Value::real(2)}}));
+  std::multiset<std::string> kept;
+  for (const auto& [name, text] : keptAside())
+    kept.insert(text);
+  EXPECT_EQ(kept, (std::multiset<std::string>{"<plist><dict><key>k</key>", "still <garbage>"}));
+  EXPECT_EQ(store->storedBytes(), readFile(file()).size());
 }
 
 TEST_F(PreferencesAdapterTest, ChangeByAnotherProcessIsSeenAndKeptByTheNextWrite) {

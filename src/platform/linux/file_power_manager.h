@@ -32,9 +32,9 @@ class FilePowerManager : public PowerManager {
 
 // Reads the list once, from the file ("<root>" is "/" or $NIGHTJAR_ROOT); a
 // missing file is an empty list, a bad one reads as empty and is logged. With
-// a `loop`, flushes before the loop sleeps, when a flushed alarm date has
-// passed (so the next entry takes over), hourly while the RTC refuses the
-// date, and at exit; the first pass sets the alarm. Also flushes when
+// a `loop`, flushes at the end of each pass (its first stage), when a flushed
+// alarm date has passed (so the next entry takes over), hourly while the RTC
+// refuses the date, and at exit; the first pass sets the alarm. Also flushes when
 // destroyed. `clock` must outlive it.
 std::unique_ptr<FilePowerManager> makeFilePowerManager(
     const std::string& root, runloop::RunLoop* loop,

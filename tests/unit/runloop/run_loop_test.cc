@@ -25,7 +25,7 @@ class RunLoopTest : public LoopTest {
   void writeByte() { ASSERT_EQ(write(fds[1], "x", 1), 1); }
   // Records each activity as "wait" or "exit"; stops the loop at `stopAtWait`.
   std::unique_ptr<ObserverHandle> recordingObserver(int stopAtWait) {
-    return loop->addObserver([this, stopAtWait](Activity activity) {
+    return loop->addObserver(PassStage::SaveState, [this, stopAtWait](Activity activity) {
       log.push_back(activity == Activity::Exit ? "exit" : "wait");
       if (activity == Activity::BeforeWaiting && ++waits == stopAtWait) {
         loop->stop();
@@ -104,6 +104,40 @@ TEST_F(RunLoopTest, StopInsideACallbackEndsRunWithExitInsteadOfWait) {
   EXPECT_EQ(log, (std::vector<std::string>{"wait", "timer", "exit"}));
 }
 
+TEST_F(RunLoopTest, StagesRunInTheirOrderWhateverTheOrderOfAdding) {
+  const std::vector<PassStage> inOrder = {PassStage::WakeEntries, PassStage::SaveState,
+                                          PassStage::ReleaseReplies, PassStage::Broadcast};
+  const std::vector<std::vector<int>> addingOrders = {{0, 1, 2, 3}, {3, 2, 1, 0}, {2, 0, 3, 1}};
+  for (const std::vector<int>& adding : addingOrders) {
+    auto pass = RunLoop::create();
+    std::vector<std::string> seen;
+    std::vector<std::unique_ptr<ObserverHandle>> observers;
+    for (int stage : adding) {
+      observers.push_back(pass->addObserver(inOrder[stage], [&, stage](Activity activity) {
+        seen.push_back((activity == Activity::Exit ? "exit " : "wait ") + std::to_string(stage));
+        if (activity == Activity::BeforeWaiting && stage == 3)
+          pass->stop();
+      }));
+    }
+    EXPECT_EQ(pass->run(), 0);
+    EXPECT_EQ(seen, (std::vector<std::string>{"wait 0", "wait 1", "wait 2", "wait 3", "exit 0",
+                                              "exit 1", "exit 2", "exit 3"}));
+  }
+}
+
+TEST_F(RunLoopTest, ASourceThatIsAlwaysReadyCannotPostponeTheEndOfAPass) {
+  writeByte();  // never read: the fd stays ready for as long as the loop runs
+  unsigned callbacks = 0;
+  auto source = loop->addFd(fds[0], EPOLLIN, [&](std::uint32_t) { ++callbacks; });
+  auto observer = loop->addObserver(PassStage::ReleaseReplies, [&](Activity activity) {
+    if (activity == Activity::BeforeWaiting && callbacks > 0)
+      loop->stop();
+  });
+  runLoop();
+  EXPECT_GT(callbacks, 0u);
+  EXPECT_LE(callbacks, RunLoop::kMaxDispatchesPerPass);
+}
+
 TEST_F(RunLoopTest, DestroyedObserverIsNeverCalled) {
   auto observer = recordingObserver(/*stopAtWait=*/0);
   observer.reset();
@@ -114,7 +148,7 @@ TEST_F(RunLoopTest, DestroyedObserverIsNeverCalled) {
 
 TEST_F(RunLoopTest, ObserverMayDestroyItsOwnHandle) {
   std::unique_ptr<ObserverHandle> observer;
-  observer = loop->addObserver([&](Activity) {
+  observer = loop->addObserver(PassStage::SaveState, [&](Activity) {
     ++waits;
     observer.reset();
   });

@@ -427,3 +427,73 @@ def test_a_changed_event_is_warned_again_and_a_disabled_one_leaves(api, root, br
     assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
     assert broadcasts.wait_for("scheduler.events", count=before + 1)
     assert [e["enabled"] for e in client.call("scheduler.events")["response"]] == [False]
+
+
+
+def wake_on(date):
+    return once_event("up", "start up or wake", date)
+
+
+def step(name, parameter, *seconds):
+    """A request, and the wake entries its reply must find already written: seconds after
+    the event's date."""
+    return (lambda client, root, date: client.call(name, parameter(date)),
+            lambda date: [date + datetime.timedelta(seconds=s) for s in seconds])
+
+
+def moved_by_zone(date):
+    """Where a daily occurrence at `date`'s time of day goes nine hours ahead of UTC."""
+    moved = date - datetime.timedelta(hours=9)
+    while moved <= utc_in(120):
+        moved += datetime.timedelta(days=1)
+    return [moved]
+
+
+def switch_zone(client, root, date):
+    """Switches to nine hours ahead of UTC; answers the first reply that shows the move."""
+    zone = root / "etc/localtime"
+    zone.unlink()
+    zone.write_bytes(open("/usr/share/zoneinfo/Etc/GMT-9", "rb").read())
+
+    def moved_reply():
+        reply = client.call("notifications.pending")
+        dates = [e["trigger"]["date"] for e in reply.get("response", [])]
+        return reply if dates == moved_by_zone(date) else None
+
+    return wait_until(moved_reply)
+
+
+SET = step("scheduler.set", wake_on, 0)
+DELAY = step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600}, 600)
+DAILY = step("scheduler.set",
+             lambda date: daily_event("up", "start up or wake", seconds_of_day(date)), 0)
+# Each case: its steps in order; the event's date is three hours ahead.
+ENTRY_CASES = {
+    "set": [SET],
+    "remove": [SET, step("scheduler.remove", lambda date: "up")],
+    "delay": [SET, DELAY],
+    "cancel": [SET, step("notifications.cancel", lambda date: "up")],
+    "reset": [SET, DELAY, step("notifications.reset", lambda date: "up", 0)],
+    "setenabled": [SET, step("scheduler.setenabled", lambda date: False),
+                   step("scheduler.setenabled", lambda date: True, 0)],
+    "zone switch": [DAILY, (switch_zone, moved_by_zone)],
+}
+
+
+@pytest.mark.parametrize("steps", ENTRY_CASES.values(), ids=ENTRY_CASES.keys())
+def test_the_wake_entries_are_written_before_the_reply_leaves(api, root, steps):
+    _, client = api
+    saved = root / "var/lib/nightjar/powerevents.plist"
+    alarm = root / "sys/class/rtc/rtc0/wakealarm"
+    date = utc_in(3 * 3600)
+    for number, (request, expected) in enumerate(steps):
+        reply = request(client, root, date)
+        # Read at once, before any later pass of the daemon could write them.
+        entries = plistlib.loads(saved.read_bytes()) if saved.exists() else []
+        rtc = alarm.read_text().strip()
+        assert reply and reply["status"] == 200, (number, reply)
+        dates = expected(date)
+        assert [(e["eventtype"], e["time"]) for e in entries] == \
+            [("wakepoweron", d) for d in dates], number
+        epochs = [str(int(d.replace(tzinfo=datetime.timezone.utc).timestamp())) for d in dates]
+        assert rtc == epochs[0] if epochs else rtc in ("", "0"), (number, rtc)

@@ -31,9 +31,9 @@ std::unique_ptr<RunLoop> RunLoop::create() {
     return nullptr;
   }
   // Post sources (the end of a pass) run only after some other source was
-  // dispatched. This one-shot, do-nothing source makes the first
-  // pass such a pass, so work queued before run() is seen at once. It floats:
-  // the loop frees it.
+  // dispatched. This one-shot, do-nothing source makes the first pass such a
+  // pass, so work queued before run() is seen at once. It floats: the loop
+  // frees it.
   if (sd_event_add_defer(event, nullptr, noWork, nullptr) < 0) {
     sd_event_unref(event);
     return nullptr;

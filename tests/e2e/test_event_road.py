@@ -381,8 +381,7 @@ def test_a_changed_event_is_warned_again_and_a_disabled_one_leaves(api, root, br
 
 
 
-def step(name, parameter, *seconds):
-    """A request, and the wake entries its reply finds written: seconds after the date."""
+def step(name, parameter, *seconds):  # a request; its entries, seconds after the date
     return (lambda client, root, date: client.call(name, parameter(date)),
             lambda date: [date + datetime.timedelta(seconds=s) for s in seconds])
 

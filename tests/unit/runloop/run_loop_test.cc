@@ -117,7 +117,6 @@ TEST(RunLoopStagesTest, RunInTheirOrderWhateverTheOrderOfAddingAndAtExit) {
       }));
     }
     EXPECT_EQ(loop->run(), 0);
-    // Entries, state, replies, broadcasts.
     EXPECT_EQ(seen, "w0w1w2w3x0x1x2x3");
   }
 }

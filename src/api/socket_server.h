@@ -46,7 +46,7 @@ using SocketServerPtr = std::unique_ptr<SocketServer, SocketServerDeleter>;
 // towards the 100) until socketServerReleaseReplies. A connection with a held
 // reply reads nothing more meanwhile. Meant for replies that may leave only
 // once the state they acknowledge is on disk: hold when the state changes,
-// release from a before-waiting observer after the save.
+// release in the end of a pass, after the wake entries and the save.
 void socketServerHoldReplies(SocketServer* server);
 // Writes the held replies and lets every connection go on; later replies
 // leave at once again. Handlers run only on later callbacks, never inside

@@ -112,14 +112,18 @@ void createAuthorization(Daemon& daemon) {
   api::authorizationCreate(std::move(ports));
 }
 
-// The state is saved before the loop sleeps after any change. A reply to a
-// request leaves only once the state it changed is on disk: replies are held
-// from the first change of a pass until that pass's save.
+// The state is saved at the end of each pass with a change. A reply to a
+// request leaves only once what it changed is on disk: replies are held from
+// the first change of a pass until the end of that pass, whose stages write
+// the wake entries, then the state, then release the replies (with the code
+// each earned, also when the save failed), then broadcast.
 void createStateSaving(Daemon& daemon) {
   state::persistenceControllerCreate();
+  daemon.replyRelease = daemon.loop->addObserver(
+      runloop::PassStage::ReleaseReplies,
+      [&daemon](runloop::Activity) { api::socketServerReleaseReplies(daemon.server.get()); });
   state::SaveOnChangeHooks hooks;
   hooks.onDirty = [&daemon] { api::socketServerHoldReplies(daemon.server.get()); };
-  hooks.onSaved = [&daemon] { api::socketServerReleaseReplies(daemon.server.get()); };
   state::saveOnChangeObserverCreate(daemon.loop.get(), std::move(hooks));
 }
 
@@ -190,6 +194,7 @@ bool openApiSocket(Daemon& daemon) {
 }
 
 void tearDownModules(Daemon& daemon) {
+  daemon.replyRelease.reset();
   daemon.server.reset();
   relayDestroy();
   state::persistenceSave();

@@ -36,6 +36,8 @@ struct Daemon {
   // the one it watches, and refreshing the C library's zone is all this does.
   std::unique_ptr<platform::TimeZoneSource> zone;
   api::SocketServerPtr server;
+  // The end of a pass's ReleaseReplies stage: lets the held replies go.
+  std::unique_ptr<runloop::ObserverHandle> replyRelease;
 };
 
 // Builds every module up to and including the relay; needs `loop`.

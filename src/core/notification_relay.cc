@@ -22,7 +22,8 @@ bool relayCreate() {
     return false;
   auto relay = std::make_unique<NotificationRelay>();
   NotificationRelay* raw = relay.get();
-  relay->observer = loop->addObserver([raw](runloop::Activity) { relayFlush(raw); });
+  relay->observer = loop->addObserver(runloop::PassStage::Broadcast,
+                                      [raw](runloop::Activity) { relayFlush(raw); });
   if (relay->observer == nullptr)
     return false;
   slot() = std::move(relay);

@@ -1,7 +1,8 @@
 // The relay of internal changes to other processes: it remembers the names of
 // notifications posted by chosen objects, drops repeats, and hands each name to
-// its callbacks once the run loop has finished its burst of work (before it
-// sleeps, or when it exits). A burst of changes leaves as one broadcast per name.
+// its callbacks at the end of each run-loop pass (before it sleeps, or when it
+// exits), as the pass's last step, once the changes are on disk and their
+// replies have left. A burst of changes leaves as one broadcast per name.
 #pragma once
 
 #include <functional>

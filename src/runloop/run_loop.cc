@@ -1,5 +1,7 @@
 #include "runloop/run_loop.h"
 
+#include <cerrno>
+
 #include "runloop/owned_callback.h"
 
 namespace nightjar::runloop {
@@ -28,15 +30,18 @@ std::unique_ptr<RunLoop> RunLoop::create() {
   if (sd_event_new(&event) < 0) {
     return nullptr;
   }
-  // Post sources (the before-waiting observers) run only after some other
-  // source was dispatched. This one-shot, do-nothing source makes the first
-  // pass such a pass, so work queued before run() is seen at once. It floats:
-  // the loop frees it.
+  // Post sources (the end of a pass) run only after some other source was
+  // dispatched. This one-shot, do-nothing source makes the first pass such a
+  // pass, so work queued before run() is seen at once. It floats: the loop
+  // frees it.
   if (sd_event_add_defer(event, nullptr, noWork, nullptr) < 0) {
     sd_event_unref(event);
     return nullptr;
   }
   std::unique_ptr<RunLoop> loop(new RunLoop(event));
+  if (!loop->addPassSources()) {
+    return nullptr;
+  }
   currentLoop = loop.get();
   return loop;
 }
@@ -45,6 +50,8 @@ RunLoop::~RunLoop() {
   if (currentLoop == this) {
     currentLoop = nullptr;
   }
+  beforeWaiting_.reset();
+  exit_.reset();
   // Sources still held elsewhere keep the sd_event alive until they go.
   sd_event_unref(event_);
 }
@@ -53,9 +60,28 @@ RunLoop* RunLoop::current() {
   return currentLoop;
 }
 
+// sd_event_loop, plus the bound on work between two ends of a pass. sd-event
+// dispatches one source per sd_event_run, the highest priority first, and the
+// end of a pass waits at idle priority, so readable client sockets (normal
+// priority) would postpone it for as long as clients keep sending. Counting
+// the callbacks since the last end of a pass and, past the bound, ending the
+// pass right here, between two callbacks, caps that wait whatever the
+// clients send. The post source still runs when the burst is over; a pass
+// with nothing new costs little.
 int RunLoop::run() {
-  const int r = sd_event_loop(event_);
-  return r < 0 ? r : 0;
+  while (sd_event_get_state(event_) != SD_EVENT_FINISHED) {
+    const std::uint64_t passes = passes_;
+    const int r = sd_event_run(event_, UINT64_MAX);
+    if (r < 0) {
+      return r;
+    }
+    int exitCode = 0;
+    const bool exiting = sd_event_get_exit_code(event_, &exitCode) != -ENODATA;
+    if (r > 0 && passes_ == passes && !exiting && ++dispatchesSincePass_ >= kMaxDispatchesPerPass) {
+      endPass(Activity::BeforeWaiting);
+    }
+  }
+  return 0;
 }
 
 void RunLoop::stop() {

@@ -1,5 +1,6 @@
 // The daemon's one run loop, over sd-event: fd sources, wall-clock timers,
-// before-sleep and exit observers. Run-loop thread only.
+// and the end of a pass (before the loop sleeps, and at exit). Run-loop
+// thread only.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -28,11 +29,21 @@ class Source {
 
 enum class Activity { BeforeWaiting, Exit };
 
+// The steps of the end of a pass, in the order in which they run, whatever the
+// order in which their observers were added. Everything a change causes
+// outside memory happens before the reply that acknowledges it leaves: the
+// wake entries and the RTC, then the saved state, then the held replies (also
+// after a failed save: the change is in effect in memory), and last the
+// broadcasts to other processes.
+enum class PassStage { WakeEntries, SaveState, ReleaseReplies, Broadcast };
+
 // Keeps an observer registered; destroying it removes the observer.
 class ObserverHandle {
  public:
   virtual ~ObserverHandle() = default;
 };
+
+struct PassObservers;
 
 class RunLoop {
  public:
@@ -47,6 +58,9 @@ class RunLoop {
   static RunLoop* current();
 
   // Runs until stop(). Answers 0, or a negative errno when the loop failed.
+  // The end of a pass runs once a burst of work is done, and also after at
+  // most kMaxDispatchesPerPass callbacks in a row, so that no stream of
+  // input, however steady, can postpone it.
   int run();
   // Ends run() once the current callback returns; exit observers run then.
   void stop();
@@ -62,17 +76,35 @@ class RunLoop {
   // addTimer as a TimerFactory; the run loop must outlive the factory's use.
   TimerFactory timerFactory();
 
+  // How many callbacks may run in a row before the end of a pass runs
+  // between them.
+  static constexpr unsigned kMaxDispatchesPerPass = 32;
+
   using ObserverCallback = std::function<void(Activity)>;
-  // Calls `callback` once a burst of work is done, before the loop would sleep
-  // (BeforeWaiting), and when the loop exits (Exit). The first pass counts, so
-  // work queued before run() is seen. Answers nullptr on failure.
-  std::unique_ptr<ObserverHandle> addObserver(ObserverCallback callback);
+  // Calls `callback` at the end of every pass, in its `stage`: once a burst of
+  // work is done, before the loop would sleep, or after kMaxDispatchesPerPass
+  // callbacks (BeforeWaiting), and when the loop exits (Exit). The first pass
+  // counts, so work queued before run() is seen. Observers of one stage run
+  // in the order added. Never answers nullptr.
+  std::unique_ptr<ObserverHandle> addObserver(PassStage stage, ObserverCallback callback);
 
   sd_event* event() const { return event_; }
 
  private:
-  explicit RunLoop(sd_event* event) : event_(event) {}
+  explicit RunLoop(sd_event* event);
+  // Adds the sources that end a pass: a post source and an exit source.
+  bool addPassSources();
+  // Runs every observer, stage by stage.
+  void endPass(Activity activity);
+  static int onBeforeWaiting(sd_event_source* source, void* userdata);
+  static int onExit(sd_event_source* source, void* userdata);
+
   sd_event* event_;
+  std::shared_ptr<PassObservers> observers_;
+  std::unique_ptr<Source> beforeWaiting_;
+  std::unique_ptr<Source> exit_;
+  unsigned dispatchesSincePass_ = 0;
+  std::uint64_t passes_ = 0;
 };
 
 }  // namespace nightjar::runloop

@@ -37,9 +37,8 @@ bool saveOnChangeObserverCreate(runloop::RunLoop* loop, SaveOnChangeHooks hooks)
   observer->hooks = std::move(hooks);
   SaveOnChangeObserver* raw = observer.get();
   observer->runLoopObserver =
-      loop->addObserver([raw](runloop::Activity) { saveOnChangeObserverRunPass(raw); });
-  if (!observer->runLoopObserver)
-    return false;
+      loop->addObserver(runloop::PassStage::SaveState,
+                        [raw](runloop::Activity) { saveOnChangeObserverRunPass(raw); });
   runloop::localCenter().addObserver(
       raw, [raw](std::string_view, const void*, const plist::Value&) { markDirty(raw); },
       std::nullopt, nullptr);
@@ -71,8 +70,6 @@ void saveOnChangeObserverRunPass(SaveOnChangeObserver* observer) {
         LOG_ERR, "Failed to save the state; the last saved state is kept and the save is retried.");
     observer->failing = true;
   }
-  if (observer->hooks.onSaved)
-    observer->hooks.onSaved();
 }
 
 bool saveOnChangeObserverIsDirty(const SaveOnChangeObserver* observer) {

@@ -114,9 +114,13 @@ class PrivateBus:
         self.process = subprocess.Popen(
             ["dbus-daemon", "--nofork", f"--config-file={config}"],
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-        if not wait_until(self.socket.exists, timeout=10):
+        if not wait_until(self._listening, timeout=10):  # bound a moment before it listens
             self.stop()
             raise RuntimeError("private dbus-daemon did not start")
+
+    def _listening(self):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+            return probe.connect_ex(str(self.socket)) == 0
 
     def stop(self):
         if self.process.poll() is None:

@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from nightjar_client import Client, ConnectionClosed, socket_path
+from nightjar_client import Client, ConnectionClosed, dict_message, socket_path
 from test_event_road import once_event, utc_in
 
 CRASH_KILLS = int(os.environ.get("NIGHTJAR_CRASH_KILLS", "200"))
@@ -129,3 +129,33 @@ def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
             {"status": 200}
         assert saved_ids(root) == {"before", "ro-1", "ro-2", "ro-3", "after"}
     assert daemon.process.poll() is None
+
+
+
+def flood(root, started, stop):
+    """Sends DICT messages that get no reply: each is read to its end and never closed."""
+    burst = dict_message(0, b"<plist><array>" + b"<string>unclosed</string>" * 4000) * 20
+    with Client(socket_path(root)) as client:
+        client.send_raw(burst)
+        started.release()
+        while not stop.is_set():
+            client.send_raw(burst)
+
+
+def test_a_flood_of_unparsable_requests_holds_back_no_other_reply(start_daemon, root):
+    assert start_daemon().wait_running()
+    started, stop = threading.Semaphore(0), threading.Event()
+    flooders = [threading.Thread(target=flood, args=(root, started, stop)) for _ in range(2)]
+    for flooder in flooders:
+        flooder.start()
+    try:
+        assert started.acquire(timeout=10) and started.acquire(timeout=10)
+        # Two seconds catch a reply held for as long as the flood goes on, not a slow one.
+        with Client(socket_path(root), timeout=2.0) as client:
+            event = once_event("calm", "restart", utc_in(3600))
+            assert client.call("scheduler.set", event) == {"status": 200}
+            assert "calm" in saved_ids(root)
+    finally:
+        stop.set()
+        for flooder in flooders:
+            flooder.join(timeout=10)

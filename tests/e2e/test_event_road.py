@@ -84,27 +84,6 @@ def test_a_sleep_event_suspends_through_logind(api, logind, broadcasts):
     assert daemon.process.poll() is None
 
 
-def test_a_wake_event_sets_the_rtc_and_the_power_event_list(api, root, broadcasts):
-    daemon, client = api
-    date = utc_in(3 * 3600)
-    assert client.call("scheduler.set", once_event("rise", "wake", date)) == {"status": 200}
-    epoch = int(date.replace(tzinfo=datetime.timezone.utc).timestamp())
-    alarm = root / "sys/class/rtc/rtc0/wakealarm"
-    assert wait_until(lambda: alarm.read_text().strip() == str(epoch)), alarm.read_text()
-
-    saved = root / "var/lib/nightjar/powerevents.plist"
-    assert wait_until(saved.exists)
-    entries = plistlib.loads(saved.read_bytes())
-    assert [(e["eventtype"], e["time"]) for e in entries] == [("wake", date)]
-    assert entries[0]["scheduledby"]
-
-    # Removing the event takes its entry away and clears the alarm.
-    assert client.call("scheduler.remove", "rise") == {"status": 200}
-    assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
-    assert wait_until(lambda: alarm.read_text().strip() in ("", "0"))
-    assert "event.willperform" not in broadcasts.names()
-
-
 def test_delay_cancel_and_reset_move_or_drop_the_pending_warning(api):
     _, client = api
     date = utc_in(3600)
@@ -180,25 +159,21 @@ def test_daily_times_keep_the_wake_lead_and_follow_the_time_zone(api, root):
         client.call("notifications.pending")
 
 
-def test_disabling_the_scheduler_drops_warnings_and_wake_entries(api, root, broadcasts):
+def test_disabling_the_scheduler_drops_warnings(api, broadcasts):
     _, client = api
     date = utc_in(7200)
     assert client.call("scheduler.set", once_event("w", "wake", date)) == {"status": 200}
     assert client.call("scheduler.set", dict(once_event("off", "shutdown", date),
                                              enabled=False)) == {"status": 200}
     assert pending_ids(client) == ["w"]
-    saved = root / "var/lib/nightjar/powerevents.plist"
-    assert wait_until(lambda: saved.exists() and len(plistlib.loads(saved.read_bytes())) == 1)
 
     assert client.call("scheduler.setenabled", False) == {"status": 200}
     assert client.call("scheduler.enabled") == {"status": 200, "response": False}
     assert pending_ids(client) == []
-    assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
     assert broadcasts.wait_for("scheduler.enabled")
 
     assert client.call("scheduler.setenabled", True) == {"status": 200}
     assert pending_ids(client) == ["w"]
-    assert wait_until(lambda: len(plistlib.loads(saved.read_bytes())) == 1)
 
 
 def test_delays_add_up(api):
@@ -241,32 +216,6 @@ def test_requests_that_are_not_dictionaries_are_refused_without_harm(api):
     assert reply["error"] == 405 and reply["reason"] == "Invalid parameter"
     assert client.call("build.version")["response"] == "nightjard v3.7.3"
     assert daemon.process.poll() is None
-
-
-def test_wake_entries_follow_a_changed_event(api, root):
-    _, client = api
-    saved = root / "var/lib/nightjar/powerevents.plist"
-    alarm = root / "sys/class/rtc/rtc0/wakealarm"
-
-    def entries():
-        return sorted((e["eventtype"], e["time"]) for e in plistlib.loads(saved.read_bytes())) \
-            if saved.exists() else None
-
-    first, later = utc_in(3 * 3600), utc_in(4 * 3600)
-    assert client.call("scheduler.set", once_event("rise", "wake", first)) == {"status": 200}
-    # An event the daemon carries out itself wakes the machine 30 seconds early.
-    assert client.call("scheduler.set", once_event("halt", "shutdown", later)) == \
-        {"status": 200}
-    expected = [("wake", first), ("wake", later - datetime.timedelta(seconds=30))]
-    assert wait_until(lambda: entries() == expected), entries()
-
-    moved = first + datetime.timedelta(hours=2)
-    assert client.call("scheduler.set", once_event("rise", "wake", moved)) == {"status": 200}
-    expected = sorted([("wake", moved), ("wake", later - datetime.timedelta(seconds=30))])
-    assert wait_until(lambda: entries() == expected), entries()
-    epoch = int((later - datetime.timedelta(seconds=30)).replace(
-        tzinfo=datetime.timezone.utc).timestamp())
-    assert wait_until(lambda: alarm.read_text().strip() == str(epoch)), alarm.read_text()
 
 
 def test_broadcasts_follow_changes_only(api, broadcasts):
@@ -427,3 +376,63 @@ def test_a_changed_event_is_warned_again_and_a_disabled_one_leaves(api, root, br
     assert wait_until(lambda: plistlib.loads(saved.read_bytes()) == [])
     assert broadcasts.wait_for("scheduler.events", count=before + 1)
     assert [e["enabled"] for e in client.call("scheduler.events")["response"]] == [False]
+
+
+
+
+
+def step(name, parameter, *seconds):  # a request; its entries, seconds after the date
+    return (lambda client, root, date: client.call(name, parameter(date)),
+            lambda date: [date + datetime.timedelta(seconds=s) for s in seconds])
+
+
+def moved_by_zone(date):
+    # Nine hours ahead of UTC, the time of day three hours ahead has passed today.
+    return [date + datetime.timedelta(hours=15)]
+
+
+def switch_zone(client, root, date):
+    """Answers the first reply after the switch that lists the moved occurrence."""
+    (root / "etc/localtime").unlink()
+    (root / "etc/localtime").write_bytes(open("/usr/share/zoneinfo/Etc/GMT-9", "rb").read())
+
+    def moved():
+        reply = client.call("notifications.pending")
+        return reply if [e["trigger"]["date"] for e in reply["response"]] == \
+            moved_by_zone(date) else None
+    return wait_until(moved)
+
+
+SET = step("scheduler.set", lambda date: once_event("up", "start up or wake", date), 0)
+DELAY = step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600}, 600)
+ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead
+    "set": [SET],
+    "change": [SET, step("scheduler.set", lambda date: once_event(
+        "up", "start up or wake", date + datetime.timedelta(hours=1)), 3600)],
+    "remove": [SET, step("scheduler.remove", lambda date: "up")],
+    "delay": [SET, DELAY],
+    "cancel": [SET, step("notifications.cancel", lambda date: "up")],
+    "reset": [SET, DELAY, step("notifications.reset", lambda date: "up", 0)],
+    "setenabled": [SET, step("scheduler.setenabled", lambda date: False),
+                   step("scheduler.setenabled", lambda date: True, 0)],
+    "zone switch": [step("scheduler.set", lambda date: daily_event(
+        "up", "start up or wake", seconds_of_day(date)), 0), (switch_zone, moved_by_zone)],
+}
+
+
+@pytest.mark.parametrize("steps", ENTRY_CASES.values(), ids=ENTRY_CASES.keys())
+def test_the_wake_entries_are_written_before_the_reply_leaves(api, root, steps):
+    _, client = api
+    date = utc_in(3 * 3600)
+    for number, (request, expected) in enumerate(steps):
+        reply = request(client, root, date)
+        # Read at once, before a later pass of the daemon could write them.
+        saved = root / "var/lib/nightjar/powerevents.plist"
+        entries = plistlib.loads(saved.read_bytes()) if saved.exists() else []
+        rtc = (root / "sys/class/rtc/rtc0/wakealarm").read_text().strip()
+        assert reply and reply["status"] == 200, (number, reply)
+        dates = expected(date)
+        assert [(e["eventtype"], e["time"]) for e in entries] == \
+            [("wakepoweron", d) for d in dates], number
+        assert rtc == (str(int(dates[0].replace(tzinfo=datetime.timezone.utc).timestamp()))
+                       if dates else "0"), number

@@ -140,7 +140,8 @@ class FilePowerManagerImpl final : public FilePowerManager {
         clock_(clock) {
     load();
     if (loop != nullptr) {
-      observer_ = loop->addObserver([this](runloop::Activity) { flush(); });
+      observer_ = loop->addObserver(runloop::PassStage::WakeEntries,
+                                    [this](runloop::Activity) { flush(); });
       alarmCheck_ = loop->addTimer([this] {
         alarmDue_ = true;
         flush();

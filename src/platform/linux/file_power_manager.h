@@ -34,8 +34,8 @@ class FilePowerManager : public PowerManager {
 // missing file is an empty list, a bad one (unreadable, corrupt or larger
 // than storedFileLimit()) reads as empty, is logged and kept beside as
 // "powerevents.plist.unreadable-<UTC date>". An entry that would make the file
-// larger than that limit is not listed (logged once). With
-// a `loop`, flushes before the loop sleeps, when a flushed alarm date has
+// larger than that limit is not listed (logged once). With a `loop`, flushes
+// at the end of each pass (its first stage), when a flushed alarm date has
 // passed (so the next entry takes over), hourly while the RTC refuses the
 // date, and at exit; the first pass sets the alarm. Also flushes when
 // destroyed. `clock` must outlive it.

@@ -25,7 +25,7 @@ class RunLoopTest : public LoopTest {
   void writeByte() { ASSERT_EQ(write(fds[1], "x", 1), 1); }
   // Records each activity as "wait" or "exit"; stops the loop at `stopAtWait`.
   std::unique_ptr<ObserverHandle> recordingObserver(int stopAtWait) {
-    return loop->addObserver([this, stopAtWait](Activity activity) {
+    return loop->addObserver(PassStage::SaveState, [this, stopAtWait](Activity activity) {
       log.push_back(activity == Activity::Exit ? "exit" : "wait");
       if (activity == Activity::BeforeWaiting && ++waits == stopAtWait) {
         loop->stop();
@@ -104,6 +104,35 @@ TEST_F(RunLoopTest, StopInsideACallbackEndsRunWithExitInsteadOfWait) {
   EXPECT_EQ(log, (std::vector<std::string>{"wait", "timer", "exit"}));
 }
 
+TEST(RunLoopStagesTest, RunInTheirOrderWhateverTheOrderOfAddingAndAtExit) {
+  for (const std::vector<int>& adding : {std::vector{0, 1, 2, 3}, {3, 2, 1, 0}, {2, 0, 3, 1}}) {
+    auto loop = RunLoop::create();
+    std::string seen;
+    std::vector<std::unique_ptr<ObserverHandle>> observers;
+    for (int stage : adding) {
+      observers.push_back(loop->addObserver(PassStage(stage), [&, stage](Activity activity) {
+        seen += (activity == Activity::Exit ? "x" : "w") + std::to_string(stage);
+        if (stage == 3 && activity == Activity::BeforeWaiting)
+          loop->stop();
+      }));
+    }
+    EXPECT_EQ(loop->run(), 0);
+    EXPECT_EQ(seen, "w0w1w2w3x0x1x2x3");
+  }
+}
+
+TEST_F(RunLoopTest, ASourceThatIsAlwaysReadyCannotPostponeTheEndOfAPass) {
+  writeByte();  // never read: the fd stays ready
+  unsigned callbacks = 0;
+  auto source = loop->addFd(fds[0], EPOLLIN, [&](std::uint32_t) { ++callbacks; });
+  auto observer = loop->addObserver(PassStage::ReleaseReplies, [&](Activity) {
+    if (callbacks > 0)
+      loop->stop();
+  });
+  runLoop();  // fails when the guard timer had to stop it
+  EXPECT_LE(callbacks, RunLoop::kMaxDispatchesPerPass);
+}
+
 TEST_F(RunLoopTest, DestroyedObserverIsNeverCalled) {
   auto observer = recordingObserver(/*stopAtWait=*/0);
   observer.reset();
@@ -114,7 +143,7 @@ TEST_F(RunLoopTest, DestroyedObserverIsNeverCalled) {
 
 TEST_F(RunLoopTest, ObserverMayDestroyItsOwnHandle) {
   std::unique_ptr<ObserverHandle> observer;
-  observer = loop->addObserver([&](Activity) {
+  observer = loop->addObserver(PassStage::SaveState, [&](Activity) {
     ++waits;
     observer.reset();
   });

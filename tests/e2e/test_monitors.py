@@ -1,10 +1,13 @@
 """The daemon's system monitors against python3-dbusmock's logind on the private bus."""
 
+import calendar
+import datetime
 import signal
 import subprocess
 
 import dbus
 
+from nightjar_client import Client, socket_path
 from nightjar_harness import PYTHON, wait_until
 
 LOGIND_PATH = "/org/freedesktop/login1"
@@ -24,15 +27,28 @@ def prepare_for_sleep(logind, starting):
                                           [dbus.Boolean(starting)], dbus_interface=MOCK)
 
 
-def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(start_daemon, logind):
+def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(start_daemon, logind, root):
     daemon = start_daemon()
     assert daemon.wait_running()
     assert wait_until(lambda: len(sleep_delays(logind)) == 1)
+    # A wake event, so that the RTC holds an alarm the daemon must set again.
+    date = datetime.datetime.utcnow().replace(microsecond=0) + datetime.timedelta(hours=3)
+    event = {"uniqueid": "w", "name": "w", "enabled": True,
+             "trigger": {"type": "once", "date": date}, "action": {"type": "wake"}}
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", event) == {"status": 200}
+    alarm = root / "sys/class/rtc/rtc0/wakealarm"
+    epoch = str(calendar.timegm(date.timetuple()))
+    assert alarm.read_text().strip() == epoch
 
-    prepare_for_sleep(logind, True)
-    assert wait_until(lambda: not sleep_delays(logind))  # released: the system may sleep
-    prepare_for_sleep(logind, False)
-    assert wait_until(lambda: len(sleep_delays(logind)) == 1)
+    # Before a sleep the alarm is written again while the delay still holds the
+    # system awake; after a wake the alarm, spent by firing, is set again.
+    for starting in (True, False):
+        alarm.write_text("0")
+        prepare_for_sleep(logind, starting)
+        assert wait_until(lambda: alarm.read_text().strip() == epoch), starting
+        held = 0 if starting else 1  # released on sleep: the system may sleep
+        assert wait_until(lambda: len(sleep_delays(logind)) == held), starting
 
     daemon.signal(signal.SIGTERM)
     assert daemon.wait() == 0

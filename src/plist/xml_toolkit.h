@@ -1,8 +1,8 @@
 // The XML toolkit of every reader and writer of XML here. Reading is expat
 // over a document from anywhere, hostile included: bounded (size, element
 // depth), UTF-8 only, refusing every entity definition, external entity and
-// unknown entity reference, and a DOCTYPE other than the expected root's
-// without an internal subset (which could define entities or defaults).
+// unknown entity reference, and accepting a DOCTYPE only when it names the
+// expected root and has no internal subset (which could define entities).
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,7 @@ class XmlHandler {
 
 struct XmlRules {
   std::string_view root;      // the root element's name, and the DOCTYPE's
-  std::string_view publicId;  // the DOCTYPE's public identifier; empty accepts any
+  std::string_view publicId;  // the DOCTYPE's public identifier, if it has one; empty: any
   std::size_t maxBytes = 0;   // whole document
   std::size_t maxDepth = 0;   // nested elements, the root counting 1
 };

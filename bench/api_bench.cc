@@ -25,7 +25,7 @@
 
 #include "api/dispatcher.h"
 #include "api/socket_server.h"
-#include "core/descriptors.h"
+#include "runloop/descriptors.h"
 #include "runloop/run_loop.h"
 #include "wire/framing.h"
 
@@ -142,7 +142,7 @@ bool writeAll(int fd, const std::string& bytes) {
 // Reads one whole message (header, then the rest that its length names).
 bool readMessage(int fd, std::string& buffer) {
   buffer.resize(framing::kHeaderLength);
-  if (core::readFully(fd, buffer.data(), framing::kHeaderLength) != 0) {
+  if (runloop::readFully(fd, buffer.data(), framing::kHeaderLength) != 0) {
     return false;
   }
   const auto header =
@@ -151,8 +151,8 @@ bool readMessage(int fd, std::string& buffer) {
     return false;
   }
   buffer.resize(header->length);
-  return core::readFully(fd, buffer.data() + framing::kHeaderLength,
-                         header->length - framing::kHeaderLength) == 0;
+  return runloop::readFully(fd, buffer.data() + framing::kHeaderLength,
+                            header->length - framing::kHeaderLength) == 0;
 }
 
 // One client sending `request` and waiting for each reply.

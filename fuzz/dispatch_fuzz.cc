@@ -1,5 +1,5 @@
 // Feeds arbitrary XML property lists through the request dispatcher, over the
-// real event list, event scheduler, notification controller and relay. The
+// real event list, event scheduler and notification controller. The
 // first input byte is the authorization's answer: bit 0 grants, bit 1 makes
 // it answer later instead of at once; the rest is the XML document.
 //
@@ -15,7 +15,6 @@
 #include <string_view>
 
 #include "api/dispatcher.h"
-#include "core/notification_relay.h"
 #include "fakes/fake_clock.h"
 #include "fakes/fake_timer.h"
 #include "logging/logging.h"
@@ -49,7 +48,6 @@ struct Daemon {
   Daemon() {
     nightjar::logging::setLogSink(&sink);
     loop = nightjar::runloop::RunLoop::create();
-    nightjar::core::relayCreate();
     nightjar::model::eventListSetUp();
     nightjar::scheduling::queueControllerListSetUp();
     nightjar::scheduling::eventSchedulerSetUp(nightjar::model::eventListGet(),

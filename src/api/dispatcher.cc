@@ -12,11 +12,11 @@
 #include "api/perform_wait.h"
 #include "api/request_action.h"
 #include "api/scheduler_requests.h"
-#include "core/command_line.h"
 #include "logging/logging.h"
 #include "model/reply.h"
 #include "plist/describe.h"
 #include "scheduling/event_action.h"
+#include "wire/version.h"
 
 namespace nightjar::api {
 namespace {
@@ -189,11 +189,7 @@ Value dispatchRequestNow(const Value& request, const Grant& grant) {
 }
 
 std::string versionString() {
-  std::string text = core::versionText();
-  while (!text.empty() && text.back() == '\n') {
-    text.pop_back();
-  }
-  return text;
+  return std::string(wire::versionText());
 }
 
 std::optional<std::string> rightName(std::string_view object, std::string_view action) {

@@ -4,11 +4,11 @@
 #include <utility>
 
 #include "api/request_action.h"
-#include "core/notification_relay.h"
 #include "model/event.h"
 #include "model/event_list.h"
 #include "model/reply.h"
 #include "model/validation.h"
+#include "runloop/notification_center.h"
 #include "scheduling/event_scheduler.h"
 #include "state/saved_state_size.h"
 
@@ -120,9 +120,11 @@ plist::Value schedulerSetEnabled(const plist::Value& enabled) {
     return tooLarge();
   }
   scheduling::eventSchedulerSetEnabled(scheduler, *flag);
-  // Announced with what the scheduler holds now: a forced preference wins.
-  core::relayQueue(core::relayGet(), kSchedulerEnabledNotification,
-                   plist::Value::boolean(scheduling::eventSchedulerIsEnabled(scheduler)));
+  // Posted for the scheduler, whose announcements the daemon relays to other
+  // processes, with what it holds now: a forced preference wins.
+  runloop::localCenter().post(
+      kSchedulerEnabledNotification, scheduler,
+      plist::Value::boolean(scheduling::eventSchedulerIsEnabled(scheduler)));
   return ok();
 }
 

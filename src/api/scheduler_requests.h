@@ -16,7 +16,7 @@ inline constexpr std::string_view kEventsDetailKey = "events";
 inline constexpr std::string_view kEventDetailKey = "event";
 inline constexpr std::string_view kUniqueIdDetailKey = "uniqueid";
 
-// The name the relay announces after "setenabled".
+// The name posted on the local center, for the scheduler, after "setenabled".
 inline constexpr std::string_view kSchedulerEnabledNotification = "scheduler.enabled";
 
 // Answers the reply record of "scheduler.<action>" with `parameter` (none when

@@ -9,7 +9,7 @@
 #include <optional>
 #include <span>
 
-#include "core/descriptors.h"
+#include "runloop/descriptors.h"
 
 namespace nightjar::api {
 
@@ -248,7 +248,7 @@ std::shared_ptr<SocketClient> socketClientCreate(runloop::RunLoop& loop, int des
   auto client = std::make_shared<SocketClient>();
   client->descriptor = descriptor;
   client->callbacks = std::move(callbacks);
-  if (client->callbacks.gate == nullptr || core::setNonBlocking(descriptor) != 0 ||
+  if (client->callbacks.gate == nullptr || runloop::setNonBlocking(descriptor) != 0 ||
       !socketPeerCredentials(descriptor, client->peer) || !watch(loop, *client)) {
     socketClientDestroy(*client);
     return nullptr;

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "core/descriptors.h"
+#include "runloop/descriptors.h"
 
 namespace nightjar::api {
 namespace {
@@ -100,7 +100,7 @@ std::optional<Failure> bindAndListen(int fd, int folder, const std::string& name
   if (std::optional<Failure> failure = bindAt(fd, folder, name)) {
     return failure;
   }
-  const int error = listen(fd, kListenBacklog) != 0 ? errno : core::setNonBlocking(fd);
+  const int error = listen(fd, kListenBacklog) != 0 ? errno : runloop::setNonBlocking(fd);
   if (error != 0) {
     unlinkat(folder, name.c_str(), 0);
     return Failure{"listen", error};

@@ -4,14 +4,9 @@
 
 #include <cstdio>
 
+#include "wire/version.h"
+
 namespace nightjar::core {
-namespace {
-
-constexpr int kMajor = 3;
-constexpr int kMinor = 7;
-constexpr int kPatch = 3;
-
-}  // namespace
 
 CommandLine parseCommandLine(int argc, char* argv[]) {
   CommandLine line;
@@ -61,9 +56,7 @@ std::string usageText(const char* programName) {
 }
 
 std::string versionText() {
-  char text[64];
-  std::snprintf(text, sizeof text, "%s v%d.%d.%d\n", "nightjard", kMajor, kMinor, kPatch);
-  return text;
+  return std::string(wire::versionText()) + '\n';
 }
 
 }  // namespace nightjar::core

@@ -11,13 +11,13 @@
 #include "api/perform_wait.h"
 #include "core/command_line.h"
 #include "core/daemon.h"
-#include "core/descriptors.h"
 #include "core/lock_file.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
 #include "logging/logging.h"
 #include "platform/linux/daemon_root.h"
 #include "platform/linux/polkit_policy_file.h"
+#include "runloop/descriptors.h"
 #include "runloop/run_loop.h"
 
 namespace nightjar {
@@ -94,8 +94,8 @@ int runDaemon(const core::CommandLine& line) {
 
 int main(int argc, char* argv[]) {
   using namespace nightjar;
-  core::ignoreSIGPIPE();
-  core::raiseDescriptorLimit();
+  runloop::ignoreSIGPIPE();
+  runloop::raiseDescriptorLimit();
   logging::openLog();
   const core::CommandLine line = core::parseCommandLine(argc, argv);
   int status = 0;

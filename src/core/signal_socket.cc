@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <memory>
 
-#include "core/descriptors.h"
 #include "logging/logging.h"
+#include "runloop/descriptors.h"
 
 namespace nightjar::core {
 namespace {
@@ -36,7 +36,7 @@ void lowLevelHandler(int, siginfo_t* info, void*) {
 
 void readOneRecord(std::uint32_t) {
   siginfo_t record{};
-  if (readFully(installed().readDescriptor, &record, sizeof record) != 0)
+  if (runloop::readFully(installed().readDescriptor, &record, sizeof record) != 0)
     return;
   if (installed().callback)
     installed().callback(record);
@@ -73,9 +73,9 @@ int signalSocketInstall(std::uint32_t signalSet, runloop::RunLoop& loop,
   gWriteDescriptor = fds[0];
   // Both ends non-blocking: the handler must never block, and a partial record
   // must not stall the loop (readFully then fails with EAGAIN and skips it).
-  int error = setNonBlocking(fds[0]);
+  int error = runloop::setNonBlocking(fds[0]);
   if (error == 0)
-    error = setNonBlocking(fds[1]);
+    error = runloop::setNonBlocking(fds[1]);
   if (error != 0) {
     closeBoth(fds);
     return error;

@@ -1,5 +1,3 @@
-#include <expat.h>
-
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -9,6 +7,7 @@
 #include "plist/base64.h"
 #include "plist/scalar_text.h"
 #include "plist/xml.h"
+#include "plist/xml_toolkit.h"
 
 namespace nightjar::plist {
 
@@ -30,8 +29,6 @@ constexpr ElementName kElementNames[] = {
 static_assert(std::size(kElementNames) == static_cast<std::size_t>(Element::Data) + 1);
 
 constexpr std::string_view kPublicId = "-//Apple//DTD PLIST 1.0//EN";
-// Expat takes an int length; larger documents are fed in pieces of this size.
-constexpr std::size_t kChunkBytes = 1 << 20;
 
 std::optional<Element> elementNamed(std::string_view name) {
   for (const ElementName& entry : kElementNames) {
@@ -58,12 +55,6 @@ std::string_view trimmed(std::string_view text) {
     text.remove_suffix(1);
   }
   return text;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-    return (x >= 'A' && x <= 'Z' ? x - 'A' + 'a' : x) == (y >= 'A' && y <= 'Z' ? y - 'A' + 'a' : y);
-  });
 }
 
 // One open element and what has been collected inside it so far.
@@ -127,114 +118,36 @@ Value leafValue(const Frame& leaf) {
   }
 }
 
-struct ParserDeleter {
-  void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
-};
-
-// Builds a value from expat's callbacks. Any fault sets `failed_` and stops
-// the parser; expat may still deliver a callback or two after a stop, so
-// every handler returns at once once the parse has failed.
-class PlistReader {
+// Builds a value from the elements the bounded parser hands over; any fault
+// answers false, which fails the parse.
+class PlistReader : public XmlHandler {
  public:
   explicit PlistReader(const XmlLimits& limits) : limits_(limits) {}
 
   Value read(std::string_view document) {
-    std::unique_ptr<XML_ParserStruct, ParserDeleter> parser(XML_ParserCreate("UTF-8"));
-    if (!parser) {
-      return {};
-    }
-    parser_ = parser.get();
-    install();
-    do {
-      const std::size_t size = std::min(document.size(), kChunkBytes);
-      const bool last = size == document.size();
-      if (XML_Parse(parser_, document.data(), static_cast<int>(size), last) != XML_STATUS_OK) {
-        return {};
-      }
-      document.remove_prefix(size);
-    } while (!document.empty());
-    return failed_ ? Value() : result_;
+    // The containers' own depth limit is checked below; around them there is
+    // only the root and one leaf.
+    const XmlRules rules{"plist", kPublicId, limits_.maxBytes, limits_.maxDepth + 2};
+    return parseXmlDocument(document, rules, *this) ? result_ : Value();
   }
 
  private:
-  static PlistReader& self(void* data) { return *static_cast<PlistReader*>(data); }
-
-  void install() {
-    XML_SetUserData(parser_, this);
-    XML_SetElementHandler(parser_, onStart, onEnd);
-    XML_SetCharacterDataHandler(parser_, onText);
-    XML_SetXmlDeclHandler(parser_, onXmlDecl);
-    XML_SetStartDoctypeDeclHandler(parser_, onDoctype);
-    XML_SetEntityDeclHandler(parser_, onEntityDecl);
-    XML_SetSkippedEntityHandler(parser_, onSkippedEntity);
-    XML_SetExternalEntityRefHandler(parser_, onExternalEntity);
-    XML_SetParamEntityParsing(parser_, XML_PARAM_ENTITY_PARSING_NEVER);
-  }
-
-  void fail() {
-    if (!failed_) {
-      failed_ = true;
-      XML_StopParser(parser_, XML_FALSE);
-    }
-  }
-
-  // Only the UTF-8 the parser was created for is read; a document that
-  // declares another encoding would be misread.
-  static void XMLCALL onXmlDecl(void* data, const XML_Char*, const XML_Char* encoding, int) {
-    if (encoding != nullptr && !equalsIgnoringCase(encoding, "UTF-8")) {
-      self(data).fail();
-    }
-  }
-
-  // An internal subset could define entities or defaults; only a bare
-  // reference to the property-list DTD is accepted.
-  static void XMLCALL onDoctype(void* data, const XML_Char* name, const XML_Char*,
-                                const XML_Char* publicId, int hasInternalSubset) {
-    if (std::string_view(name) != "plist" || hasInternalSubset ||
-        (publicId != nullptr && publicId != kPublicId)) {
-      self(data).fail();
-    }
-  }
-
-  static void XMLCALL onEntityDecl(void* data, const XML_Char*, int, const XML_Char*, int,
-                                   const XML_Char*, const XML_Char*, const XML_Char*,
-                                   const XML_Char*) {
-    self(data).fail();
-  }
-
-  static void XMLCALL onSkippedEntity(void* data, const XML_Char*, int) { self(data).fail(); }
-
-  static int XMLCALL onExternalEntity(XML_Parser, const XML_Char*, const XML_Char*, const XML_Char*,
-                                      const XML_Char*) {
-    return XML_STATUS_ERROR;
-  }
-
-  static void XMLCALL onStart(void* data, const XML_Char* name, const XML_Char** attributes) {
-    self(data).start(name, attributes);
-  }
-
-  static void XMLCALL onEnd(void* data, const XML_Char*) { self(data).end(); }
-
-  static void XMLCALL onText(void* data, const XML_Char* text, int length) {
-    self(data).characters(std::string_view(text, static_cast<std::size_t>(length)));
-  }
-
-  void start(std::string_view name, const XML_Char** attributes) {
-    if (failed_) {
-      return;
-    }
+  bool startElement(std::string_view name, const char* const* attributes, XmlSpan) override {
     const std::optional<Element> element = elementNamed(name);
     if (!element || !attributesAllowed(*element, attributes) || !openAllowed(*element)) {
-      return fail();
+      return false;
     }
     if (isContainer(*element) && ++containerDepth_ > limits_.maxDepth) {
-      return fail();
+      return false;
     }
     stack_.push_back(Frame{*element, {}, {}, {}, {}, {}});
+    return true;
   }
 
+  bool endElement(std::string_view, XmlSpan) override { return end(); }
+
   // Only the root carries an attribute: version="1.0", which may be absent.
-  static bool attributesAllowed(Element element, const XML_Char** attributes) {
+  static bool attributesAllowed(Element element, const char* const* attributes) {
     if (attributes[0] == nullptr) {
       return true;
     }
@@ -249,9 +162,9 @@ class PlistReader {
     return acceptsChild(stack_.back(), element);
   }
 
-  void characters(std::string_view text) {
-    if (failed_ || stack_.empty()) {
-      return;
+  bool text(std::string_view text) override {
+    if (stack_.empty()) {
+      return true;
     }
     Frame& frame = stack_.back();
     switch (frame.element) {
@@ -262,18 +175,16 @@ class PlistReader {
       case Element::Date:
       case Element::Data:
         frame.text.append(text);
-        return;
+        return true;
       default:
         // Between elements only layout whitespace may appear.
-        if (!std::all_of(text.begin(), text.end(), isXmlSpace)) {
-          fail();
-        }
+        return std::all_of(text.begin(), text.end(), isXmlSpace);
     }
   }
 
-  void end() {
-    if (failed_ || stack_.empty()) {
-      return;
+  bool end() {
+    if (stack_.empty()) {
+      return true;
     }
     Frame frame = std::move(stack_.back());
     stack_.pop_back();
@@ -284,10 +195,8 @@ class PlistReader {
         return closeKey(std::move(frame.text));
       case Element::Dict:
         --containerDepth_;
-        if (frame.pendingKey) {
-          return fail();  // a key without its value
-        }
-        return addToParent(Value::dictionary(std::move(frame.entries)));
+        // A key without its value fails.
+        return !frame.pendingKey && addToParent(Value::dictionary(std::move(frame.entries)));
       case Element::Array:
         --containerDepth_;
         return addToParent(Value::array(std::move(frame.elements)));
@@ -296,56 +205,51 @@ class PlistReader {
     }
   }
 
-  void closeRoot(Frame frame) {
+  bool closeRoot(Frame frame) {
     sawRoot_ = true;
-    if (frame.value.isNone()) {
-      return fail();
-    }
     result_ = std::move(frame.value);
+    return !result_.isNone();
   }
 
-  void closeKey(std::string key) {
+  bool closeKey(std::string key) {
     Frame& dict = stack_.back();
     if (dict.entries.find(key) != dict.entries.end()) {
-      return fail();  // duplicate key: neither copy is trusted
+      return false;  // duplicate key: neither copy is trusted
     }
     dict.pendingKey = std::move(key);
+    return true;
   }
 
-  void addToParent(Value value) {
+  bool addToParent(Value value) {
     if (value.isNone()) {
-      return fail();
+      return false;
     }
     Frame& parent = stack_.back();
     switch (parent.element) {
       case Element::Plist:
         parent.value = std::move(value);
-        return;
+        break;
       case Element::Array:
         parent.elements.push_back(std::move(value));
-        return;
+        break;
       default:
         parent.entries.emplace(std::move(*parent.pendingKey), std::move(value));
         parent.pendingKey.reset();
-        return;
+        break;
     }
+    return true;
   }
 
   const XmlLimits& limits_;
-  XML_Parser parser_ = nullptr;
   std::vector<Frame> stack_;
   std::size_t containerDepth_ = 0;
   bool sawRoot_ = false;
-  bool failed_ = false;
   Value result_;
 };
 
 }  // namespace
 
 Value parseXml(std::string_view document, const XmlLimits& limits) {
-  if (document.size() > limits.maxBytes) {
-    return {};
-  }
   return PlistReader(limits).read(document);
 }
 

@@ -4,6 +4,7 @@
 #include "plist/base64.h"
 #include "plist/scalar_text.h"
 #include "plist/xml.h"
+#include "plist/xml_toolkit.h"
 
 namespace nightjar::plist {
 
@@ -30,7 +31,7 @@ class XmlWriter {
       case Kind::Array:
         return writeArray(*value.asArray(), depth);
       case Kind::String:
-        return writeLeaf("string", escaped(*value.asString()), depth);
+        return writeLeaf("string", escapeXmlText(*value.asString()), depth);
       case Kind::Integer:
         return writeLeaf("integer", std::to_string(*value.asInteger()), depth);
       case Kind::Real:
@@ -65,7 +66,7 @@ class XmlWriter {
     out_ += "<dict>\n";
     for (const auto& [key, member] : entries) {
       if (!member.isNone()) {
-        writeLeaf("key", escaped(key), depth + 1);
+        writeLeaf("key", escapeXmlText(key), depth + 1);
         write(member, depth + 1);
       }
     }
@@ -100,33 +101,6 @@ class XmlWriter {
     out_ += encodeBase64(bytes, kBase64LineLength, std::string(depth, '\t'));
     indent(depth);
     out_ += "</data>\n";
-  }
-
-  // Escapes the markup characters; a carriage return is written as a
-  // character reference because XML readers turn a literal one into a line
-  // feed.
-  static std::string escaped(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-      switch (c) {
-        case '&':
-          out += "&amp;";
-          break;
-        case '<':
-          out += "&lt;";
-          break;
-        case '>':
-          out += "&gt;";
-          break;
-        case '\r':
-          out += "&#13;";
-          break;
-        default:
-          out += c;
-      }
-    }
-    return out;
   }
 
   std::string& out_;

@@ -1,8 +1,7 @@
 // The dispatcher's tests share this fixture: the real event list, queue
 // controller list, event scheduler and notification controller over a fake
-// clock, fake timers and an in-memory preference store; a run loop for the
-// relay; a recording log; and an authorization that grants what the test
-// lets it and records every right it was asked for.
+// clock, fake timers and an in-memory preference store; a run loop; a recording log; and an
+// authorization that grants what the test lets it and records every right it was asked for.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 
 #include "api/dispatcher.h"
 #include "api/perform_wait.h"
-#include "core/notification_relay.h"
 #include "fakes/fake_clock.h"
 #include "fakes/fake_preferences_store.h"
 #include "fakes/fake_timer.h"
@@ -73,7 +71,6 @@ class DispatcherTest : public ::testing::Test {
   void SetUp() override {
     loop_ = runloop::RunLoop::create();
     ASSERT_NE(loop_, nullptr);
-    ASSERT_TRUE(core::relayCreate());
     persistence::preferencesSetStore(&preferences_);
     ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
     model::eventListSetUp();
@@ -92,7 +89,6 @@ class DispatcherTest : public ::testing::Test {
     model::eventListTearDown();
     monitors::systemMonitorDestroy(nullptr);
     persistence::preferencesSetStore(nullptr);
-    core::relayDestroy();
     loop_.reset();
   }
 
@@ -111,8 +107,6 @@ class DispatcherTest : public ::testing::Test {
       EXPECT_EQ(dispatch(each.request), each.expected);
     }
   }
-
-  std::vector<std::string> relayPending() const { return core::relayGet()->pending; }
 
   RecordingLog log_;
   std::unique_ptr<runloop::RunLoop> loop_;

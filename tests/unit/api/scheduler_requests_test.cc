@@ -77,14 +77,15 @@ TEST_F(SchedulerRequestTest, SetEventsWithAnInvalidMemberChangesNothing) {
   EXPECT_EQ(held(), (std::vector<Value>{validEvent("a")}));
 }
 
-TEST_F(SchedulerRequestTest, SetEnabledIsAnnouncedToOtherProcesses) {
+TEST_F(SchedulerRequestTest, SetEnabledIsPostedForTheScheduler) {
+  PostRecorder posts(scheduling::eventSchedulerGet());
   EXPECT_EQ(
       dispatch(request("scheduler.setenabled", I(0))),
       refusal(model::refusal::kInvalidParameter, Dict({{"enabled", S("Must be a CFBooleanRef")}})));
-  EXPECT_TRUE(relayPending().empty());
+  EXPECT_TRUE(posts.posts.empty());
 
   EXPECT_EQ(dispatch(request("scheduler.setenabled", B(false))), response(200));
-  EXPECT_EQ(relayPending(), (std::vector<std::string>{"scheduler.enabled"}));
+  EXPECT_EQ(posts.names(), (std::vector<std::string>{"scheduler.enabled"}));
   EXPECT_EQ(dispatch(request("scheduler.enabled")), response(200, B(false)));
   EXPECT_EQ(dispatch(request("scheduler.setenabled", B(true))), response(200));
   EXPECT_EQ(dispatch(request("scheduler.enabled")), response(200, B(true)));
@@ -92,11 +93,12 @@ TEST_F(SchedulerRequestTest, SetEnabledIsAnnouncedToOtherProcesses) {
 
 TEST_F(SchedulerRequestTest, WithoutSchedulerOrEventList) {
   scheduling::eventSchedulerTearDown();
+  PostRecorder posts(nullptr);
   expect({
       {"enabled", request("scheduler.enabled"), response(200)},
       {"setenabled", request("scheduler.setenabled", B(false)), response(400)},
   });
-  EXPECT_TRUE(relayPending().empty());
+  EXPECT_TRUE(posts.posts.empty());
 
   model::eventListTearDown();
   expect({

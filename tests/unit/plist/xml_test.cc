@@ -5,6 +5,8 @@
 #include <cmath>
 #include <string>
 
+#include "plist/xml_toolkit.h"
+
 namespace nightjar::plist {
 namespace {
 
@@ -45,7 +47,7 @@ Value everyKind() {
 
 TEST(XmlTest, WritesTheCustomaryLayout) {
   Value value =
-      Value::dictionary({{"name", Value::string("a&b")},
+      Value::dictionary({{"name", Value::string("a&b\"\r")},
                          {"list", Value::array({Value::integer(1), Value::boolean(true)})}});
   EXPECT_EQ(writeXml(value), kHead +
                                  "<plist version=\"1.0\">\n"
@@ -56,10 +58,11 @@ TEST(XmlTest, WritesTheCustomaryLayout) {
                                  "\t\t<true/>\n"
                                  "\t</array>\n"
                                  "\t<key>name</key>\n"
-                                 "\t<string>a&amp;b</string>\n"
+                                 "\t<string>a&amp;b\"&#13;</string>\n"
                                  "</dict>\n"
                                  "</plist>\n");
   EXPECT_EQ(writeXml(Value()), "");
+  EXPECT_EQ(escapeXmlText("<\"&\r>", XmlQuote::Escaped), "&lt;&quot;&amp;&#13;&gt;");
 }
 
 TEST(XmlTest, EveryKindRoundTrips) {

@@ -1,10 +1,10 @@
-// Small descriptor operations shared by the signal socket and the API server.
-// Each answers 0 or an error number; none logs.
+// Small descriptor operations shared by the signal socket, the API server and
+// the daemon's start. Each answers 0 or an error number; none logs.
 #pragma once
 
 #include <cstddef>
 
-namespace nightjar::core {
+namespace nightjar::runloop {
 
 // Ignores SIGPIPE for the process, keeping its mask and flags.
 int ignoreSIGPIPE();
@@ -20,4 +20,4 @@ int setNonBlocking(int fd);
 // is complete answers EPIPE. `bytesRead`, when given, receives what arrived.
 int readFully(int fd, void* buffer, std::size_t count, std::size_t* bytesRead = nullptr);
 
-}  // namespace nightjar::core
+}  // namespace nightjar::runloop

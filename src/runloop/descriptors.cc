@@ -1,4 +1,4 @@
-#include "core/descriptors.h"
+#include "runloop/descriptors.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-namespace nightjar::core {
+namespace nightjar::runloop {
 
 int ignoreSIGPIPE() {
   struct sigaction action {};
@@ -55,4 +55,4 @@ int readFully(int fd, void* buffer, std::size_t count, std::size_t* bytesRead) {
   return result;
 }
 
-}  // namespace nightjar::core
+}  // namespace nightjar::runloop

@@ -1,4 +1,4 @@
-#include "core/descriptors.h"
+#include "runloop/descriptors.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-namespace nightjar::core {
+namespace nightjar::runloop {
 namespace {
 
 struct Pipe {
@@ -68,4 +68,4 @@ TEST(IgnoreSigpipe, WritingToAClosedPipeAnswersEpipeInsteadOfKilling) {
 }
 
 }  // namespace
-}  // namespace nightjar::core
+}  // namespace nightjar::runloop

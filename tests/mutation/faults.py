@@ -53,7 +53,7 @@ FAULTS = [
           ["runloop_test"], "RunLoop", E2E + "test_event_road.py -k before_the_reply"),
     fault("reply-released-before-save", "src/core/daemon.cc",
           "runloop::PassStage::ReleaseReplies,", "runloop::PassStage::WakeEntries,",
-          [], "", E2E + "test_event_road.py -k before_the_reply"),
+          [], "", E2E + "test_durability.py -k kill_9"),
     fault("write-not-waiting-during-perform", "src/api/dispatcher.cc",
           "if (waits && performWaitNeeded()) {", "if (false && waits && performWaitNeeded()) {",
           ["dispatcher_test"], "Dispatch|AuthorizeAs|Scheduler",

@@ -116,7 +116,8 @@ def main():
         sys.exit("unknown fault: " + ", ".join(sorted(unknown)))
     open(args.log, "w").close()
     chosen = [fault for fault in FAULTS if not args.names or fault["name"] in args.names]
-    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)
     if not args.no_check:
         check(args, chosen)
     print("%-38s %-14s %-14s %s" % ("fault", "unit", "e2e", "seconds"), flush=True)
@@ -132,4 +133,7 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit("interrupted; the source was restored")

@@ -13,11 +13,10 @@ from zoneinfo import ZoneInfo
 
 import pytest
 
-from nightjar_harness import BUILD_DIR
+from nightjar_harness import BUILD_DIR, NOBODY
 
 CTL = BUILD_DIR / "tools" / "nightjarctl"
 ZONE = "Europe/Berlin"
-NOBODY = 65534
 
 
 @pytest.fixture

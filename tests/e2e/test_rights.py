@@ -52,7 +52,8 @@ def defaults_by_id(path):
     return result
 
 
-def test_install_defines_the_fourteen_rights_once(start_daemon, root):
+def test_install_defines_the_fourteen_rights_once_and_uninstall_removes_them(
+        start_daemon, root):
     run(start_daemon, "-i")
     policy = root / POLICY
     rules = defaults_by_id(policy)
@@ -69,6 +70,13 @@ def test_install_defines_the_fourteen_rights_once(start_daemon, root):
     assert not any("Unable to" in m for m in daemon.messages())
     assert not (root / "var/run/nightjard.pid").exists()
 
+    # -u removes the rights, and then the file left with none; a second -u finds nothing.
+    daemon = run(start_daemon, "-u")
+    assert not policy.exists()
+    assert not any("Unable to" in m for m in daemon.messages())
+    run(start_daemon, "-u")
+    assert not policy.exists()
+
 
 def test_install_keeps_an_already_defined_right_and_the_files_other_content(start_daemon, root):
     policy = root / POLICY
@@ -83,15 +91,6 @@ def test_install_keeps_an_already_defined_right_and_the_files_other_content(star
     # -u takes every right of ours, the site's own definition too, and keeps the rest.
     run(start_daemon, "-u")
     assert policy.read_text() == policy_file(FOREIGN)
-
-
-def test_uninstall_removes_the_rights_and_then_the_file(start_daemon, root):
-    run(start_daemon, "-i")
-    daemon = run(start_daemon, "-u")
-    assert not (root / POLICY).exists()
-    assert not any("Unable to" in m for m in daemon.messages())
-    run(start_daemon, "-u")
-    assert not (root / POLICY).exists()
 
 
 def test_each_right_that_cannot_be_set_is_logged(start_daemon, root):

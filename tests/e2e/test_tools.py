@@ -6,11 +6,9 @@ import subprocess
 import dbus
 import pytest
 
-from nightjar_harness import BUILD_DIR, PYTHON, wait_until
+from nightjar_harness import BUILD_DIR, LOGIND_MANAGER as MANAGER, LOGIND_PATH, MOCK, PYTHON, \
+    wait_until
 
-LOGIND_PATH = "/org/freedesktop/login1"
-MANAGER = "org.freedesktop.login1.Manager"
-MOCK = "org.freedesktop.DBus.Mock"
 DISPLAY_MANAGER = "org.freedesktop.DisplayManager"
 DM_PATH = "/org/freedesktop/DisplayManager"
 DM_SEAT = "org.freedesktop.DisplayManager.Seat"

@@ -23,6 +23,12 @@ def pending_date(client, uniqueid):
     return pending_dates(client).get(uniqueid)
 
 
+def warnings_issued(daemon):
+    """The daemon's "Issued notification" lines for single events, in the order issued."""
+    return [m for m in daemon.messages() if m.startswith("Issued notification: ")
+            and "uniqueid" not in m]
+
+
 def test_a_shutdown_event_is_warned_performed_and_started(api, root, broadcasts):
     daemon, client = api
     assert client.call("notifications.setnotifyperiod", 2) == {"status": 200}
@@ -263,13 +269,8 @@ def test_warnings_come_in_the_order_of_their_events(api, broadcasts):
     events = [once_event("second", "wake", utc_in(4)), once_event("first", "wake", utc_in(3))]
     assert client.call("scheduler.setevents", events) == {"status": 200}
     assert pending_ids(client) == ["first", "second"]
-
-    def issued():
-        return [m for m in daemon.messages() if m.startswith("Issued notification: ")
-                and m.count("uniqueid") == 0]
-
-    assert wait_until(lambda: len(issued()) == 2, timeout=5), daemon.messages()
-    assert "first" in issued()[0] and "second" in issued()[1]
+    assert wait_until(lambda: len(warnings_issued(daemon)) == 2, timeout=5), daemon.messages()
+    assert "first" in warnings_issued(daemon)[0] and "second" in warnings_issued(daemon)[1]
     assert broadcasts.wait_for("notifications.notify")
     # Wake kinds are carried out by the hardware: nothing is announced for them.
     assert wait_until(lambda: pending_ids(client) == [], timeout=5)
@@ -281,15 +282,10 @@ def test_a_changed_event_is_warned_again_and_a_disabled_one_leaves(api, root, br
     assert client.call("notifications.setnotifyperiod", 7200) == {"status": 200}
     event = once_event("m", "wake", utc_in(3600))
     assert client.call("scheduler.set", event) == {"status": 200}
-
-    def warnings():
-        return [m for m in daemon.messages() if m.startswith("Issued notification: ")
-                and "uniqueid" not in m]
-
-    assert wait_until(lambda: len(warnings()) == 1)
+    assert wait_until(lambda: len(warnings_issued(daemon)) == 1)
     assert client.call("scheduler.set", dict(event, name="m2")) == {"status": 200}
-    assert wait_until(lambda: len(warnings()) == 2)
-    assert "m2" in warnings()[1]
+    assert wait_until(lambda: len(warnings_issued(daemon)) == 2)
+    assert "m2" in warnings_issued(daemon)[1]
 
     assert wait_until(lambda: len(wake_entries(root)) == 1)
     before = broadcasts.names().count("scheduler.events")

@@ -87,11 +87,9 @@ def mount_read_only(folder):
 
 
 def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
-        start_daemon, root, logind):
+        logind, daemon, root):
     folder = root / "var/lib/nightjar"
     date = utc_in(86400)
-    daemon = start_daemon()
-    assert daemon.wait_running()
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.set", once_event("before", "restart", date)) == \
             {"status": 200}

@@ -65,9 +65,7 @@ def test_sigint_and_sigquit_stop_the_daemon(start_daemon):
         assert f"Caught {int(number)} signal, quitting" in daemon.messages()
 
 
-def test_hup_and_usr_signals_are_logged_only(start_daemon):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+def test_hup_and_usr_signals_are_logged_only(daemon):
     for number, line in ((signal.SIGHUP, "SIGHUP/restart signal caught"),
                          (signal.SIGUSR1, "SIGUSR1/rotate signal caught"),
                          (signal.SIGUSR2, "SIGUSR2/fetch signal caught")):

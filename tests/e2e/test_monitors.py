@@ -22,9 +22,7 @@ def prepare_for_sleep(logind, starting):
                                           [dbus.Boolean(starting)], dbus_interface=MOCK)
 
 
-def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(start_daemon, logind, root):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(logind, daemon, root):
     assert wait_until(lambda: len(sleep_delays(logind)) == 1)
     # A wake event, so that the RTC holds an alarm the daemon must set again.
     date = utc_in(3 * 3600)
@@ -47,9 +45,7 @@ def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(start_daemon,
 
 
 def test_console_user_changes_and_time_zone_switch_keep_the_daemon_running(
-        start_daemon, logind, root):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+        logind, daemon, root):
     mock = logind.object(LOGIND_PATH)
     mock.AddSession("c1", "seat0", dbus.UInt32(1000), "alice", True, dbus_interface=MOCK)
     mock.AddSession("c2", "seat0", dbus.UInt32(1001), "bob", True, dbus_interface=MOCK)

@@ -102,9 +102,7 @@ def test_each_right_that_cannot_be_set_is_logged(start_daemon, root):
     assert failures == [f"<3>Unable to set right: {name}, 20" for name in RIGHTS]
 
 
-def test_a_user_holds_a_write_right_only_when_polkit_grants_it(start_daemon, root, polkitd):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+def test_a_user_holds_a_write_right_only_when_polkit_grants_it(polkitd, daemon, root):
     authority = dbus.Interface(polkitd.object("/org/freedesktop/PolicyKit1/Authority"),
                                dbusmock.MOCK_IFACE)
 

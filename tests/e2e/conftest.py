@@ -2,6 +2,7 @@
 
 import pytest
 
+from nightjar_client import Client, socket_path
 from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
                               install_rights, make_root)
 
@@ -63,3 +64,18 @@ def start_daemon(root, system_bus):
     yield start
     for daemon in started:
         daemon.stop()
+
+
+@pytest.fixture
+def daemon(start_daemon):
+    """A daemon with its rights installed, running (READY=1 said)."""
+    started = start_daemon()
+    assert started.wait_running()
+    return started
+
+
+@pytest.fixture
+def client(root, daemon):
+    """One connection to the running `daemon`'s socket."""
+    with Client(socket_path(root)) as connection:
+        yield connection

@@ -7,8 +7,10 @@ with its log lines read from standard error.
 """
 
 import contextlib
+import datetime
 import json
 import os
+import plistlib
 import re
 import shutil
 import signal
@@ -274,6 +276,11 @@ class Daemon:
         self._notify.close()
         return code
 
+    def terminate(self, timeout=10.0):
+        """Sends SIGTERM and answers the exit status."""
+        self.signal(signal.SIGTERM)
+        return self.wait(timeout)
+
     def stop(self):
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
@@ -284,3 +291,77 @@ class Daemon:
                 self.process.wait()
         self._reader.join(timeout=5)
         self._notify.close()
+
+
+# What many tests share: logind's names, event records, dates, and the files the daemon writes.
+
+LOGIND_PATH = "/org/freedesktop/login1"
+LOGIND_MANAGER = "org.freedesktop.login1.Manager"
+MOCK = "org.freedesktop.DBus.Mock"
+EVERY_DAY = ["monday", "tuesday", "wednesday", "thursday", "friday", "saturday", "sunday"]
+STATE_FILE = "var/lib/nightjar/preferences.plist"
+WAKE_ENTRIES_FILE = "var/lib/nightjar/powerevents.plist"
+RTC_ALARM_FILE = "sys/class/rtc/rtc0/wakealarm"
+
+
+def utc_in(seconds):
+    """A naive UTC date `seconds` ahead, whole seconds (the XML form keeps no fraction)."""
+    now = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0, tzinfo=None)
+    return now + datetime.timedelta(seconds=seconds)
+
+
+def epoch(date):
+    """A naive UTC date as the RTC alarm file holds it: seconds since 1970, as text."""
+    return str(int(date.replace(tzinfo=datetime.timezone.utc).timestamp()))
+
+
+def seconds_of_day(date):
+    return date.hour * 3600 + date.minute * 60 + date.second
+
+
+def once_event(uniqueid, action, date, name=None):
+    return {"uniqueid": uniqueid, "name": name or uniqueid, "enabled": True,
+            "trigger": {"type": "once", "date": date}, "action": {"type": action}}
+
+
+def daily_event(uniqueid, action, seconds, days=EVERY_DAY):
+    return {"uniqueid": uniqueid, "name": uniqueid, "enabled": True,
+            "trigger": {"type": "daily", "secondsfrommidnight": seconds, "days": days},
+            "action": {"type": action}}
+
+
+def pending_dates(client):
+    """uniqueid -> date of each pending warning, in the daemon's order."""
+    reply = client.call("notifications.pending")
+    assert reply["status"] == 200, reply
+    events = reply.get("response", [])
+    assert all(e["trigger"]["type"] == "once" for e in events), events
+    return {e["uniqueid"]: e["trigger"]["date"] for e in events}
+
+
+def pending_ids(client):
+    return list(pending_dates(client))
+
+
+def saved_ids(root):
+    """The unique ids under "engine" → "events"; raises if the file does not parse."""
+    state = plistlib.loads((root / STATE_FILE).read_bytes())
+    return {event["uniqueid"] for event in state["engine"]["events"]}
+
+
+def wake_entries(root):
+    """The wake-entry file's records, [] while it does not exist."""
+    saved = root / WAKE_ENTRIES_FILE
+    return plistlib.loads(saved.read_bytes()) if saved.exists() else []
+
+
+def set_zone(root, zone):
+    """Replaces the root's local time zone by /usr/share/zoneinfo/`zone`."""
+    (root / "etc/localtime").unlink()
+    shutil.copy(f"/usr/share/zoneinfo/{zone}", root / "etc/localtime")
+
+
+def tool_calls(root):
+    """What the fake gracestop and perch were called with, "" before any call."""
+    log = root / "tool-calls.log"
+    return log.read_text() if log.exists() else ""

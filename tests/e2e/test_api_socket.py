@@ -10,16 +10,13 @@ import pytest
 
 from nightjar_client import (DICT, GDBY, NOOP, Client, ConnectionClosed, bare_message,
                              dict_message, encode_request, header, socket_path)
-from nightjar_harness import NOBODY, as_user
+from nightjar_harness import NOBODY, as_user, saved_ids
 from test_api_replies import EVENT
-from test_durability import saved_ids
 
 
 @pytest.fixture
-def api(start_daemon, root):
+def api(daemon, root):
     """A running daemon and the path of its socket."""
-    daemon = start_daemon()
-    assert daemon.wait_running()
     return daemon, socket_path(root)
 
 
@@ -37,7 +34,7 @@ def test_the_node_answers_and_goes_with_the_daemon(api, root):
     assert os.path.isdir(os.path.dirname(path))
 
 
-def test_split_and_joined_requests_are_answered_in_order(api):
+def test_split_joined_and_unparsable_requests_are_answered_in_order(api):
     _, path = api
     with Client(path) as client:
         first = encode_request(1, {"Request": "build.version"})
@@ -48,29 +45,29 @@ def test_split_and_joined_requests_are_answered_in_order(api):
             encode_request(4, {"Request": "b"})
         client.send_raw(joined)
         assert [client.receive().identifier for _ in range(3)] == [2, 3, 4]
+        # Bad XML gets no reply, and the connection goes on.
+        client.send_raw(dict_message(5, b"<plist>") + bare_message(NOOP, 6))
+        assert client.receive().identifier == 6
 
 
-@pytest.mark.parametrize("message", [
-    header(0x41424344, 1, 16),                       # unknown type
-    bare_message(GDBY, 1),                           # the client leaves
-    header(NOOP, 1, 15),                             # NOOP under 16 bytes
-    header(DICT, 1, 23) + bytes(7),                  # DICT under 24 bytes
-    header(DICT, 1, 30) + struct.pack("<II", 0, 7) + b"abcdef",  # payload past the end
-    header(DICT, 1, 102401),                         # too long: closed on the header alone
-])
-def test_every_fault_closes_that_connection_only(api, message):
+FAULTS = {
+    "unknown type": header(0x41424344, 1, 16),
+    "the client leaves": bare_message(GDBY, 1),
+    "NOOP under 16 bytes": header(NOOP, 1, 15),
+    "DICT under 24 bytes": header(DICT, 1, 23) + bytes(7),
+    "payload past the end": header(DICT, 1, 30) + struct.pack("<II", 0, 7) + b"abcdef",
+    "too long: closed on the header alone": header(DICT, 1, 102401),
+}
+
+
+def test_every_fault_closes_that_connection_only(api):
     _, path = api
-    with Client(path) as bystander, Client(path) as client:
-        client.send_raw(message)
-        assert client.is_closed_by_daemon()
-        assert bystander.noop(5).identifier == 5
-
-
-def test_bad_xml_gets_no_reply_and_the_connection_goes_on(api):
-    _, path = api
-    with Client(path) as client:
-        client.send_raw(dict_message(1, b"<plist>") + bare_message(NOOP, 2))
-        assert client.receive().identifier == 2
+    with Client(path) as bystander:
+        for number, (fault, message) in enumerate(FAULTS.items()):
+            with Client(path) as client:
+                client.send_raw(message)
+                assert client.is_closed_by_daemon(), fault
+            assert bystander.noop(number).identifier == number, fault
 
 
 def test_hostile_peers_do_not_stop_the_daemon(api):

@@ -1,7 +1,6 @@
 """Acknowledged changes reach the disk before their reply, and a failing save is survivable."""
 
 import os
-import plistlib
 import random
 import re
 import signal
@@ -12,20 +11,10 @@ import time
 import pytest
 
 from nightjar_client import Client, ConnectionClosed, dict_message, socket_path
-from test_event_road import once_event, utc_in
+from nightjar_harness import STATE_FILE, once_event, saved_ids, utc_in
 
 CRASH_KILLS = int(os.environ.get("NIGHTJAR_CRASH_KILLS", "200"))
 SEED = 20261123
-
-
-def preferences(root):
-    return root / "var/lib/nightjar/preferences.plist"
-
-
-def saved_ids(root):
-    """The unique ids under "engine" → "events"; raises if the file does not parse."""
-    state = plistlib.loads(preferences(root).read_bytes())
-    return {event["uniqueid"] for event in state["engine"]["events"]}
 
 
 def send_until_closed(root, prefix, date, acknowledged):
@@ -98,15 +87,13 @@ def mount_read_only(folder):
 
 
 def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
-        start_daemon, root, logind):
+        logind, daemon, root):
     folder = root / "var/lib/nightjar"
     date = utc_in(86400)
-    daemon = start_daemon()
-    assert daemon.wait_running()
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.set", once_event("before", "restart", date)) == \
             {"status": 200}
-        good = preferences(root).read_bytes()
+        good = (root / STATE_FILE).read_bytes()
         if not mount_read_only(folder):
             pytest.skip("a read-only bind mount is not possible here")
         try:
@@ -115,7 +102,7 @@ def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
                 assert client.call("scheduler.set", once_event(name, "restart", date)) == \
                     {"status": 200}
             assert daemon.process.poll() is None
-            assert preferences(root).read_bytes() == good
+            assert (root / STATE_FILE).read_bytes() == good
             # Let any later pass's retry log too, if it (wrongly) would.
             time.sleep(0.2)
             assert client.call("scheduler.events")["status"] == 200
@@ -129,7 +116,6 @@ def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
             {"status": 200}
         assert saved_ids(root) == {"before", "ro-1", "ro-2", "ro-3", "after"}
     assert daemon.process.poll() is None
-
 
 
 def flood(root, started, stop):

@@ -37,13 +37,12 @@ def test_unwritable_lock_folder_stops_with_status_1(start_daemon, root):
 
 
 def test_sigterm_broadcasts_and_tears_down(start_daemon, broadcasts):
-    daemon = start_daemon()
+    daemon = start_daemon()  # with a bus but no logind on it: the daemon runs on
     assert daemon.wait_running()
     assert broadcasts.wait_for("socket.open")
     assert daemon.pid_file.read_text() == str(daemon.process.pid)
 
-    daemon.signal(signal.SIGTERM)
-    assert daemon.wait() == 0
+    assert daemon.terminate() == 0
     messages = daemon.messages()
     assert "SIGTERM/SIGQUIT/quit signal caught" in messages
     assert "Caught 15 signal, quitting" in messages
@@ -66,9 +65,7 @@ def test_sigint_and_sigquit_stop_the_daemon(start_daemon):
         assert f"Caught {int(number)} signal, quitting" in daemon.messages()
 
 
-def test_hup_and_usr_signals_are_logged_only(start_daemon):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+def test_hup_and_usr_signals_are_logged_only(daemon):
     for number, line in ((signal.SIGHUP, "SIGHUP/restart signal caught"),
                          (signal.SIGUSR1, "SIGUSR1/rotate signal caught"),
                          (signal.SIGUSR2, "SIGUSR2/fetch signal caught")):
@@ -82,8 +79,7 @@ def test_hup_and_usr_signals_are_logged_only(start_daemon):
 def test_runs_without_a_system_bus(start_daemon):
     daemon = start_daemon(bus=False)
     assert daemon.wait_running()
-    daemon.signal(signal.SIGTERM)
-    assert daemon.wait() == 0
+    assert daemon.terminate() == 0
     assert "Caught 15 signal, quitting" in daemon.messages()
 
 

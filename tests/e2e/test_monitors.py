@@ -1,18 +1,13 @@
 """The daemon's system monitors against python3-dbusmock's logind on the private bus."""
 
-import calendar
-import datetime
 import signal
 import subprocess
 
 import dbus
 
 from nightjar_client import Client, socket_path
-from nightjar_harness import PYTHON, wait_until
-
-LOGIND_PATH = "/org/freedesktop/login1"
-MANAGER = "org.freedesktop.login1.Manager"
-MOCK = "org.freedesktop.DBus.Mock"
+from nightjar_harness import (LOGIND_MANAGER as MANAGER, LOGIND_PATH, MOCK, PYTHON,
+                              RTC_ALARM_FILE, epoch, once_event, set_zone, utc_in, wait_until)
 
 
 def sleep_delays(logind):
@@ -27,56 +22,38 @@ def prepare_for_sleep(logind, starting):
                                           [dbus.Boolean(starting)], dbus_interface=MOCK)
 
 
-def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(start_daemon, logind, root):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(logind, daemon, root):
     assert wait_until(lambda: len(sleep_delays(logind)) == 1)
     # A wake event, so that the RTC holds an alarm the daemon must set again.
-    date = datetime.datetime.utcnow().replace(microsecond=0) + datetime.timedelta(hours=3)
-    event = {"uniqueid": "w", "name": "w", "enabled": True,
-             "trigger": {"type": "once", "date": date}, "action": {"type": "wake"}}
+    date = utc_in(3 * 3600)
     with Client(socket_path(root)) as client:
-        assert client.call("scheduler.set", event) == {"status": 200}
-    alarm = root / "sys/class/rtc/rtc0/wakealarm"
-    epoch = str(calendar.timegm(date.timetuple()))
-    assert alarm.read_text().strip() == epoch
+        assert client.call("scheduler.set", once_event("w", "wake", date)) == {"status": 200}
+    alarm = root / RTC_ALARM_FILE
+    assert alarm.read_text().strip() == epoch(date)
 
     # Before a sleep the alarm is written again while the delay still holds the
     # system awake; after a wake the alarm, spent by firing, is set again.
     for starting in (True, False):
         alarm.write_text("0")
         prepare_for_sleep(logind, starting)
-        assert wait_until(lambda: alarm.read_text().strip() == epoch), starting
+        assert wait_until(lambda: alarm.read_text().strip() == epoch(date)), starting
         held = 0 if starting else 1  # released on sleep: the system may sleep
         assert wait_until(lambda: len(sleep_delays(logind)) == held), starting
 
-    daemon.signal(signal.SIGTERM)
-    assert daemon.wait() == 0
+    assert daemon.terminate() == 0
     assert wait_until(lambda: not sleep_delays(logind))
 
 
 def test_console_user_changes_and_time_zone_switch_keep_the_daemon_running(
-        start_daemon, logind, root):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+        logind, daemon, root):
     mock = logind.object(LOGIND_PATH)
     mock.AddSession("c1", "seat0", dbus.UInt32(1000), "alice", True, dbus_interface=MOCK)
     mock.AddSession("c2", "seat0", dbus.UInt32(1001), "bob", True, dbus_interface=MOCK)
-    zone = root / "etc/localtime"
-    zone.unlink()
-    zone.write_bytes(open("/usr/share/zoneinfo/Asia/Tokyo", "rb").read())
+    set_zone(root, "Asia/Tokyo")
     daemon.signal(signal.SIGHUP)
     assert daemon.wait_for_line("SIGHUP/restart signal caught")
     assert daemon.process.poll() is None
-    daemon.signal(signal.SIGTERM)
-    assert daemon.wait() == 0
-
-
-def test_without_logind_the_daemon_runs_on(start_daemon, system_bus):
-    daemon = start_daemon()
-    assert daemon.wait_running()
-    daemon.signal(signal.SIGTERM)
-    assert daemon.wait() == 0
+    assert daemon.terminate() == 0
 
 
 HUNG_LOGIND = """
@@ -95,8 +72,7 @@ def test_a_logind_that_never_answers_does_not_stop_the_daemon(start_daemon, syst
         assert hung.stdout.readline().strip() == b"owned"
         daemon = start_daemon()
         assert daemon.wait_running(timeout=15)
-        daemon.signal(signal.SIGTERM)
-        assert daemon.wait() == 0
+        assert daemon.terminate() == 0
     finally:
         hung.kill()
         hung.wait()

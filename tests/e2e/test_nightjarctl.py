@@ -13,27 +13,29 @@ from zoneinfo import ZoneInfo
 
 import pytest
 
-from nightjar_harness import BUILD_DIR
+from nightjar_harness import BUILD_DIR, NOBODY
 
 CTL = BUILD_DIR / "tools" / "nightjarctl"
 ZONE = "Europe/Berlin"
-NOBODY = 65534
+
+
+def ctl_env(root, system_bus=None):
+    """nightjarctl's environment: the test's root, a fixed zone, the private bus if any."""
+    env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ=ZONE)
+    if system_bus:
+        env["DBUS_SYSTEM_BUS_ADDRESS"] = system_bus.address
+    return env
 
 
 @pytest.fixture
-def ctl(root, system_bus, start_daemon):
+def ctl(root, system_bus, daemon):
     """Runs nightjarctl against a running daemon; answers (exit status, stdout, stderr)."""
-    daemon = start_daemon()
-    assert daemon.wait_running()
-
     def run(*args, user=None, tty=False):
-        env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ=ZONE,
-                   DBUS_SYSTEM_BUS_ADDRESS=system_bus.address)
         command = [str(CTL), *args]
         if tty:  # on a terminal of its own, as a person types it
             command = ["script", "-qec", shlex.join(command), "/dev/null"]
-        done = subprocess.run(command, env=env, capture_output=True, text=True, timeout=20,
-                              user=user)
+        done = subprocess.run(command, env=ctl_env(root, system_bus), capture_output=True,
+                              text=True, timeout=20, user=user)
         return done.returncode, done.stdout, done.stderr
 
     run.daemon = daemon
@@ -162,7 +164,7 @@ def test_bad_input_sends_nothing_and_refusals_are_sentences(ctl):
 
 
 def test_a_daemon_that_is_not_running(root, tmp_path):
-    env = dict(os.environ, NIGHTJAR_ROOT=str(root))
+    env = ctl_env(root)
     path = root / "var/tmp/quillon.nightjar/api"
     done = subprocess.run([str(CTL), "list"], env=env, capture_output=True, text=True)
     assert (done.returncode, done.stderr) == (
@@ -214,9 +216,8 @@ def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, broadca
 
 
 def test_watch_sees_the_warning_before_an_event_is_performed(ctl, root, system_bus):
-    env = dict(os.environ, NIGHTJAR_ROOT=str(root), DBUS_SYSTEM_BUS_ADDRESS=system_bus.address)
-    watch = subprocess.Popen([str(CTL), "watch"], env=env, stdout=subprocess.PIPE,
-                             stderr=subprocess.PIPE, text=True)
+    watch = subprocess.Popen([str(CTL), "watch"], env=ctl_env(root, system_bus),
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     try:
         assert "Watching" in watch.stderr.readline()
         add(ctl, "--at", "+2s", "--action", "shutdown", "--name", "Soon")

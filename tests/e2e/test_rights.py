@@ -52,7 +52,8 @@ def defaults_by_id(path):
     return result
 
 
-def test_install_defines_the_fourteen_rights_once(start_daemon, root):
+def test_install_defines_the_fourteen_rights_once_and_uninstall_removes_them(
+        start_daemon, root):
     run(start_daemon, "-i")
     policy = root / POLICY
     rules = defaults_by_id(policy)
@@ -68,6 +69,13 @@ def test_install_defines_the_fourteen_rights_once(start_daemon, root):
     assert policy.read_bytes() == first
     assert not any("Unable to" in m for m in daemon.messages())
     assert not (root / "var/run/nightjard.pid").exists()
+
+    # -u removes the rights, and then the file left with none; a second -u finds nothing.
+    daemon = run(start_daemon, "-u")
+    assert not policy.exists()
+    assert not any("Unable to" in m for m in daemon.messages())
+    run(start_daemon, "-u")
+    assert not policy.exists()
 
 
 def test_install_keeps_an_already_defined_right_and_the_files_other_content(start_daemon, root):
@@ -85,15 +93,6 @@ def test_install_keeps_an_already_defined_right_and_the_files_other_content(star
     assert policy.read_text() == policy_file(FOREIGN)
 
 
-def test_uninstall_removes_the_rights_and_then_the_file(start_daemon, root):
-    run(start_daemon, "-i")
-    daemon = run(start_daemon, "-u")
-    assert not (root / POLICY).exists()
-    assert not any("Unable to" in m for m in daemon.messages())
-    run(start_daemon, "-u")
-    assert not (root / POLICY).exists()
-
-
 def test_each_right_that_cannot_be_set_is_logged(start_daemon, root):
     folder = root / "usr/share/polkit-1/actions"
     folder.rmdir()
@@ -103,9 +102,7 @@ def test_each_right_that_cannot_be_set_is_logged(start_daemon, root):
     assert failures == [f"<3>Unable to set right: {name}, 20" for name in RIGHTS]
 
 
-def test_a_user_holds_a_write_right_only_when_polkit_grants_it(start_daemon, root, polkitd):
-    daemon = start_daemon()
-    assert daemon.wait_running()
+def test_a_user_holds_a_write_right_only_when_polkit_grants_it(polkitd, daemon, root):
     authority = dbus.Interface(polkitd.object("/org/freedesktop/PolicyKit1/Authority"),
                                dbusmock.MOCK_IFACE)
 

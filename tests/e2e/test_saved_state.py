@@ -6,13 +6,14 @@ import plistlib
 import signal
 
 from nightjar_client import Client, authorization_form, socket_path
-from nightjar_harness import wait_until
-from test_event_road import once_event, utc_in
+from nightjar_harness import (RTC_ALARM_FILE, STATE_FILE, WAKE_ENTRIES_FILE, epoch, once_event,
+                              pending_dates, seconds_of_day, tool_calls, utc_in, wait_until,
+                              wake_entries)
+from nightjar_harness import daily_event as every_day_event
 
 
 def stop(daemon):
-    daemon.signal(signal.SIGTERM)
-    assert daemon.wait() == 0
+    assert daemon.terminate() == 0
 
 
 def start(start_daemon):
@@ -22,10 +23,8 @@ def start(start_daemon):
 
 
 def daily_event(uniqueid):
-    return {"uniqueid": uniqueid, "name": uniqueid, "enabled": True, "note": "kept",
-            "trigger": {"type": "daily", "secondsfrommidnight": 3600,
-                        "days": ["monday", "friday"]},
-            "action": {"type": "logout"}}
+    """A daily event with a member of the site's own, which is kept as it was sent."""
+    return dict(every_day_event(uniqueid, "logout", 3600, ["monday", "friday"]), note="kept")
 
 
 def test_events_and_warnings_survive_a_restart(start_daemon, root, logind):
@@ -42,7 +41,7 @@ def test_events_and_warnings_survive_a_restart(start_daemon, root, logind):
             "notifications.pending")["response"][0])
         pending = client.call("notifications.pending")["response"]
     stop(daemon)
-    assert (root / "var/lib/nightjar/preferences.plist").exists()
+    assert (root / STATE_FILE).exists()
 
     daemon = start(start_daemon)
     with Client(socket_path(root)) as client:
@@ -59,45 +58,46 @@ def test_events_and_warnings_survive_a_restart(start_daemon, root, logind):
         assert moved["soon"] == date + datetime.timedelta(seconds=60)
 
 
-def test_a_once_event_that_passed_while_stopped_is_dropped(start_daemon, root, logind):
+def test_events_missed_while_stopped_are_dropped_or_move_to_their_next_day(
+        start_daemon, root, logind):
     daemon = start(start_daemon)
     date = utc_in(2)
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.set", once_event("missed", "restart", date)) == \
             {"status": 200}
+        nightly = every_day_event("nightly", "restart", seconds_of_day(date))
+        assert client.call("scheduler.set", nightly) == {"status": 200}
     stop(daemon)
     assert wait_until(lambda: utc_in(0) > date, timeout=4)
 
     daemon = start(start_daemon)
     assert daemon.wait_for_line("Dropped event: ")
+    assert daemon.wait_for_line("Rescheduling event: ")
     dropped = [m for m in daemon.messages() if m.startswith("Dropped event: ")]
     assert len(dropped) == 1 and "missed" in dropped[0] and dropped[0].endswith(", has past.")
     with Client(socket_path(root)) as client:
-        assert client.call("notifications.pending") == {"status": 200, "response": []}
-    log = root / "tool-calls.log"
-    assert not log.exists() or "gracestop" not in log.read_text()
+        assert pending_dates(client) == {"nightly": date + datetime.timedelta(days=1)}
+    assert "gracestop" not in tool_calls(root)
 
 
 def test_wake_entries_are_found_again_and_not_duplicated(start_daemon, root, logind):
     daemon = start(start_daemon)
     date = utc_in(5 * 3600)
-    epoch = str(int(date.replace(tzinfo=datetime.timezone.utc).timestamp()))
-    alarm = root / "sys/class/rtc/rtc0/wakealarm"
-    saved = root / "var/lib/nightjar/powerevents.plist"
+    alarm = root / RTC_ALARM_FILE
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.set", once_event("dawn", "wake", date)) == \
             {"status": 200}
-    assert wait_until(lambda: alarm.read_text().strip() == epoch)
+    assert wait_until(lambda: alarm.read_text().strip() == epoch(date))
     stop(daemon)
-    entries = plistlib.loads(saved.read_bytes())
+    entries = wake_entries(root)
     assert len(entries) == 1
 
     # A fired alarm is spent: the restarted daemon must set it again.
     alarm.write_text("")
     daemon = start(start_daemon)
-    assert wait_until(lambda: alarm.read_text().strip() == epoch)
+    assert wait_until(lambda: alarm.read_text().strip() == epoch(date))
     stop(daemon)
-    assert plistlib.loads(saved.read_bytes()) == entries
+    assert wake_entries(root) == entries
 
 
 def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(
@@ -114,8 +114,8 @@ def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
         start_daemon, root, logind):
     forced = root / "etc/nightjar/forced.plist"
     forced.write_bytes(plistlib.dumps({"notificationcontroller.notifyperiod": 60.0}))
-    (root / "var/lib/nightjar/preferences.plist").write_text("<plist><dict><key>engine")
-    (root / "var/lib/nightjar/powerevents.plist").write_text("<plist><array>")
+    (root / STATE_FILE).write_text("<plist><dict><key>engine")
+    (root / WAKE_ENTRIES_FILE).write_text("<plist><array>")
     daemon = start(start_daemon)
     with Client(socket_path(root)) as client:
         assert client.call("scheduler.events") == {"status": 200, "response": []}
@@ -126,7 +126,7 @@ def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
             {"status": 200}
     stop(daemon)
     # The corrupt store was kept aside, and a whole one holds the new state.
-    saved = plistlib.loads((root / "var/lib/nightjar/preferences.plist").read_bytes())
+    saved = plistlib.loads((root / STATE_FILE).read_bytes())
     assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]
     kept = list((root / "var/lib/nightjar").glob("preferences.plist.unreadable-*"))
     assert [k.read_text() for k in kept] == ["<plist><dict><key>engine"]
@@ -166,7 +166,7 @@ LIMIT = 1024 * 1024
 def test_a_state_near_the_limit_survives_a_restart_and_more_is_refused(
         start_daemon, root, logind):
     env = {"NIGHTJAR_TEST_MAX_FILE_BYTES": str(LIMIT)}
-    store = root / "var/lib/nightjar/preferences.plist"
+    store = root / STATE_FILE
     per_event = len(plistlib.dumps(warned_daily_state(2))) - len(
         plistlib.dumps(warned_daily_state(1)))
     count = (LIMIT - 16 * 1024) // per_event
@@ -193,28 +193,6 @@ def test_a_state_near_the_limit_survives_a_restart_and_more_is_refused(
     assert not list(store.parent.glob("*.unreadable-*"))
 
 
-def test_a_daily_event_missed_while_stopped_moves_to_its_next_day(start_daemon, root, logind):
-    daemon = start(start_daemon)
-    date = utc_in(2)
-    seconds = date.hour * 3600 + date.minute * 60 + date.second
-    with Client(socket_path(root)) as client:
-        event = dict(daily_event("nightly"), action={"type": "restart"})
-        event["trigger"] = dict(event["trigger"], secondsfrommidnight=seconds,
-                                days=["monday", "tuesday", "wednesday", "thursday", "friday",
-                                      "saturday", "sunday"])
-        assert client.call("scheduler.set", event) == {"status": 200}
-    stop(daemon)
-    assert wait_until(lambda: utc_in(0) > date, timeout=4)
-
-    daemon = start(start_daemon)
-    assert daemon.wait_for_line("Rescheduling event: ")
-    with Client(socket_path(root)) as client:
-        pending = client.call("notifications.pending")["response"]
-        assert [e["trigger"]["date"] for e in pending] == [date + datetime.timedelta(days=1)]
-    log = root / "tool-calls.log"
-    assert not log.exists() or "gracestop" not in log.read_text()
-
-
 def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_first(
         start_daemon, root, logind, broadcasts):
     daemon = start(start_daemon)
@@ -227,7 +205,7 @@ def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_firs
         daemon.signal(signal.SIGTERM)
         assert client.receive().value == {"status": 200}
     assert daemon.wait(timeout=5) == 0
-    assert "gracestop -r" in (root / "tool-calls.log").read_text()
+    assert "gracestop -r" in tool_calls(root)
     assert broadcasts.wait_for("socket.closed")
     names = broadcasts.names()
     assert names.index("event.willperform") < names.index("event.didperform") \

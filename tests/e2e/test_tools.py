@@ -6,11 +6,9 @@ import subprocess
 import dbus
 import pytest
 
-from nightjar_harness import BUILD_DIR, PYTHON, wait_until
+from nightjar_harness import BUILD_DIR, LOGIND_MANAGER as MANAGER, LOGIND_PATH, MOCK, PYTHON, \
+    wait_until
 
-LOGIND_PATH = "/org/freedesktop/login1"
-MANAGER = "org.freedesktop.login1.Manager"
-MOCK = "org.freedesktop.DBus.Mock"
 DISPLAY_MANAGER = "org.freedesktop.DisplayManager"
 DM_PATH = "/org/freedesktop/DisplayManager"
 DM_SEAT = "org.freedesktop.DisplayManager.Seat"
@@ -64,14 +62,11 @@ def display_manager(system_bus):
 
 
 @pytest.mark.parametrize("option, method", [("-h", "PowerOff"), ("-r", "Reboot")])
-def test_gracestop_asks_logind_without_interaction(system_bus, logind, option, method):
+def test_gracestop_asks_logind_without_interaction_and_reports_a_refusal(
+        system_bus, logind, option, method):
     result = run_tool("gracestop", system_bus.address, option)
     assert result.returncode == 0, result.stderr
     assert calls(logind.object(LOGIND_PATH), method) == [[False]]
-
-
-@pytest.mark.parametrize("option, method", [("-h", "PowerOff"), ("-r", "Reboot")])
-def test_gracestop_reports_a_refusal(system_bus, logind, option, method):
     refuse(logind, method, "b", "org.freedesktop.login1.BlockedByInhibitorLock",
            "Operation denied due to active block inhibitor")
     result = run_tool("gracestop", system_bus.address, option)
@@ -102,12 +97,18 @@ def test_bad_arguments_print_the_usage(tool, args):
     assert result.stdout == ""
 
 
-def test_perch_logs_the_active_user_out(system_bus, logind):
+@pytest.mark.parametrize("option, method", [("-l", "TerminateSession"), ("-s", "LockSession")])
+def test_perch_acts_on_the_active_session_and_reports_a_refusal(
+        system_bus, logind, option, method):
     add_session(logind, "c1", "alice", 1000)
     add_session(logind, "c2", "bob", 1001)  # now the active one
-    result = run_tool("perch", system_bus.address, "-l")
+    result = run_tool("perch", system_bus.address, option)  # -s: no display manager runs
     assert result.returncode == 0, result.stderr
-    assert calls(logind.object(LOGIND_PATH), "TerminateSession") == [["c2"]]
+    assert calls(logind.object(LOGIND_PATH), method) == [["c2"]]
+    refuse(logind, method, "s", "org.freedesktop.DBus.Error.AccessDenied", "Permission denied")
+    result = run_tool("perch", system_bus.address, option)
+    assert result.returncode == 1
+    assert "perch: cannot" in result.stderr and "Permission denied" in result.stderr
 
 
 def test_perch_without_a_user_at_the_console(system_bus, logind):
@@ -120,25 +121,9 @@ def test_perch_without_a_user_at_the_console(system_bus, logind):
     assert calls(logind.object(LOGIND_PATH), "LockSession") == []
 
 
-def test_perch_switch_locks_the_session_without_a_display_manager(system_bus, logind):
-    add_session(logind)
-    result = run_tool("perch", system_bus.address, "-s")
-    assert result.returncode == 0, result.stderr
-    assert calls(logind.object(LOGIND_PATH), "LockSession") == [["c1"]]
-
-
 def test_perch_switch_goes_through_the_display_manager(system_bus, logind, display_manager):
     add_session(logind)
     result = run_tool("perch", system_bus.address, "-s")
     assert result.returncode == 0, result.stderr
     assert calls(display_manager, "SwitchToGreeter") == [[]]
     assert calls(logind.object(LOGIND_PATH), "LockSession") == []
-
-
-@pytest.mark.parametrize("option, method", [("-l", "TerminateSession"), ("-s", "LockSession")])
-def test_perch_reports_a_refusal(system_bus, logind, option, method):
-    add_session(logind)
-    refuse(logind, method, "s", "org.freedesktop.DBus.Error.AccessDenied", "Permission denied")
-    result = run_tool("perch", system_bus.address, option)
-    assert result.returncode == 1
-    assert "perch: cannot" in result.stderr and "Permission denied" in result.stderr

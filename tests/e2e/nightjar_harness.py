@@ -108,11 +108,14 @@ class PrivateBus:
 
     def __init__(self, base: Path):
         self.socket = base / "system_bus_socket"
-        config = base / "bus.conf"
-        config.write_text(BUS_CONFIG.read_text().replace("@SOCKET@", str(self.socket)))
+        self._config = base / "bus.conf"
+        self._config.write_text(BUS_CONFIG.read_text().replace("@SOCKET@", str(self.socket)))
         self.address = f"unix:path={self.socket}"
+        self._start()
+
+    def _start(self):
         self.process = subprocess.Popen(
-            ["dbus-daemon", "--nofork", f"--config-file={config}"],
+            ["dbus-daemon", "--nofork", f"--config-file={self._config}"],
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         if not wait_until(self.socket.exists, timeout=10):
             self.stop()
@@ -122,6 +125,14 @@ class PrivateBus:
         if self.process.poll() is None:
             self.process.terminate()
             self.process.wait(timeout=10)
+
+    def restart(self):
+        """Kills the bus, and every connection with it, and starts a new one at the same
+        address."""
+        self.process.kill()
+        self.process.wait(timeout=10)
+        self.socket.unlink(missing_ok=True)
+        self._start()
 
 
 class DbusMock:

@@ -1,11 +1,13 @@
 """The daemon's system monitors against python3-dbusmock's logind on the private bus."""
 
+import datetime
 import signal
 import subprocess
 
 import dbus
 
-from nightjar_harness import PYTHON, wait_until
+from nightjar_client import Client, socket_path
+from nightjar_harness import PYTHON, BroadcastListener, DbusMock, wait_until
 
 LOGIND_PATH = "/org/freedesktop/login1"
 MANAGER = "org.freedesktop.login1.Manager"
@@ -54,6 +56,46 @@ def test_console_user_changes_and_time_zone_switch_keep_the_daemon_running(
     assert daemon.process.poll() is None
     daemon.signal(signal.SIGTERM)
     assert daemon.wait() == 0
+
+
+def test_after_the_bus_comes_back_broadcasts_and_the_sleep_delay_come_back(
+        start_daemon, system_bus, logind, root):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    assert wait_until(lambda: len(sleep_delays(logind)) == 1)
+
+    system_bus.restart()  # logind's mock goes with it
+    assert daemon.wait_for_line("Lost the system bus; reconnecting")
+    mock = DbusMock(system_bus, "logind")
+    listener = BroadcastListener(system_bus)
+    try:
+        # Reconnected after a back-off of about a second.
+        assert wait_until(lambda: len(sleep_delays(mock)) == 1, timeout=15)
+        assert daemon.wait_for_line("Connected to the system bus again")
+        with Client(socket_path(root)) as client:
+            event = {"uniqueid": "e1", "name": "e1", "enabled": True,
+                     "trigger": {"type": "once", "date": datetime.datetime(2100, 1, 1)},
+                     "action": {"type": "sleep"}}
+            assert client.call("scheduler.set", event) == {"status": 200}
+        assert listener.wait_for("scheduler.events")
+        assert daemon.process.poll() is None
+        assert [m for m in daemon.messages() if "system bus" in m] == [
+            "Lost the system bus; reconnecting", "Connected to the system bus again"]
+    finally:
+        listener.stop()
+        mock.stop()
+
+
+def test_logind_is_followed_when_it_starts_late_and_when_it_restarts(start_daemon, system_bus):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    for _ in range(2):
+        mock = DbusMock(system_bus, "logind")
+        try:
+            assert wait_until(lambda: len(sleep_delays(mock)) == 1)
+        finally:
+            mock.stop()
+    assert daemon.process.poll() is None
 
 
 def test_without_logind_the_daemon_runs_on(start_daemon, system_bus):

@@ -54,16 +54,18 @@ std::optional<T> readVariant(sd_bus_message* reply, const char* type) {
 
 class LogindIdleTimeSource final : public IdleTimeSource {
  public:
-  LogindIdleTimeSource(sd_bus* bus, const runloop::Clock& clock) : bus_(bus), clock_(clock) {}
+  LogindIdleTimeSource(SystemBusConnection* bus, const runloop::Clock& clock)
+      : connection_(bus), clock_(clock) {}
 
   std::uint32_t idleSeconds() override {
-    if (bus_ == nullptr)
+    sd_bus* bus = connection_ != nullptr ? connection_->bus() : nullptr;
+    if (bus == nullptr)
       return 0;
-    const std::optional<int> idle = readVariant<int>(getProperty(bus_, "IdleHint").get(), "b");
+    const std::optional<int> idle = readVariant<int>(getProperty(bus, "IdleHint").get(), "b");
     if (!idle || !*idle)
       return 0;
     const std::optional<std::uint64_t> since =
-        readVariant<std::uint64_t>(getProperty(bus_, "IdleSinceHint").get(), "t");
+        readVariant<std::uint64_t>(getProperty(bus, "IdleSinceHint").get(), "t");
     if (!since || *since == 0)
       return 0;  // idle since an unknown moment
     return secondsSince(*since);
@@ -81,13 +83,14 @@ class LogindIdleTimeSource final : public IdleTimeSource {
     return static_cast<std::uint32_t>(idle < kMax ? idle : kMax);
   }
 
-  sd_bus* bus_;
+  SystemBusConnection* connection_;
   const runloop::Clock& clock_;
 };
 
 }  // namespace
 
-std::unique_ptr<IdleTimeSource> makeLogindIdleTimeSource(sd_bus* bus, const runloop::Clock& clock) {
+std::unique_ptr<IdleTimeSource> makeLogindIdleTimeSource(SystemBusConnection* bus,
+                                                         const runloop::Clock& clock) {
   return std::make_unique<LogindIdleTimeSource>(bus, clock);
 }
 

@@ -20,7 +20,7 @@ class LogindIdleTest : public LogindTest {
   void SetUp() override {
     LogindTest::SetUp();
     clock_.set(runloop::fromUnixSeconds(static_cast<double>(kNowUsec) / 1e6));
-    source_ = makeLogindIdleTimeSource(client_.get(), clock_);
+    source_ = makeLogindIdleTimeSource(connection_.get(), clock_);
   }
 
   template <typename T>
@@ -67,7 +67,8 @@ TEST(LogindIdleWithoutLogind, AnswersZero) {
   ASSERT_TRUE(bus.ok());
   auto client = bus.connect();
   ASSERT_NE(client, nullptr);
-  EXPECT_EQ(makeLogindIdleTimeSource(client.get())->idleSeconds(), 0u);
+  auto connection = SystemBusConnection::adopt(client.get());
+  EXPECT_EQ(makeLogindIdleTimeSource(connection.get())->idleSeconds(), 0u);
 }
 
 }  // namespace

@@ -117,9 +117,14 @@ class PrivateBus:
         self.process = subprocess.Popen(
             ["dbus-daemon", "--nofork", f"--config-file={self._config}"],
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-        if not wait_until(self.socket.exists, timeout=10):
+        if not wait_until(self._listening, timeout=10):
             self.stop()
             raise RuntimeError("private dbus-daemon did not start")
+
+    def _listening(self):
+        # The socket file exists a moment before the daemon listens on it.
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+            return probe.connect_ex(str(self.socket)) == 0
 
     def stop(self):
         if self.process.poll() is None:
@@ -271,6 +276,21 @@ class Daemon:
                     return self.process.poll() is None
         except (socket.timeout, OSError):
             return False
+
+    def wait_for_notify(self, wanted, timeout=5.0):
+        """Reads the daemon's later notify lines until `wanted(line)` holds; answers that line,
+        or None once `timeout` passed."""
+        deadline = time.monotonic() + timeout
+        while (left := deadline - time.monotonic()) > 0:
+            self._notify.settimeout(left)
+            try:
+                message = self._notify.recv(4096).decode()
+            except (socket.timeout, OSError):
+                return None
+            for line in message.split("\n"):
+                if wanted(line):
+                    return line
+        return None
 
     def signal(self, number):
         self.process.send_signal(number)

@@ -1,6 +1,7 @@
 // A bound on the log lines of refused requests, per uid, so that no local user
 // can push the daemon's own lines out of the journal's rate limit: about 50 a
-// second each; the rest are counted in one line a second per uid.
+// second each; the rest are counted in one line a second per uid, logged with
+// the first refused line of any uid after that second.
 // Run-loop thread only.
 #pragma once
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "api/refusal_log.h"
 #include "logging/logging.h"
 #include "wire/authorization_form.h"
 
@@ -35,8 +36,10 @@ bool isPlainAscii(std::string_view right) {
   return true;
 }
 
-bool refuse(const std::string& right) {
-  logging::logMessage(LOG_NOTICE, "Authorization refused: %s", right.c_str());
+// Departure: within the refusal lines' per-uid bound (api/refusal_log.h).
+bool refuse(const std::string& right, uid_t uid) {
+  if (refusalLineAdmitted(uid))
+    logging::logMessage(LOG_NOTICE, "Authorization refused: %s", right.c_str());
   return false;
 }
 
@@ -44,11 +47,11 @@ bool refuse(const std::string& right) {
 bool decideByPolicy(Authorization& authorization, const std::string& right, uid_t uid) {
   plist::Value rule = authorization.policy->rule(right);
   if (rule.isNone())
-    return refuse(right);
+    return refuse(right, uid);
   const std::string* name = rule.asString();
   if ((name != nullptr && *name == kAllowRule) || uid == 0)
     return true;
-  return refuse(right);
+  return refuse(right, uid);
 }
 
 }  // namespace
@@ -128,7 +131,7 @@ void authorizationCheck(const plist::Value& authorization, const platform::PeerC
           case platform::AuthorityAnswer::Granted:
             return done(true);
           case platform::AuthorityAnswer::Refused:
-            return done(refuse(right));
+            return done(refuse(right, uid));
           case platform::AuthorityAnswer::NoAuthority:
             return done(decideByPolicy(*self, right, uid));
         }

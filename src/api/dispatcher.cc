@@ -10,6 +10,7 @@
 
 #include "api/notification_requests.h"
 #include "api/perform_wait.h"
+#include "api/refusal_log.h"
 #include "api/request_action.h"
 #include "api/scheduler_requests.h"
 #include "logging/logging.h"
@@ -59,8 +60,11 @@ bool isAuthorizationForm(const Value& authorization) {
 
 // Logs the exchange, then hands the reply on.
 void answer(const Value& request, Value reply, const ReplyDone& done) {
-  logging::logMessage(LOG_ERR, "API: %@ > %@", Value::string(plist::describeValue(request)),
-                      Value::string(plist::describeValue(reply)));
+  // Departure: refusals are logged within a per-uid bound (api/refusal_log.h).
+  const std::optional<uid_t> uid = RequesterScope::current();
+  if (!reply.get(model::kErrorKey) || !uid || refusalLineAdmitted(*uid))
+    logging::logMessage(LOG_ERR, "API: %@ > %@", Value::string(plist::describeValue(request)),
+                        Value::string(plist::describeValue(reply)));
   if (done) {
     done(std::move(reply));
   }

@@ -17,7 +17,6 @@
 #include "platform/linux/file_preferences_store.h"
 #include "platform/linux/file_time_zone_source.h"
 #include "platform/linux/inotify_file_change_source.h"
-#include "platform/linux/logind_bus.h"
 #include "platform/linux/logind_console_user_source.h"
 #include "platform/linux/logind_idle_time_source.h"
 #include "platform/linux/logind_power_source.h"
@@ -42,18 +41,15 @@ namespace {
 
 namespace adapter = platform::linux_adapter;
 
-// The file watcher, then the system monitor over the Linux adapters. logind is
-// asked once, within a bounded wait: when it does not answer, every logind
-// facility is left out at once instead of each waiting in turn.
+// The file watcher, then the system monitor over the Linux adapters. The
+// logind adapters follow logind on the bus by themselves: it may come later,
+// go away and come back.
 void createMonitors(Daemon& daemon) {
   monitors::fileWatcherCreate(adapter::makeInotifyFileChangeSource(*daemon.loop, daemon.root));
-  daemon.logindBus = daemon.bus != nullptr && adapter::logind::reachable(daemon.bus.get())
-                         ? daemon.bus.get()
-                         : nullptr;
   monitors::SystemMonitorPorts ports;
-  ports.consoleUser = adapter::makeLogindConsoleUserSource(daemon.logindBus);
-  ports.power = adapter::makeLogindPowerSource(daemon.logindBus);
-  ports.sleepGuard = adapter::makeLogindSleepGuard(daemon.logindBus);
+  ports.consoleUser = adapter::makeLogindConsoleUserSource(daemon.bus.get());
+  ports.power = adapter::makeLogindPowerSource(daemon.bus.get());
+  ports.sleepGuard = adapter::makeLogindSleepGuard(daemon.bus.get());
   ports.timeZone = adapter::makeFileTimeZoneSource(daemon.root);
   platform::ConsoleUserSource* consoleUser = ports.consoleUser.get();
   monitors::systemMonitorCreate(monitors::fileWatcherGet(), std::move(ports));
@@ -140,7 +136,7 @@ void createControllers(Daemon& daemon) {
         list,
         scheduling::dateTimeQueueControllerCreate(
             runloop::systemClock(), daemon.loop->timerFactory(), [zone] { zone->current(); }));
-    daemon.idle = adapter::makeLogindIdleTimeSource(daemon.logindBus);
+    daemon.idle = adapter::makeLogindIdleTimeSource(daemon.bus.get());
     scheduling::queueControllerListAppend(
         list, scheduling::inactivityQueueControllerCreate(daemon.idle.get(), runloop::systemClock(),
                                                           daemon.loop->timerFactory()));
@@ -166,7 +162,7 @@ void createRelay(Daemon& daemon) {
 void buildModules(Daemon& daemon) {
   daemon.preferences = adapter::makeFilePreferencesStore(daemon.root);
   persistence::preferencesSetStore(daemon.preferences.get());
-  daemon.bus = adapter::connectSystemBus(*daemon.loop);
+  daemon.bus = adapter::SystemBusConnection::create(*daemon.loop);
   daemon.distributedCenter = adapter::makeDbusDistributedCenter(daemon.bus.get());
   createMonitors(daemon);
   createPowerManager(daemon);

@@ -23,8 +23,8 @@ namespace nightjar::core {
 struct Daemon {
   std::string root;
   std::unique_ptr<runloop::RunLoop> loop;
-  platform::linux_adapter::BusPtr bus;
-  sd_bus* logindBus = nullptr;  // the bus when logind answered, else null
+  // Reconnects by itself; the adapters over it subscribe again each time.
+  std::unique_ptr<platform::linux_adapter::SystemBusConnection> bus;
   std::unique_ptr<platform::DistributedCenter> distributedCenter;
   std::unique_ptr<platform::PreferencesStore> preferences;
   std::unique_ptr<platform::linux_adapter::FilePowerManager> powerManager;

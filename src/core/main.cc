@@ -14,6 +14,7 @@
 #include "core/lock_file.h"
 #include "core/notification_relay.h"
 #include "core/signal_socket.h"
+#include "core/status_reporter.h"
 #include "logging/logging.h"
 #include "platform/linux/daemon_root.h"
 #include "platform/linux/polkit_policy_file.h"
@@ -51,7 +52,13 @@ int runLoop(core::Daemon& daemon) {
   // Under systemd (Type=notify) and in the tests: the signals are handled and
   // the socket is served from here on.
   sd_notify(0, "READY=1");
+  // With WatchdogSec= set, sd-event sends WATCHDOG=1 at half the interval from
+  // the loop itself, so a hung loop stops it and is restarted; otherwise this
+  // does nothing.
+  sd_event_set_watchdog(daemon.loop->event(), 1);
+  std::unique_ptr<runloop::ObserverHandle> status = core::statusReporterStart(*daemon.loop);
   daemon.loop->run();
+  status.reset();
   sd_notify(0, "STOPPING=1");
   core::relayQueue(relay, "socket.closed");
   return 0;

@@ -110,11 +110,14 @@ class PrivateBus:
 
     def __init__(self, base: Path):
         self.socket = base / "system_bus_socket"
-        config = base / "bus.conf"
-        config.write_text(BUS_CONFIG.read_text().replace("@SOCKET@", str(self.socket)))
+        self._config = base / "bus.conf"
+        self._config.write_text(BUS_CONFIG.read_text().replace("@SOCKET@", str(self.socket)))
         self.address = f"unix:path={self.socket}"
+        self._start()
+
+    def _start(self):
         self.process = subprocess.Popen(
-            ["dbus-daemon", "--nofork", f"--config-file={config}"],
+            ["dbus-daemon", "--nofork", f"--config-file={self._config}"],
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         if not wait_until(self._listening, timeout=10):  # bound a moment before it listens
             self.stop()
@@ -128,6 +131,14 @@ class PrivateBus:
         if self.process.poll() is None:
             self.process.terminate()
             self.process.wait(timeout=10)
+
+    def restart(self):
+        """Kills the bus, and every connection with it, and starts a new one at the same
+        address."""
+        self.process.kill()
+        self.process.wait(timeout=10)
+        self.socket.unlink(missing_ok=True)
+        self._start()
 
 
 class DbusMock:
@@ -266,6 +277,21 @@ class Daemon:
                     return self.process.poll() is None
         except (socket.timeout, OSError):
             return False
+
+    def wait_for_notify(self, wanted, timeout=5.0):
+        """Reads the daemon's later notify lines until `wanted(line)` holds; answers that line,
+        or None once `timeout` passed."""
+        deadline = time.monotonic() + timeout
+        while (left := deadline - time.monotonic()) > 0:
+            self._notify.settimeout(left)
+            try:
+                message = self._notify.recv(4096).decode()
+            except (socket.timeout, OSError):
+                return None
+            for line in message.split("\n"):
+                if wanted(line):
+                    return line
+        return None
 
     def signal(self, number):
         self.process.send_signal(number)

@@ -1,8 +1,10 @@
 """The daemon's command line, start-up, signals and tear-down, seen from outside."""
 
+import datetime
 import os
 import signal
 
+from nightjar_client import Client, socket_path
 from nightjar_harness import wait_until
 
 
@@ -98,3 +100,18 @@ def test_daemonise_detaches_and_the_child_keeps_running(start_daemon, root, broa
     assert broadcasts.wait_for("socket.closed")
     assert wait_until(lambda: not daemon.pid_file.exists())
 
+
+
+def test_the_status_line_follows_the_events_and_the_watchdog_is_fed(start_daemon, root):
+    daemon = start_daemon(extra_env={"WATCHDOG_USEC": "1000000"})  # the unit's WatchdogSec=
+    assert daemon.wait_running()
+    assert daemon.wait_for_notify(lambda line: line == "STATUS=0 events")
+    event = {"uniqueid": "n1", "name": "Nightly\noff", "enabled": True,
+             "trigger": {"type": "once", "date": datetime.datetime(2100, 1, 1, 22, 30)},
+             "action": {"type": "shutdown"}}
+    with Client(socket_path(root)) as client:
+        assert client.call("scheduler.set", event) == {"status": 200}
+    # The zone is the root's, UTC; a name cannot break the line.
+    assert daemon.wait_for_notify(
+        lambda line: line == "STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
+    assert daemon.wait_for_notify(lambda line: line == "WATCHDOG=1")

@@ -7,7 +7,8 @@ import dbus
 
 from nightjar_client import Client, socket_path
 from nightjar_harness import (LOGIND_MANAGER as MANAGER, LOGIND_PATH, MOCK, PYTHON,
-                              RTC_ALARM_FILE, epoch, once_event, set_zone, utc_in, wait_until)
+                              RTC_ALARM_FILE, BroadcastListener, DbusMock, epoch, once_event,
+                              set_zone, utc_in, wait_until)
 
 
 def sleep_delays(logind):
@@ -54,6 +55,45 @@ def test_console_user_changes_and_time_zone_switch_keep_the_daemon_running(
     assert daemon.wait_for_line("SIGHUP/restart signal caught")
     assert daemon.process.poll() is None
     assert daemon.terminate() == 0
+
+
+def test_after_the_bus_comes_back_broadcasts_and_the_sleep_delay_come_back(
+        start_daemon, system_bus, logind, root):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    assert wait_until(lambda: len(sleep_delays(logind)) == 1)
+
+    system_bus.restart()  # logind's mock goes with it
+    assert daemon.wait_for_line("Lost the system bus; reconnecting")
+    mock = DbusMock(system_bus, "logind")
+    listener = BroadcastListener(system_bus)
+    try:
+        # Reconnected after a back-off of about a second.
+        assert wait_until(lambda: len(sleep_delays(mock)) == 1, timeout=15)
+        assert daemon.wait_for_line("Connected to the system bus again")
+        with Client(socket_path(root)) as client:
+            assert client.call("scheduler.set", once_event("e1", "sleep", utc_in(7200))) == \
+                {"status": 200}
+        assert listener.wait_for("scheduler.events")
+        assert daemon.process.poll() is None
+        assert [m for m in daemon.messages() if "system bus" in m] == [
+            "Lost the system bus; reconnecting", "Connected to the system bus again"]
+    finally:
+        listener.stop()
+        mock.stop()
+
+
+def test_logind_is_followed_when_it_starts_late_and_when_it_restarts(start_daemon, system_bus):
+    daemon = start_daemon()
+    assert daemon.wait_running()
+    for _ in range(2):
+        mock = DbusMock(system_bus, "logind")
+        try:
+            assert wait_until(lambda: len(sleep_delays(mock)) == 1)
+        finally:
+            mock.stop()
+    assert daemon.process.poll() is None
+
 
 
 HUNG_LOGIND = """

@@ -73,33 +73,6 @@ bool isBroadcast(sd_bus_message* signal) {
   return sd_bus_message_get_destination(signal) == nullptr;
 }
 
-bool reachable(sd_bus* bus) {
-  sd_bus_message* call = nullptr;
-  if (sd_bus_message_new_method_call(bus, &call, kService, kManagerPath,
-                                     "org.freedesktop.DBus.Peer", "Ping") < 0) {
-    return false;
-  }
-  MessagePtr owned(call);
-  sd_bus_error error = SD_BUS_ERROR_NULL;
-  const int r = sd_bus_call(bus, call, kSetUpTimeoutUsec, &error, nullptr);
-  sd_bus_error_free(&error);
-  return r >= 0;
-}
-
-InhibitorLock inhibitNow(sd_bus* bus, const InhibitRequest& request) {
-  MessagePtr call = newInhibitCall(bus, request);
-  if (call == nullptr)
-    return {};
-  sd_bus_error error = SD_BUS_ERROR_NULL;
-  sd_bus_message* reply = nullptr;
-  const int r = sd_bus_call(bus, call.get(), kSetUpTimeoutUsec, &error, &reply);
-  sd_bus_error_free(&error);
-  if (r < 0)
-    return {};
-  MessagePtr owned(reply);
-  return lockFromReply(reply);
-}
-
 SlotPtr inhibitLater(sd_bus* bus, const InhibitRequest& request,
                      std::function<void(InhibitorLock)> done) {
   MessagePtr call = newInhibitCall(bus, request);

@@ -1,10 +1,8 @@
-// What the logind adapters share: names on the bus, the reachability check
-// and inhibitor locks.
+// What the logind adapters share: names on the bus and inhibitor locks.
 #pragma once
 
 #include <systemd/sd-bus.h>
 
-#include <cstdint>
 #include <functional>
 
 #include "platform/linux/system_bus.h"
@@ -18,16 +16,10 @@ inline constexpr char kSeatInterface[] = "org.freedesktop.login1.Seat";
 inline constexpr char kSessionInterface[] = "org.freedesktop.login1.Session";
 inline constexpr char kFirstSeatPath[] = "/org/freedesktop/login1/seat/seat0";
 
-// The longest a synchronous call may block, at set-up only.
-inline constexpr std::uint64_t kSetUpTimeoutUsec = 2'000'000;
-
 // Whether `signal` was broadcast. logind broadcasts its signals, and the bus
 // delivers a broadcast to us only when it matches one of our rules, which name
 // logind as the sender; a signal addressed to us alone may come from anyone.
 bool isBroadcast(sd_bus_message* signal);
-
-// Whether logind answers a ping on `bus` within kSetUpTimeoutUsec. Blocks.
-bool reachable(sd_bus* bus);
 
 // An inhibitor lock: logind holds the inhibition while the descriptor is open.
 class InhibitorLock {
@@ -53,10 +45,6 @@ struct InhibitRequest {
   const char* why;
   const char* mode;  // "block" or "delay"
 };
-
-// Takes a lock, blocking for at most kSetUpTimeoutUsec; an empty lock when
-// logind refuses or does not answer. For set-up only.
-InhibitorLock inhibitNow(sd_bus* bus, const InhibitRequest& request);
 
 // Asks for a lock without blocking; `done` receives it (empty on failure) from
 // the run loop. Dropping the answered slot cancels the call, and a lock that

@@ -46,34 +46,45 @@ std::optional<gid_t> primaryGroupOf(uid_t uid) {
 // never waits on logind. Lookups run side by side and are reported in the
 // order of their changes, so that changes in quick succession are each
 // reported: a lookup that logind answers early waits for those before it.
-class LogindConsoleUserSource final : public ConsoleUserSource {
+class LogindConsoleUserSource final : public ConsoleUserSource, SystemBusConnection::Client {
  public:
-  explicit LogindConsoleUserSource(sd_bus* bus) : bus_(sd_bus_ref(bus)) {}
+  explicit LogindConsoleUserSource(SystemBusConnection& bus) : connection_(bus) {
+    connection_.watch(*this, logind::kService);
+  }
   ~LogindConsoleUserSource() override {
-    match_.reset();
-    lookups_.clear();
-    sd_bus_unref(bus_);
+    connection_.unwatch(*this);
+    down();
   }
 
-  // Subscribes to the seat and learns the session active now, without
-  // reporting it: only changes are reported.
-  bool start() {
+  // Subscribes to the seat and learns the session active now. The first time
+  // it is not reported: only changes are. When logind comes back it is
+  // reported if it changed meanwhile.
+  void up(sd_bus* bus) override {
+    bus_ = sd_bus_ref(bus);
     sd_bus_slot* slot = nullptr;
-    if (sd_bus_add_match(bus_, &slot, kSeatChangedRule, onSeatChanged, this) < 0)
-      return false;
-    match_.reset(slot);
-    askActiveSession(startLookup(/*report=*/false));
-    return true;
+    if (sd_bus_add_match(bus_, &slot, kSeatChangedRule, onSeatChanged, this) >= 0)
+      match_.reset(slot);
+    askActiveSession(startLookup(started_ ? Report::IfChanged : Report::Never));
+    started_ = true;
+  }
+
+  // The session last learnt stays until logind says otherwise.
+  void down() override {
+    match_.reset();
+    lookups_.clear();
+    bus_ = sd_bus_unref(bus_);
   }
 
   void setChangeHandler(ChangeHandler handler) override { handler_ = std::move(handler); }
   ConsoleSession current() const override { return current_; }
 
  private:
+  enum class Report { Never, Always, IfChanged };
+
   // One change being resolved. Finished once `answer` is set.
   struct Lookup {
     LogindConsoleUserSource* source = nullptr;
-    bool report = false;
+    Report report = Report::Never;
     SlotPtr call;
     std::optional<ConsoleSession> answer;
   };
@@ -88,7 +99,7 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
     std::optional<logind::ActiveSessionChange> change = logind::readActiveSessionChange(signal);
     if (!change)
       return 0;
-    Lookup* lookup = self->startLookup(/*report=*/true);
+    Lookup* lookup = self->startLookup(Report::Always);
     if (change->invalidated) {
       self->askActiveSession(lookup);
     } else {
@@ -120,7 +131,7 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
     return 0;
   }
 
-  Lookup* startLookup(bool report) {
+  Lookup* startLookup(Report report) {
     auto lookup = std::make_unique<Lookup>();
     lookup->source = this;
     lookup->report = report;
@@ -165,13 +176,17 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
     }
   }
 
-  void learn(ConsoleSession session, bool report) {
+  void learn(ConsoleSession session, Report report) {
+    const bool changed = session.kind != current_.kind || session.uid != current_.uid ||
+                         session.name != current_.name;
     current_ = std::move(session);
-    if (report && handler_)
+    if (handler_ && (report == Report::Always || (report == Report::IfChanged && changed)))
       handler_(current_);
   }
 
-  sd_bus* bus_;
+  SystemBusConnection& connection_;
+  sd_bus* bus_ = nullptr;
+  bool started_ = false;
   SlotPtr match_;
   std::deque<std::unique_ptr<Lookup>> lookups_;
   ConsoleSession current_;
@@ -180,13 +195,10 @@ class LogindConsoleUserSource final : public ConsoleUserSource {
 
 }  // namespace
 
-std::unique_ptr<ConsoleUserSource> makeLogindConsoleUserSource(sd_bus* bus) {
-  if (bus == nullptr || !logind::reachable(bus))
+std::unique_ptr<ConsoleUserSource> makeLogindConsoleUserSource(SystemBusConnection* bus) {
+  if (bus == nullptr)
     return nullptr;
-  auto source = std::make_unique<LogindConsoleUserSource>(bus);
-  if (!source->start())
-    return nullptr;
-  return source;
+  return std::make_unique<LogindConsoleUserSource>(*bus);
 }
 
 }  // namespace nightjar::platform::linux_adapter

@@ -35,12 +35,11 @@ std::optional<T> readVariant(sd_bus_message* reply, const char* type) {
 // and announces no change of it, so each refresh asks for both properties.
 class LogindIdleTimeSource final : public IdleTimeSource {
  public:
-  LogindIdleTimeSource(sd_bus* bus, const runloop::Clock& clock)
-      : bus_(bus != nullptr ? sd_bus_ref(bus) : nullptr), clock_(clock) {}
+  LogindIdleTimeSource(SystemBusConnection* connection, const runloop::Clock& clock)
+      : connection_(connection), clock_(clock) {}
   ~LogindIdleTimeSource() override {
     hintCall_.reset();  // unanswered calls are dropped
     sinceCall_.reset();
-    sd_bus_unref(bus_);
   }
 
   double idleTime() override {
@@ -52,12 +51,16 @@ class LogindIdleTimeSource final : public IdleTimeSource {
   }
 
   bool refresh() override {
-    if (bus_ == nullptr)
+    // The bus of the moment: after a reconnection the calls go to the new one.
+    sd_bus* bus = connection_ != nullptr ? connection_->bus() : nullptr;
+    if (bus == nullptr) {
+      idle_ = false;  // an answer from before the loss may no longer hold
       return false;
+    }
     if (hintCall_ || sinceCall_)
       return true;  // the answer under way is shared
-    hintCall_ = ask("IdleHint", onHint);
-    sinceCall_ = ask("IdleSinceHint", onSince);
+    hintCall_ = ask(bus, "IdleHint", onHint);
+    sinceCall_ = ask(bus, "IdleSinceHint", onSince);
     if (!hintCall_ || !sinceCall_) {
       hintCall_.reset();
       sinceCall_.reset();
@@ -70,16 +73,16 @@ class LogindIdleTimeSource final : public IdleTimeSource {
 
  private:
   // Properties.Get of one Manager property, answered to `callback`.
-  SlotPtr ask(const char* property, sd_bus_message_handler_t callback) {
+  SlotPtr ask(sd_bus* bus, const char* property, sd_bus_message_handler_t callback) {
     sd_bus_message* raw = nullptr;
-    if (sd_bus_message_new_method_call(bus_, &raw, logind::kService, logind::kManagerPath,
+    if (sd_bus_message_new_method_call(bus, &raw, logind::kService, logind::kManagerPath,
                                        "org.freedesktop.DBus.Properties", "Get") < 0) {
       return nullptr;
     }
     MessagePtr call(raw);
     sd_bus_slot* slot = nullptr;
     if (sd_bus_message_append(call.get(), "ss", logind::kManagerInterface, property) < 0 ||
-        sd_bus_call_async(bus_, &slot, call.get(), callback, this, kCallTimeoutUsec) < 0) {
+        sd_bus_call_async(bus, &slot, call.get(), callback, this, kCallTimeoutUsec) < 0) {
       return nullptr;
     }
     return SlotPtr(slot);
@@ -112,7 +115,7 @@ class LogindIdleTimeSource final : public IdleTimeSource {
       listener_();
   }
 
-  sd_bus* bus_;
+  SystemBusConnection* connection_;
   const runloop::Clock& clock_;
   Listener listener_;
   SlotPtr hintCall_;
@@ -125,7 +128,8 @@ class LogindIdleTimeSource final : public IdleTimeSource {
 
 }  // namespace
 
-std::unique_ptr<IdleTimeSource> makeLogindIdleTimeSource(sd_bus* bus, const runloop::Clock& clock) {
+std::unique_ptr<IdleTimeSource> makeLogindIdleTimeSource(SystemBusConnection* bus,
+                                                         const runloop::Clock& clock) {
   return std::make_unique<LogindIdleTimeSource>(bus, clock);
 }
 

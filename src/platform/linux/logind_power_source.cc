@@ -10,26 +10,37 @@ constexpr logind::InhibitRequest kSleepDelay = {
 
 // The delay lock is logind's way to wait for us: the system sleeps once every
 // delay lock is released, so releasing it after the sleep handler is the
-// acknowledgement. After each wake the lock is taken again for the next sleep.
-class LogindPowerSource final : public PowerSource {
+// acknowledgement. After each wake the lock is taken again for the next sleep,
+// and so it is each time logind (or the bus) comes back.
+class LogindPowerSource final : public PowerSource, SystemBusConnection::Client {
  public:
-  LogindPowerSource(sd_bus* bus, logind::InhibitorLock delay)
-      : bus_(sd_bus_ref(bus)), delay_(std::move(delay)) {}
+  explicit LogindPowerSource(SystemBusConnection& bus) : connection_(bus) {
+    connection_.watch(*this, logind::kService);
+  }
   ~LogindPowerSource() override {
-    match_.reset();
-    pending_.reset();
-    sd_bus_unref(bus_);
+    connection_.unwatch(*this);
+    down();
   }
 
-  bool subscribe() {
+  // A failed subscription only means that no sleep is announced until logind
+  // comes back; a refused lock only that sleep is not held back for the
+  // handler. The lock is asked for again after each wake.
+  void up(sd_bus* bus) override {
+    bus_ = sd_bus_ref(bus);
     sd_bus_slot* slot = nullptr;
     if (sd_bus_match_signal(bus_, &slot, logind::kService, logind::kManagerPath,
                             logind::kManagerInterface, "PrepareForSleep", onPrepareForSleep,
-                            this) < 0) {
-      return false;
+                            this) >= 0) {
+      match_.reset(slot);
     }
-    match_.reset(slot);
-    return true;
+    retakeDelay();
+  }
+
+  void down() override {
+    match_.reset();
+    pending_.reset();
+    delay_.release();
+    bus_ = sd_bus_unref(bus_);
   }
 
   void setHandlers(Handlers handlers) override { handlers_ = std::move(handlers); }
@@ -64,7 +75,7 @@ class LogindPowerSource final : public PowerSource {
   }
 
   void retakeDelay() {
-    if (delay_.held() || pending_ != nullptr)
+    if (bus_ == nullptr || delay_.held() || pending_ != nullptr)
       return;
     pending_ = logind::inhibitLater(bus_, kSleepDelay, [this](logind::InhibitorLock lock) {
       pending_.reset();
@@ -72,7 +83,8 @@ class LogindPowerSource final : public PowerSource {
     });
   }
 
-  sd_bus* bus_;
+  SystemBusConnection& connection_;
+  sd_bus* bus_ = nullptr;
   logind::InhibitorLock delay_;
   SlotPtr match_;
   SlotPtr pending_;
@@ -81,17 +93,10 @@ class LogindPowerSource final : public PowerSource {
 
 }  // namespace
 
-std::unique_ptr<PowerSource> makeLogindPowerSource(sd_bus* bus) {
-  if (bus == nullptr || !logind::reachable(bus))
+std::unique_ptr<PowerSource> makeLogindPowerSource(SystemBusConnection* bus) {
+  if (bus == nullptr)
     return nullptr;
-  // A refused lock only means that sleep is not held back for the handler:
-  // the announcements are still followed, and the lock is asked for again
-  // after each wake.
-  logind::InhibitorLock delay = logind::inhibitNow(bus, kSleepDelay);
-  auto source = std::make_unique<LogindPowerSource>(bus, std::move(delay));
-  if (!source->subscribe())
-    return nullptr;
-  return source;
+  return std::make_unique<LogindPowerSource>(*bus);
 }
 
 }  // namespace nightjar::platform::linux_adapter

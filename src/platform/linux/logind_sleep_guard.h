@@ -1,16 +1,15 @@
 // The SleepGuard over logind: an "idle" block inhibitor while held.
 #pragma once
 
-#include <systemd/sd-bus.h>
-
 #include <memory>
 
+#include "platform/linux/system_bus.h"
 #include "platform/sleep_guard.h"
 
 namespace nightjar::platform::linux_adapter {
 
-// Answers nullptr when `bus` is null or logind does not answer on it (checked
-// once, blocking briefly); the daemon then never refuses idle sleep.
-std::unique_ptr<SleepGuard> makeLogindSleepGuard(sd_bus* bus);
+// Answers nullptr when `bus` is null; the daemon then never refuses idle
+// sleep. While logind is away nothing is held. `bus` must outlive the guard.
+std::unique_ptr<SleepGuard> makeLogindSleepGuard(SystemBusConnection* bus);
 
 }  // namespace nightjar::platform::linux_adapter

@@ -23,10 +23,9 @@ int errorOf(sd_bus_message* reply) {
 // daemon holds and can release only while its loop runs.
 class LogindSystemSleep final : public SystemSleep {
  public:
-  explicit LogindSystemSleep(sd_bus* bus) : bus_(sd_bus_ref(bus)) {}
+  explicit LogindSystemSleep(SystemBusConnection& bus) : bus_(bus) {}
   ~LogindSystemSleep() override {
     calls_.clear();  // unanswered calls are dropped with their completions
-    sd_bus_unref(bus_);
   }
 
   void sleepNow(Completion completion) override {
@@ -36,9 +35,13 @@ class LogindSystemSleep final : public SystemSleep {
     call.completion = std::move(completion);
     call.self = std::prev(calls_.end());
     sd_bus_slot* slot = nullptr;
-    const int r = sd_bus_call_method_async(bus_, &slot, logind::kService, logind::kManagerPath,
-                                           logind::kManagerInterface, "Suspend", onReply, &call,
-                                           "b", /*interactive=*/0);
+    // A call under way when the bus is lost is answered with an error.
+    sd_bus* bus = bus_.bus();
+    const int r = bus == nullptr
+                      ? -ENOTCONN
+                      : sd_bus_call_method_async(bus, &slot, logind::kService, logind::kManagerPath,
+                                                 logind::kManagerInterface, "Suspend", onReply,
+                                                 &call, "b", /*interactive=*/0);
     if (r < 0) {
       Completion failed = std::move(call.completion);
       calls_.pop_back();
@@ -69,16 +72,16 @@ class LogindSystemSleep final : public SystemSleep {
     return 0;
   }
 
-  sd_bus* bus_;
+  SystemBusConnection& bus_;
   std::list<Call> calls_;
 };
 
 }  // namespace
 
-std::unique_ptr<SystemSleep> makeLogindSystemSleep(sd_bus* bus) {
+std::unique_ptr<SystemSleep> makeLogindSystemSleep(SystemBusConnection* bus) {
   if (bus == nullptr)
     return nullptr;
-  return std::make_unique<LogindSystemSleep>(bus);
+  return std::make_unique<LogindSystemSleep>(*bus);
 }
 
 }  // namespace nightjar::platform::linux_adapter

@@ -80,21 +80,25 @@ AuthorityAnswer answerOf(sd_bus_message* reply) {
 
 class PolkitAuthority final : public Authority {
  public:
-  PolkitAuthority(sd_bus* bus, std::chrono::microseconds timeout)
-      : bus_(sd_bus_ref(bus)), timeout_(timeout) {}
+  PolkitAuthority(SystemBusConnection& bus, std::chrono::microseconds timeout)
+      : bus_(bus), timeout_(timeout) {}
   ~PolkitAuthority() override {
     pending_.clear();  // cancels the calls; their completions are dropped
-    sd_bus_unref(bus_);
   }
 
+  // A check under way when the bus is lost is answered with an error, and
+  // refused; while the bus is lost nothing can reach an authority.
   void check(const AuthorizationSubject& subject, const std::string& right,
              Completion done) override {
-    MessagePtr call = newCheckCall(bus_, subject, right);
+    sd_bus* bus = bus_.bus();
+    if (bus == nullptr)
+      return done(AuthorityAnswer::NoAuthority);
+    MessagePtr call = newCheckCall(bus, subject, right);
     if (call == nullptr)
       return done(AuthorityAnswer::Refused);
     auto box = std::make_unique<Pending>(Pending{this, nextId_++, std::move(done)});
     sd_bus_slot* slot = nullptr;
-    const int r = sd_bus_call_async(bus_, &slot, call.get(), onReply, box.get(),
+    const int r = sd_bus_call_async(bus, &slot, call.get(), onReply, box.get(),
                                     static_cast<std::uint64_t>(timeout_.count()));
     if (r < 0) {
       // The bus is gone: nothing can reach an authority through it.
@@ -124,7 +128,7 @@ class PolkitAuthority final : public Authority {
 
   static void deletePending(void* userdata) { delete static_cast<Pending*>(userdata); }
 
-  sd_bus* bus_;
+  SystemBusConnection& bus_;
   std::chrono::microseconds timeout_;
   std::uint64_t nextId_ = 1;
   std::map<std::uint64_t, SlotPtr> pending_;
@@ -146,10 +150,11 @@ std::chrono::microseconds polkitTimeoutFromEnvironment() {
   return std::chrono::microseconds(static_cast<std::int64_t>(seconds * 1e6) + 1);
 }
 
-std::unique_ptr<Authority> makePolkitAuthority(sd_bus* bus, std::chrono::microseconds timeout) {
+std::unique_ptr<Authority> makePolkitAuthority(SystemBusConnection* bus,
+                                               std::chrono::microseconds timeout) {
   if (bus == nullptr)
     return nullptr;
-  return std::make_unique<PolkitAuthority>(bus, timeout);
+  return std::make_unique<PolkitAuthority>(*bus, timeout);
 }
 
 }  // namespace nightjar::platform::linux_adapter

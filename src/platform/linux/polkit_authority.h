@@ -2,12 +2,11 @@
 // user interaction, answered asynchronously from the run loop.
 #pragma once
 
-#include <systemd/sd-bus.h>
-
 #include <chrono>
 #include <memory>
 
 #include "platform/authority.h"
+#include "platform/linux/system_bus.h"
 
 namespace nightjar::platform::linux_adapter {
 
@@ -22,9 +21,10 @@ std::chrono::microseconds polkitTimeoutFromEnvironment();
 // Answers nullptr when `bus` is null: no authority can run without a bus.
 // Otherwise each check asks polkit and answers NoAuthority when nobody owns
 // polkit's name on the bus (and it cannot be started), Granted or Refused as
-// polkit says, and Refused on any failure or after `timeout`. `bus` must be
-// attached to the run loop and outlive the authority.
+// polkit says, and Refused on any failure or after `timeout`; NoAuthority
+// while the bus is lost. `bus` must be attached to the run loop and outlive
+// the authority.
 std::unique_ptr<Authority> makePolkitAuthority(
-    sd_bus* bus, std::chrono::microseconds timeout = kDefaultPolkitTimeout);
+    SystemBusConnection* bus, std::chrono::microseconds timeout = kDefaultPolkitTimeout);
 
 }  // namespace nightjar::platform::linux_adapter

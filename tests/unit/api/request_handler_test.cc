@@ -2,11 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "api/authorization.h"
 #include "api/dispatcher_testing.h"
+#include "api/refusal_log.h"
 #include "fakes/fake_policy_database.h"
 #include "wire/authorization_testing.h"
 
@@ -58,6 +63,26 @@ TEST_F(AuthorizeAsTest, AFormThatNamesAnotherProcessIsRefused) {
             refusal(model::refusal::kRequestMustBeAuthorized));
   EXPECT_EQ(dispatchAs(request("build.version"), nightjar::testing::formValue(4242, 1000, 778)),
             refusal(model::refusal::kRequestMustBeAuthorized));
+}
+
+// A refusal loop cannot flood the log: its lines are bounded per uid and a
+// second, and the rest are counted once their second is over.
+TEST_F(AuthorizeAsTest, RefusalLinesAreBoundedPerUid) {
+  const Value form = nightjar::testing::formValue(4242, 1000, 777);
+  log_.lines.clear();
+  for (int i = 0; i < 200; ++i)
+    dispatchAs(request("scheduler.set", validEvent("a")), form);
+  auto count = [this](std::string_view text) {
+    return std::count_if(log_.lines.begin(), log_.lines.end(),
+                         [&](const auto& line) { return line.second.find(text) == 0; });
+  };
+  // At most two seconds' worth, even when the loop crossed into the next one.
+  EXPECT_LE(count("Authorization refused") + count("API: "), 2 * kRefusalLinesPerSecond);
+  const double second = std::floor(runloop::systemClock().now());
+  while (std::floor(runloop::systemClock().now()) == second)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  dispatchAs(request("scheduler.set", validEvent("a")), form);
+  EXPECT_GE(count("Suppressed "), 1);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ using namespace nightjar::testing::logind_mock;
 class LogindConsoleUserSourceTest : public LogindTest {
  protected:
   void start() {
-    source_ = makeLogindConsoleUserSource(client_.get());
+    source_ = makeLogindConsoleUserSource(connection_.get());
     ASSERT_NE(source_, nullptr);
     source_->setChangeHandler([this](const ConsoleSession& s) { reports_.push_back(s); });
   }

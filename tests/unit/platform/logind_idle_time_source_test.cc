@@ -20,7 +20,7 @@ class LogindIdleTest : public LogindTest {
   void SetUp() override {
     LogindTest::SetUp();
     clock_.set(runloop::fromUnixSeconds(static_cast<double>(kNowUsec) / 1e6));
-    source_ = makeLogindIdleTimeSource(client_.get(), clock_);
+    source_ = makeLogindIdleTimeSource(connection_.get(), clock_);
   }
 
   template <typename T>
@@ -72,9 +72,13 @@ TEST_F(LogindIdleTest, HintsThatMakeNoSenseReadAsZero) {
 
 TEST(LogindIdleWithoutLogind, AsksNothingAndAnswersZero) {
   fakes::FakeClock clock;
-  std::unique_ptr<IdleTimeSource> source = makeLogindIdleTimeSource(nullptr, clock);
-  EXPECT_FALSE(source->refresh());
-  EXPECT_EQ(source->idleTime(), 0);
+  EXPECT_FALSE(makeLogindIdleTimeSource(nullptr, clock)->refresh());
+  nightjar::testing::PrivateBus bus;  // nobody owns logind's name here
+  ASSERT_TRUE(bus.ok());
+  auto client = bus.connect();
+  ASSERT_NE(client, nullptr);
+  auto connection = SystemBusConnection::adopt(client.get());
+  EXPECT_EQ(makeLogindIdleTimeSource(connection.get(), clock)->idleTime(), 0);
 }
 
 }  // namespace

@@ -124,6 +124,7 @@ class LogindTest : public ::testing::Test {
     driver_ = bus_.connect();
     ASSERT_TRUE(loop_ && client_ && driver_);
     ASSERT_GE(sd_bus_attach_event(client_.get(), loop_->event(), SD_EVENT_PRIORITY_NORMAL), 0);
+    connection_ = platform::linux_adapter::SystemBusConnection::adopt(client_.get());
   }
 
   bool pump(const std::function<bool()>& done) { return runUntil(loop_->event(), done); }
@@ -132,6 +133,8 @@ class LogindTest : public ::testing::Test {
   std::unique_ptr<runloop::RunLoop> loop_;
   platform::linux_adapter::BusPtr client_;
   platform::linux_adapter::BusPtr driver_;
+  // The adapter's view of `client_`.
+  std::unique_ptr<platform::linux_adapter::SystemBusConnection> connection_;
 };
 
 }  // namespace nightjar::testing::logind_mock

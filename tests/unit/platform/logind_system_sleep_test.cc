@@ -18,7 +18,7 @@ class LogindSystemSleepTest : public LogindTest {
  protected:
   void SetUp() override {
     LogindTest::SetUp();
-    sleep_ = makeLogindSystemSleep(client_.get());
+    sleep_ = makeLogindSystemSleep(connection_.get());
     ASSERT_NE(sleep_, nullptr);
   }
   std::vector<std::vector<std::string>> suspends() {
@@ -67,7 +67,8 @@ TEST(LogindSystemSleepAloneTest, WithoutLogindTheCallFails) {
   BusPtr client = bus.connect();
   ASSERT_TRUE(loop && client);
   ASSERT_GE(sd_bus_attach_event(client.get(), loop->event(), SD_EVENT_PRIORITY_NORMAL), 0);
-  auto sleep = makeLogindSystemSleep(client.get());
+  auto connection = SystemBusConnection::adopt(client.get());
+  auto sleep = makeLogindSystemSleep(connection.get());
   int answer = -1;
   sleep->sleepNow([&](int error) { answer = error; });
   ASSERT_TRUE(nightjar::testing::runUntil(loop->event(), [&] { return answer != -1; }));

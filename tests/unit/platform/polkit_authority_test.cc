@@ -29,6 +29,7 @@ class PolkitAuthorityTest : public ::testing::Test {
     driver_ = bus_.connect();
     ASSERT_TRUE(loop_ && client_ && driver_);
     ASSERT_GE(sd_bus_attach_event(client_.get(), loop_->event(), SD_EVENT_PRIORITY_NORMAL), 0);
+    connection_ = SystemBusConnection::adopt(client_.get());
   }
 
   void startPolkit() { ASSERT_TRUE(bus_.startTemplate("polkitd", kService)); }
@@ -58,12 +59,13 @@ class PolkitAuthorityTest : public ::testing::Test {
   std::unique_ptr<runloop::RunLoop> loop_;
   BusPtr client_;
   BusPtr driver_;
+  std::unique_ptr<SystemBusConnection> connection_;  // over `client_`
   std::optional<AuthorityAnswer> answer_;
 };
 
 TEST_F(PolkitAuthorityTest, PolkitGrantsAndRefuses) {
   startPolkit();
-  auto authority = makePolkitAuthority(client_.get());
+  auto authority = makePolkitAuthority(connection_.get());
   ASSERT_NE(authority, nullptr);
   const char* allowed[] = {kSet};
   mock("SetAllowed", "as", 1, allowed[0]);
@@ -77,7 +79,7 @@ TEST_F(PolkitAuthorityTest, PolkitGrantsAndRefuses) {
 }
 
 TEST_F(PolkitAuthorityTest, NobodyOnPolkitsNameIsNoAuthority) {
-  auto authority = makePolkitAuthority(client_.get());
+  auto authority = makePolkitAuthority(connection_.get());
   ASSERT_NE(authority, nullptr);
   check(*authority, kSet);
   ASSERT_TRUE(pump());
@@ -88,7 +90,7 @@ TEST_F(PolkitAuthorityTest, NobodyOnPolkitsNameIsNoAuthority) {
 TEST_F(PolkitAuthorityTest, SilentPolkitRefusesAfterTheTimeOutWithoutBlockingTheLoop) {
   startPolkit();
   mock("SimulateHang", "b", 1);
-  auto authority = makePolkitAuthority(client_.get(), 300ms);
+  auto authority = makePolkitAuthority(connection_.get(), 300ms);
   int ticks = 0;
   std::unique_ptr<runloop::Timer> ticker;
   ticker = loop_->addTimer([&] {
@@ -180,7 +182,7 @@ TEST_F(PolkitAuthorityTest, AsksAboutTheProcessWithoutInteraction) {
   ASSERT_GE(sd_bus_request_name(driver_.get(), kService, 0), 0);
   ASSERT_GE(sd_bus_attach_event(driver_.get(), loop_->event(), SD_EVENT_PRIORITY_NORMAL), 0);
 
-  auto authority = makePolkitAuthority(client_.get());
+  auto authority = makePolkitAuthority(connection_.get());
   check(*authority, kSet);
   ASSERT_TRUE(pump());
   EXPECT_EQ(answer_, AuthorityAnswer::Granted);

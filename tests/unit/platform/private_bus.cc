@@ -113,12 +113,17 @@ PrivateBus::PrivateBus() {
 }
 
 PrivateBus::~PrivateBus() {
-  for (pid_t mock : mocks_)
-    stop(mock);
+  stopTemplates();
   stop(daemon_);
   std::error_code ignored;
   if (!directory_.empty())
     std::filesystem::remove_all(directory_, ignored);
+}
+
+void PrivateBus::stopTemplates() {
+  for (pid_t mock : mocks_)
+    stop(mock);
+  mocks_.clear();
 }
 
 bool PrivateBus::startTemplate(const std::string& name, const std::string& busName,

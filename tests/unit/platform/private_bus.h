@@ -31,6 +31,9 @@ class PrivateBus {
   bool startTemplate(const std::string& name, const std::string& busName,
                      const std::string& parameters = "{}");
 
+  // Stops every template started so far.
+  void stopTemplates();
+
   // A new client connection to the bus; attach it to a loop to receive.
   platform::linux_adapter::BusPtr connect() const;
 

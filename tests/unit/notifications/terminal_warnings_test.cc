@@ -34,10 +34,11 @@ class TerminalWarningsTest : public NotificationControllerTest {
     tzset();
   }
 
-  // The controller's timer is the first one made, the warnings' the second.
+  // The controller's timer is the first one made here, the warnings' the second.
   NotificationController* createBoth() {
+    first_ = timers_.created();
     NotificationController* controller = create();
-    notificationControllerSetNotifyPeriod(controller, 1000);  // every lead below is inside it
+    notificationControllerSetNotifyPeriod(controller, 2000);  // every lead below is inside it
     auto terminals = std::make_unique<nightjar::testing::FakeTerminalBroadcast>();
     terminals_ = terminals.get();
     warnings_ =
@@ -46,18 +47,19 @@ class TerminalWarningsTest : public NotificationControllerTest {
   }
   void add(NotificationController* controller, const plist::Value& event, double lead) {
     notificationControllerAddPending(controller, event, clock_.now() + lead);
-    timers_.timer(0)->fire();  // inside the period: warned at once
+    timers_.timer(first_)->fire();  // inside the period: warned at once
   }
   // Moves the clock to `date` and fires the warnings' timer if it is due by then.
   void runUntil(plist::AbsoluteTime date) {
     clock_.set(date);
-    if (timers_.timer(1)->due(date))
-      timers_.timer(1)->fire();
+    if (timers_.timer(first_ + 1)->due(date))
+      timers_.timer(first_ + 1)->fire();
   }
 
   nightjar::testing::FakeTerminalBroadcast* terminals_ = nullptr;
   std::unique_ptr<TerminalWarnings> warnings_;
   std::optional<std::string> savedZone_;
+  std::size_t first_ = 0;
 };
 
 plist::Value eventDoing(const std::string& action) {

@@ -33,6 +33,13 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/debian/postinst
     ${CMAKE_CURRENT_LIST_DIR}/debian/prerm
     ${CMAKE_CURRENT_LIST_DIR}/debian/postrm)
+# dpkg keeps an administrator's change to a file in /etc only when the package
+# names it a conffile.
+if(TARGET nightjar-agent)
+  file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/packaging/conffiles
+       "${CMAKE_INSTALL_FULL_SYSCONFDIR}/xdg/autostart/nightjar-agent.desktop\n")
+  list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/packaging/conffiles)
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_GENERATOR DEB)

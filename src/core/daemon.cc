@@ -22,6 +22,7 @@
 #include "platform/linux/logind_power_source.h"
 #include "platform/linux/logind_sleep_guard.h"
 #include "platform/linux/logind_system_sleep.h"
+#include "platform/linux/logind_terminal_broadcast.h"
 #include "platform/linux/polkit_authority.h"
 #include "platform/linux/polkit_policy_file.h"
 #include "platform/linux/session_bus_console_notice.h"
@@ -172,6 +173,10 @@ void buildModules(Daemon& daemon) {
   model::eventListSetUp();
   createControllers(daemon);
   createRelay(daemon);
+  daemon.terminalWarnings = notifications::TerminalWarnings::create(
+      notifications::notificationControllerGet(),
+      adapter::makeLogindTerminalBroadcast(daemon.bus.get(), daemon.root), runloop::systemClock(),
+      daemon.loop->timerFactory());
   state::persistenceRestore();
 }
 
@@ -197,6 +202,7 @@ void tearDownModules(Daemon& daemon) {
   scheduling::eventSchedulerTearDown();
   model::eventListTearDown();
   scheduling::queueControllerListTearDown();
+  daemon.terminalWarnings.reset();
   notifications::notificationControllerDestroy();
   state::saveOnChangeObserverDestroy();
   state::persistenceControllerDestroy();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "api/socket_server.h"
+#include "notifications/terminal_warnings.h"
 #include "platform/command_runner.h"
 #include "platform/console_notice.h"
 #include "platform/distributed_center.h"
@@ -35,6 +36,7 @@ struct Daemon {
   // The date-time controller's own view of the system zone: the monitor owns
   // the one it watches, and refreshing the C library's zone is all this does.
   std::unique_ptr<platform::TimeZoneSource> zone;
+  std::unique_ptr<notifications::TerminalWarnings> terminalWarnings;
   api::SocketServerPtr server;
   // The end of a pass's ReleaseReplies stage: lets the held replies go.
   std::unique_ptr<runloop::ObserverHandle> replyRelease;

@@ -1,7 +1,9 @@
 """The whole road of one event, driven over the API socket: warning, perform, action."""
 
 import datetime
+import os
 import plistlib
+import select
 import signal
 import time
 
@@ -354,3 +356,37 @@ def test_the_wake_entries_are_written_before_the_reply_leaves(api, root):
             assert [(e["eventtype"], e["time"]) for e in entries] == \
                 [("wakepoweron", d) for d in dates], (case, number)
             assert rtc == (epoch(dates[0]) if dates else "0"), (case, number)
+
+
+def test_a_shutdown_is_told_to_every_terminal_at_its_warning_and_a_minute_before(api, root,
+                                                                              logind):
+    daemon, client = api
+    session = logind.object(LOGIND_PATH).AddSession("c7", "seat0", dbus.UInt32(1000), "alice",
+                                                    True, dbus_interface=MOCK)
+    logind.object(session).Set("org.freedesktop.login1.Session", "TTY", "pts/7",
+                               dbus_interface=dbus.PROPERTIES_IFACE)
+    terminal = root / "dev/pts/7"
+    terminal.parent.mkdir(parents=True)
+    os.mkfifo(terminal)  # a reader is there, as on a terminal: the daemon's open does not fail
+    reader = os.open(terminal, os.O_RDONLY | os.O_NONBLOCK)
+    text = b""
+
+    def two_messages():
+        nonlocal text
+        if select.select([reader], [], [], 0.05)[0]:
+            text += os.read(reader, 65536)
+        return text.count(b"Broadcast message from nightjard") == 2
+
+    date = utc_in(62)
+    event = once_event("halt", "shutdown", date, name="Nightly off")
+    assert client.call("scheduler.set", event) == {"status": 200}
+    assert wait_until(two_messages, timeout=8)
+    os.close(reader)
+    first, second = text.decode().split("\r\nBroadcast message")[1:]
+    when = date.strftime("%a %Y-%m-%d %H:%M:%S UTC")
+    assert f"The system will shut down at {when} (in 6" in first
+    assert f"The system will shut down at {when} (in 60 seconds)," in second
+    for message in (first, second):
+        assert 'as scheduled by the event "Nightly off".' in message
+        assert message.endswith("To put it off by 10 minutes: nightjarctl delay halt 10m\r\n")
+    assert not any("pts/7" in line for line in daemon.lines())

@@ -1,0 +1,18 @@
+// A TerminalBroadcast that records every text it was asked to write.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/terminal_broadcast.h"
+
+namespace nightjar::testing {
+
+class FakeTerminalBroadcast final : public platform::TerminalBroadcast {
+ public:
+  void broadcast(const std::string& text) override { written.push_back(text); }
+
+  std::vector<std::string> written;
+};
+
+}  // namespace nightjar::testing

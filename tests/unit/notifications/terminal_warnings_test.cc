@@ -1,0 +1,131 @@
+#include "notifications/terminal_warnings.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fakes/fake_terminal_broadcast.h"
+#include "notifications/notification_testing.h"
+
+namespace nightjar::notifications::testing {
+namespace {
+
+// Dates in the messages are local: the tests set the zone to UTC.
+class TerminalWarningsTest : public NotificationControllerTest {
+ protected:
+  void SetUp() override {
+    NotificationControllerTest::SetUp();
+    if (const char* zone = std::getenv("TZ"))
+      savedZone_ = zone;
+    setenv("TZ", "UTC0", 1);
+    tzset();
+  }
+  void TearDown() override {
+    warnings_.reset();
+    NotificationControllerTest::TearDown();
+    if (savedZone_)
+      setenv("TZ", savedZone_->c_str(), 1);
+    else
+      unsetenv("TZ");
+    tzset();
+  }
+
+  // The controller's timer is the first one made here, the warnings' the second.
+  NotificationController* createBoth() {
+    first_ = timers_.created();
+    NotificationController* controller = create();
+    notificationControllerSetNotifyPeriod(controller, 2000);  // every lead below is inside it
+    auto terminals = std::make_unique<nightjar::testing::FakeTerminalBroadcast>();
+    terminals_ = terminals.get();
+    warnings_ =
+        TerminalWarnings::create(controller, std::move(terminals), clock_, timers_.timerFactory());
+    return controller;
+  }
+  void add(NotificationController* controller, const plist::Value& event, double lead) {
+    notificationControllerAddPending(controller, event, clock_.now() + lead);
+    timers_.timer(first_)->fire();  // inside the period: warned at once
+  }
+  // Moves the clock to `date` and fires the warnings' timer if it is due by then.
+  void runUntil(plist::AbsoluteTime date) {
+    clock_.set(date);
+    if (timers_.timer(first_ + 1)->due(date))
+      timers_.timer(first_ + 1)->fire();
+  }
+
+  nightjar::testing::FakeTerminalBroadcast* terminals_ = nullptr;
+  std::unique_ptr<TerminalWarnings> warnings_;
+  std::optional<std::string> savedZone_;
+  std::size_t first_ = 0;
+};
+
+plist::Value eventDoing(const std::string& action) {
+  return validEvent("halt", "Nightly off").with("action", Dict({{"type", S(action)}}));
+}
+
+enum class Then { Nothing, Cancel, Delay };
+
+// Given an event warned `lead` seconds ahead and what happens next, expect a
+// message at each moment, each holding its fragment (none for no message).
+TEST_F(TerminalWarningsTest, WritesAtTheWarningAndAMinuteBeforeTheAction) {
+  struct Case {
+    const char* action;
+    double lead;
+    Then then;
+    std::vector<std::string> fragments;
+  };
+  const Case cases[] = {
+      {"shutdown",
+       900,
+       Then::Nothing,
+       {"shut down at Sat 2026-05-09 06:28:20 UTC (in 15 minutes)",
+        "shut down at Sat 2026-05-09 06:28:20 UTC (in 60 seconds)"}},
+      {"restart", 300, Then::Nothing, {"will restart at", "restart at Sat 2026-05-09 06:18:20"}},
+      {"logout", 600, Then::Nothing, {"logged out at", "(in 60 seconds)"}},
+      {"sleep", 900, Then::Nothing, {}},
+      {"wake", 900, Then::Nothing, {}},
+      {"start up or wake", 900, Then::Nothing, {}},
+      {"shutdown", 30, Then::Nothing, {"(in 30 seconds)"}},
+      {"shutdown", 900, Then::Cancel, {"(in 15 minutes)"}},
+      {"shutdown", 900, Then::Delay, {"(in 15 minutes)", "(in 25 minutes)", "06:38:20 UTC (in 60"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.action) + " lead " + std::to_string(c.lead));
+    clock_.set(kStart);
+    NotificationController* controller = createBoth();
+    ASSERT_NE(warnings_, nullptr);
+    add(controller, eventDoing(c.action), c.lead);
+    double trigger = kStart + c.lead;
+    if (c.then != Then::Nothing)
+      notificationControllerRemovePending(controller, S("halt"));
+    if (c.then == Then::Delay)
+      add(controller, eventDoing(c.action), (trigger += 600) - clock_.now());
+    runUntil(trigger - kFinalTerminalWarningLead - 1);
+    runUntil(trigger - kFinalTerminalWarningLead);
+    runUntil(trigger - 1);
+
+    ASSERT_EQ(terminals_->written.size(), c.fragments.size());
+    for (std::size_t i = 0; i < c.fragments.size(); ++i)
+      EXPECT_NE(terminals_->written[i].find(c.fragments[i]), std::string::npos)
+          << terminals_->written[i];
+    warnings_.reset();
+    notificationControllerDestroy();
+  }
+}
+
+TEST_F(TerminalWarningsTest, TheMessageNamesTheEventAndTheDelayCommandWithoutControls) {
+  const plist::Value event = eventDoing("shutdown")
+                                 .with("name", S("Off\x1b]0;x\x07 \xc2\x9bnow"))
+                                 .with("uniqueid", S("a b"));
+  EXPECT_EQ(terminalWarningText(event, kStart + 900, kStart),
+            "\r\nBroadcast message from nightjard (Sat 2026-05-09 06:13:20 UTC):\r\n\r\n"
+            "The system will shut down at Sat 2026-05-09 06:28:20 UTC (in 15 minutes),\r\n"
+            "as scheduled by the event \"Off?]0;x? ?now\".\r\n"
+            "To put it off by 10 minutes: nightjarctl delay 'a b' 10m\r\n");
+}
+
+}  // namespace
+}  // namespace nightjar::notifications::testing

@@ -11,7 +11,7 @@ import dbus
 import pytest
 
 from nightjar_client import Client, socket_path
-from nightjar_harness import BUILD_DIR, PYTHON, wait_until
+from nightjar_harness import BUILD_DIR, NOBODY, PYTHON, PrivateBus, wait_until
 
 AGENT = BUILD_DIR / "tools" / "nightjar-agent"
 CTL = BUILD_DIR / "tools" / "nightjarctl"
@@ -35,11 +35,15 @@ def once_event(uniqueid, date, action="shutdown"):
 class Desktop:
     """A session bus with a mock notification server, the daemon, and the agents started."""
 
-    def __init__(self, tmp_path, root, system_bus, daemon):
-        self.session = subprocess.Popen(
-            ["dbus-daemon", "--session", "--nofork", "--print-address",
-             f"--address=unix:path={tmp_path}/session_bus"], stdout=subprocess.PIPE)
-        address = self.session.stdout.readline().decode().strip()
+    def __init__(self, tmp_path, root, system_bus, daemon, user=None):
+        self.user = user
+        if user:  # the session's user must reach its bus and the daemon's socket
+            for folder in (tmp_path, *tmp_path.parents[:-2]):
+                os.chmod(folder, os.stat(folder).st_mode | 0o011)
+        (tmp_path / "session").mkdir()
+        # A bus that lets the test (root) and the session's user both in.
+        self.session = PrivateBus(tmp_path / "session")
+        address = self.session.address
         self.env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ="UTC",
                         DBUS_SYSTEM_BUS_ADDRESS=system_bus.address,
                         DBUS_SESSION_BUS_ADDRESS=address, XDG_CONFIG_HOME=str(tmp_path))
@@ -54,7 +58,8 @@ class Desktop:
         self.agents = []
 
     def start_agent(self):
-        agent = subprocess.Popen([str(AGENT)], env=self.env, stderr=subprocess.PIPE, text=True)
+        agent = subprocess.Popen([str(AGENT)], env=self.env, stderr=subprocess.PIPE, text=True,
+                                 user=self.user)
         self.agents.append(agent)
         return agent
 
@@ -91,16 +96,16 @@ class Desktop:
                 agent.wait(timeout=10)
         self.client.close()
         self.bus.close()
-        for process in (self.server, self.session):
-            process.terminate()
-            process.wait(timeout=10)
+        self.server.terminate()
+        self.server.wait(timeout=10)
+        self.session.stop()
 
 
 @pytest.fixture
-def desktop(tmp_path, root, system_bus, start_daemon):
+def desktop(tmp_path, root, system_bus, start_daemon, request):
     daemon = start_daemon()
     assert daemon.wait_running()
-    desk = Desktop(tmp_path, root, system_bus, daemon)
+    desk = Desktop(tmp_path, root, system_bus, daemon, getattr(request, "param", None))
     assert desk.client.call("notifications.setnotifyperiod", 3600) == {"status": 200}
     yield desk
     desk.stop()
@@ -178,3 +183,22 @@ def test_a_second_agent_exits(desktop):
     assert second.wait(timeout=10) == 0
     assert "another agent runs in this session" in second.stderr.read()
     assert first.poll() is None
+
+
+@pytest.mark.parametrize("desktop", [NOBODY], indirect=True)
+def test_a_user_who_is_not_root_meets_polkit_with_interaction_first(desktop, polkitd):
+    authority = polkitd.object("/org/freedesktop/PolicyKit1/Authority")
+    authority.SetAllowed(["quillon.nightjar.notifications.pending",
+                          "quillon.nightjar.notifications.delay"], dbus_interface=MOCK)
+    desktop.start_agent()
+    date = utc_in(900)
+    desktop.warn(once_event("halt", date))
+    assert wait_until(lambda: len(desktop.notices()) == 1)
+
+    desktop.invoke(list(desktop.notices())[0], DELAY_10M[0])
+    assert wait_until(lambda: desktop.pending()["halt"]["trigger"]["date"]
+                      == date + datetime.timedelta(seconds=600))
+    calls = authority.GetCalls(dbus_interface=MOCK)
+    asked = [(str(args[1]), int(args[3])) for _, method, args in calls
+             if method == "CheckAuthorization" and int(args[0][1]["uid"]) == NOBODY]
+    assert ("quillon.nightjar.notifications.delay", 1) in asked

@@ -21,6 +21,10 @@ constexpr std::string_view kDelayKey = "delay-";
 constexpr std::string_view kCancelKey = "cancel";
 // The last notice stays only while the action begins.
 constexpr std::int32_t kLastNoticeMs = 10'000;
+// The daemon answers reads at once and writes after a perform under way (a
+// few seconds); a daemon that answers nothing for longer must not freeze the
+// notices.
+constexpr int kReplyTimeoutSeconds = 15;
 
 std::string text(const plist::Value& value) {
   const std::string* string = value.asString();
@@ -205,8 +209,8 @@ void Agent::onServerStarted() {
 plist::Value Agent::call(std::string_view request, const plist::Value& parameter) {
   std::string error;
   for (int attempt = 0; attempt < 2; ++attempt) {
-    if (!connection_)
-      connection_ = client::Connection::open(client::socketPath(), error);
+    if (!connection_ && (connection_ = client::Connection::open(client::socketPath(), error)))
+      connection_->setTimeout(kReplyTimeoutSeconds);
     if (!connection_)
       break;
     const plist::Value reply = connection_->call(

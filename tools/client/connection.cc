@@ -1,6 +1,7 @@
 #include "client/connection.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -82,6 +83,12 @@ Connection& Connection::operator=(Connection&& other) noexcept {
 Connection::~Connection() {
   if (fd_ >= 0)
     ::close(fd_);
+}
+
+void Connection::setTimeout(int seconds) {
+  const timeval limit{.tv_sec = seconds, .tv_usec = 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 plist::Value Connection::call(const plist::Value& request, std::string& error) {

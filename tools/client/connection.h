@@ -28,6 +28,10 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
   ~Connection();
 
+  // Gives up sending or waiting for a reply after `seconds` (0: never, the
+  // default), for a program that must not hang with the daemon.
+  void setTimeout(int seconds);
+
   // Sends `request` and answers the parsed reply to it; none, with `error`
   // set, when it cannot be sent, the daemon closes, or the reply is not one.
   plist::Value call(const plist::Value& request, std::string& error);

@@ -23,6 +23,16 @@ class RecordingLogSink final : public logging::LogSink {
       out.push_back(text);
     return out;
   }
+  // The names of the events performed so far, in order: the notices
+  // "Performing: " and the name's description, in quotes.
+  std::vector<std::string> performed() const {
+    std::vector<std::string> names;
+    for (const auto& [priority, line] : lines) {
+      if (priority == LOG_NOTICE && line.starts_with("Performing: \""))
+        names.push_back(line.substr(13, line.size() - 14));
+    }
+    return names;
+  }
 
   std::vector<std::pair<int, std::string>> lines;
 };

@@ -1,4 +1,5 @@
-// The replies of the six request operations, with and without a controller.
+// The replies of the six request operations; the dispatcher tests answer
+// them without a controller.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -11,16 +12,6 @@ namespace {
 
 const plist::Value kOk = Dict({{"status", I(200)}});
 const plist::Value kFailed = Dict({{"status", I(400)}});
-
-TEST_F(NotificationControllerTest, RequestsWithoutAControllerAnswerTheirDefaults) {
-  EXPECT_EQ(notificationRequestPending(nullptr), kOk);
-  EXPECT_EQ(notificationRequestNotifyPeriod(nullptr), kOk);
-  EXPECT_EQ(notificationRequestCancel(nullptr, S("a")), kFailed);
-  EXPECT_EQ(notificationRequestDelay(nullptr, S("a"), I(60)), kFailed);
-  EXPECT_EQ(notificationRequestReset(nullptr, S("a")), kFailed);
-  EXPECT_EQ(notificationRequestSetNotifyPeriod(nullptr, R(60)),
-            Dict({{"error", I(400)}, {"reason", S("Missing notification controller")}}));
-}
 
 TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   NotificationController* controller = create();

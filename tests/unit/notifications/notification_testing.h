@@ -1,37 +1,25 @@
-// The notification controller's tests share this fixture: a fake clock, fake
-// timers, an in-memory preference store and a system monitor without
-// facilities, whose wake the tests post by hand.
+// The notification controller's tests share the ports fixture, with the
+// controller created on its clock and timers.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "fakes/fake_clock.h"
-#include "fakes/fake_preferences_store.h"
-#include "fakes/fake_timer.h"
+#include "fakes/ports_fixture.h"
 #include "model/model_testing.h"
-#include "monitors/system_monitor.h"
 #include "notifications/notification_controller.h"
-#include "persistence/preferences.h"
 
 namespace nightjar::notifications::testing {
 
 using namespace nightjar::model::testing;
 
-inline constexpr plist::AbsoluteTime kStart = 800000000;
+inline constexpr plist::AbsoluteTime kStart = nightjar::testing::kPortsStart;
 
-class NotificationControllerTest : public ::testing::Test {
+class NotificationControllerTest : public nightjar::testing::PortsFixture {
  protected:
-  void SetUp() override {
-    persistence::preferencesSetStore(&preferences_);
-    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
-  }
   void TearDown() override {
     notificationControllerDestroy();
-    monitors::systemMonitorDestroy(nullptr);
-    persistence::preferencesSetStore(nullptr);
+    PortsFixture::TearDown();
   }
 
   NotificationController* create() {
@@ -40,24 +28,13 @@ class NotificationControllerTest : public ::testing::Test {
     return notificationControllerGet();
   }
   fakes::FakeTimer& timer() { return *timers_.last(); }
-  void postWake() {
-    runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
-  }
   plist::Value pending(NotificationController* controller, const std::string& id) {
     return model::eventQueueFind(notificationControllerPendingQueue(controller), S(id));
   }
   std::vector<std::string> pendingIds(NotificationController* controller) {
-    std::vector<std::string> ids;
-    const plist::Value events =
-        model::eventQueueCopyEvents(notificationControllerPendingQueue(controller));
-    for (const plist::Value& event : *events.asArray())
-      ids.push_back(*event.get("uniqueid").asString());
-    return ids;
+    return idsOf(model::eventQueueCopyEvents(notificationControllerPendingQueue(controller)));
   }
 
-  fakes::FakeClock clock_{kStart};
-  fakes::FakeTimerFactory timers_{clock_};
-  fakes::FakePreferencesStore preferences_;
   std::vector<plist::Value> rescheduled_;
 };
 

@@ -35,17 +35,8 @@ using plist::Value;
 constexpr char kListFile[] = "/var/lib/nightjar/powerevents.plist";
 constexpr char kAlarmFile[] = "/sys/class/rtc/rtc0/wakealarm";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
+using testing::readFile;
+using testing::writeFile;
 
 Value entry(double time, const std::string& by, const std::string& type) {
   return Value::dictionary({{"eventtype", Value::string(type)},

@@ -51,16 +51,8 @@ constexpr char kAdministratorsFile[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 
 class PolkitPolicyFileTest : public ::testing::Test {
  protected:
-  std::string read() const {
-    std::ifstream in(root_ / kFile);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  void write(const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(root_ / kFile).parent_path());
-    std::ofstream(root_ / kFile, std::ios::trunc) << text;
-  }
+  std::string read() const { return testing::readFile(root_ / kFile); }
+  void write(const std::string& text) { testing::writeFile(root_ / kFile, text); }
   bool exists() const { return std::filesystem::exists(root_ / kFile); }
 
   testing::TemporaryRoot root_;

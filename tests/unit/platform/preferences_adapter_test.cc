@@ -19,6 +19,7 @@
 #include "persistence/preferences.h"
 #include "platform/linux/file_preferences_store.h"
 #include "platform/stored_file_limit.h"
+#include "platform/temporary_root.h"
 #include "plist/xml.h"
 
 namespace nightjar::platform::linux_adapter {
@@ -27,17 +28,11 @@ namespace {
 namespace fs = std::filesystem;
 using plist::Value;
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using testing::readFile;
 
 // Written as another process would: a new file renamed into place.
 void writeFile(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path.string() + ".new", std::ios::binary) << text;
+  testing::writeFile(path.string() + ".new", text);
   fs::rename(path.string() + ".new", path);
 }
 

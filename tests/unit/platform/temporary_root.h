@@ -1,9 +1,12 @@
-// A temporary folder standing in for the daemon's root; removed when it goes.
+// A temporary folder standing in for the daemon's root, removed when it goes,
+// and the file helpers of the tests that use one.
 #pragma once
 
 #include <stdlib.h>
 
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 namespace nightjar::testing {
@@ -24,5 +27,19 @@ struct TemporaryRoot {
 
   std::string path;
 };
+
+// The whole content of the file at `path`; empty when it cannot be read.
+inline std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Replaces the file at `path` with `text`, making its folders first.
+inline void writeFile(const std::filesystem::path& path, const std::string& text) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
 
 }  // namespace nightjar::testing

@@ -113,9 +113,5 @@ TEST_F(NotificationCenterTest, NestedPostsSeeChangesMadeBeforeThem) {
   EXPECT_EQ(center.observationCount(), 2u);
 }
 
-TEST(LocalCenterTest, IsOneInstance) {
-  EXPECT_EQ(&localCenter(), &localCenter());
-}
-
 }  // namespace
 }  // namespace nightjar::runloop

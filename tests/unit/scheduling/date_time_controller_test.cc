@@ -7,17 +7,12 @@
 #include <vector>
 
 #include "date_time_testing.h"
-#include "fakes/fake_clock.h"
 #include "fakes/fake_distributed_center.h"
 #include "fakes/fake_power_manager.h"
-#include "fakes/fake_preferences_store.h"
-#include "fakes/fake_timer.h"
+#include "fakes/ports_fixture.h"
 #include "fakes/recording_log_sink.h"
 #include "model/event_list.h"
-#include "monitors/system_monitor.h"
 #include "notifications/notification_controller.h"
-#include "persistence/preferences.h"
-#include "runloop/notification_center.h"
 #include "scheduling/date_time_trigger.h"
 #include "scheduling/event_action.h"
 #include "scheduling/event_scheduler.h"
@@ -36,11 +31,11 @@ constexpr double kDay = 86400;
 // The whole engine around the controller, over fakes: event list, scheduler,
 // notification controller, perform sequence and power manager, each on the
 // fake clock. The test fires every timer by hand.
-class DateTimeControllerTest : public ::testing::Test {
+class DateTimeControllerTest : public nightjar::testing::PortsFixture {
  protected:
+  DateTimeControllerTest() : PortsFixture(kStart) {}
   void SetUp() override {
-    persistence::preferencesSetStore(&preferences_);
-    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
+    PortsFixture::SetUp();
     powerEventsSetManager(&power_, &clock_);
     EventActionPorts ports;
     ports.broadcasts = &broadcasts_;
@@ -65,8 +60,7 @@ class DateTimeControllerTest : public ::testing::Test {
     nc::notificationControllerDestroy();
     eventActionTearDown();
     powerEventsSetManager(nullptr, nullptr);
-    monitors::systemMonitorDestroy(nullptr);
-    persistence::preferencesSetStore(nullptr);
+    PortsFixture::TearDown();
   }
 
   void add(const Value& event) { model::eventListStore(model::eventListGet(), event); }
@@ -96,15 +90,7 @@ class DateTimeControllerTest : public ::testing::Test {
     clock_.advance(2);
     pauses_.last()->fire();
   }
-  std::vector<std::string> performed() const {
-    std::vector<std::string> names;
-    for (const auto& [priority, line] : log_.lines) {
-      // "Performing: " and the name's description, in quotes.
-      if (priority == LOG_NOTICE && line.starts_with("Performing: \""))
-        names.push_back(line.substr(13, line.size() - 14));
-    }
-    return names;
-  }
+  std::vector<std::string> performed() const { return log_.performed(); }
   bool logged(const std::string& line) const {
     for (const auto& [priority, text] : log_.lines) {
       if (text == line)
@@ -125,11 +111,8 @@ class DateTimeControllerTest : public ::testing::Test {
 
   ScopedZone zone_{"UTC"};
   nightjar::testing::RecordingLogSink log_;
-  fakes::FakeClock clock_{kStart};
-  fakes::FakeTimerFactory timers_{clock_};
   fakes::FakeTimerFactory pauses_{clock_};
   fakes::FakeTimerFactory warnings_{clock_};
-  fakes::FakePreferencesStore preferences_;
   fakes::FakePowerManager power_;
   nightjar::testing::FakeDistributedCenter broadcasts_;
   QueueController* controller_ = nullptr;
@@ -168,10 +151,7 @@ TEST_F(DateTimeControllerTest, ArmingMakesTheFirstEventsEntriesAgain) {
   add(onceEvent("first", kTen, "wake"));
   add(onceEvent("later", kTen + 7200, "wake"));
   const std::function<void()> armings[] = {
-      [this] { add(onceEvent("other", kTen + 3600)); },
-      [] {
-        runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
-      },
+      [this] { add(onceEvent("other", kTen + 3600)); }, [] { postWake(); },
       [this] { queueControllerReplaceAll(controller_, queueControllerCopyEvents(controller_)); }};
   for (const auto& arm : armings) {
     power_.cancel(kTen, entry(kTen, "first"), platform::kWakeEntry);
@@ -344,7 +324,7 @@ TEST_F(DateTimeControllerTest, WakeReschedulesPassedEventsWithoutPerforming) {
   add(onceEvent("once", kTen + 60));
   add(onceEvent("later", kTen + 7200));
   clock_.set(kTen + 3600);  // slept through both
-  runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+  postWake();
   EXPECT_TRUE(performed().empty());
   EXPECT_TRUE(logged("Rescheduling event: daily."));
   EXPECT_TRUE(logged("Rescheduling event: once."));
@@ -358,7 +338,7 @@ TEST_F(DateTimeControllerTest, WakeWhilePerformingLeavesThatOccurrenceToItsCompl
   add(dailyEvent("daily", hms(10, 0)));
   add(onceEvent("missed", kTen + 60));
   fireAt(kTen + 3600);
-  runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
+  postWake();
   EXPECT_FALSE(logged("Rescheduling event: daily."));
   EXPECT_TRUE(logged("Rescheduling event: missed."));
   EXPECT_EQ(triggerDate("daily"), kTen);

@@ -179,6 +179,7 @@ TEST_F(EventActionTest, EachActionRunsTheWholeSequenceInOrder) {
       {"restart", std::string(kGracestop) + " -r"},
       {"logout", std::string(kPerch) + " -l"},
       {"fast user switch", std::string(kPerch) + " -s"},
+      {"dance", ""},  // unknown: announced and paused for, nothing done
   };
   for (const auto& [type, action] : kinds) {
     SCOPED_TRACE(type);
@@ -192,8 +193,11 @@ TEST_F(EventActionTest, EachActionRunsTheWholeSequenceInOrder) {
     EXPECT_TRUE(eventActionBusy());
 
     pause().fire();
-    EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", action,
-                                            "post event.didperform", "activity down", "done"}));
+    Journal rest = {"post event.willperform", action, "post event.didperform", "activity down",
+                    "done"};
+    if (action.empty())
+      rest.erase(rest.begin() + 1);
+    EXPECT_EQ(journal_, concat(opening(e), rest));
     ASSERT_EQ(center_.broadcasts.size(), 2u);
     EXPECT_EQ(center_.broadcasts[0].userInfo, e);
     EXPECT_EQ(center_.broadcasts[1].userInfo, e);
@@ -218,17 +222,6 @@ TEST_F(EventActionTest, WakeKindsAndMissingTypesPostNothingAndCompleteAtOnce) {
   EXPECT_THAT(center_.broadcasts, IsEmpty());
   EXPECT_EQ(pause().setCount(), 0);
   EXPECT_FALSE(eventActionBusy());
-}
-
-TEST_F(EventActionTest, UnknownTypeIsAnnouncedAndPausedForButNothingIsDone) {
-  const plist::Value e = event("dance");
-  perform(e);
-  ASSERT_TRUE(pausing());
-  pause().fire();
-  EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", "post event.didperform",
-                                          "activity down", "done"}));
-  EXPECT_THAT(commands_.commands, IsEmpty());
-  EXPECT_EQ(sleep_.requests, 0);
 }
 
 TEST_F(EventActionTest, FastUserSwitchWithNobodyAtTheConsoleIsIgnoredButAnnounced) {

@@ -6,12 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_clock.h"
 #include "fakes/fake_idle_time_source.h"
-#include "fakes/fake_timer.h"
+#include "fakes/ports_fixture.h"
 #include "fakes/recording_log_sink.h"
-#include "monitors/system_monitor.h"
-#include "runloop/notification_center.h"
 #include "scheduling/event_action.h"
 
 namespace nightjar::scheduling {
@@ -19,7 +16,7 @@ namespace {
 
 using plist::Value;
 
-constexpr plist::AbsoluteTime kStart = 800000000;
+constexpr plist::AbsoluteTime kStart = testing::kPortsStart;
 
 Value inactiveEvent(const std::string& id, std::int64_t seconds) {
   return Value::dictionary({
@@ -34,10 +31,10 @@ Value inactiveEvent(const std::string& id, std::int64_t seconds) {
 
 // The controller over a fake idle time, with the perform sequence set up on
 // fake timers so that a test decides when its two-second pause ends.
-class InactivityTest : public ::testing::Test {
+class InactivityTest : public testing::PortsFixture {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
+    PortsFixture::SetUp();
     EventActionPorts ports;
     ports.timers = pauses_.timerFactory();
     ports.clock = &clock_;
@@ -48,7 +45,7 @@ class InactivityTest : public ::testing::Test {
   void TearDown() override {
     queueControllerDestroy(controller_);
     eventActionTearDown();
-    monitors::systemMonitorDestroy(nullptr);
+    PortsFixture::TearDown();
   }
 
   fakes::FakeTimer& timer() { return *timers_.timer(0); }
@@ -59,27 +56,14 @@ class InactivityTest : public ::testing::Test {
     clock_.advance(2);
     pauses_.last()->fire();
   }
-  // The events performed so far, by name, in order.
-  std::vector<std::string> performed() const {
-    std::vector<std::string> names;
-    for (const auto& [priority, line] : log_.lines) {
-      if (priority == LOG_NOTICE && line.starts_with("Performing: \""))
-        names.push_back(line.substr(13, line.size() - 14));
-    }
-    return names;
-  }
+  std::vector<std::string> performed() const { return log_.performed(); }
   // Fires the timer and answers the fresh idle time that it asked for.
   void fireAndAnswer() {
     timer().fire();
     idle_.answer();
   }
-  void postWake() {
-    runloop::localCenter().post(monitors::kWakeNotification, monitors::systemMonitorGet());
-  }
 
   testing::RecordingLogSink log_;
-  fakes::FakeClock clock_{kStart};
-  fakes::FakeTimerFactory timers_{clock_};
   fakes::FakeTimerFactory pauses_{clock_};
   fakes::FakeIdleTimeSource idle_{clock_};
   QueueController* controller_ = nullptr;

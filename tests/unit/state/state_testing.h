@@ -1,22 +1,15 @@
-// The saved-state tests share this fixture: every module the state is made of,
-// real, over a fake clock, fake timers, a fake idle time and an in-memory
-// preference store.
+// The saved-state tests share the ports fixture, with every module the state
+// is made of, real, over its clock, timers and store and a fake idle time.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "fakes/fake_clock.h"
 #include "fakes/fake_idle_time_source.h"
-#include "fakes/fake_preferences_store.h"
-#include "fakes/fake_timer.h"
+#include "fakes/ports_fixture.h"
 #include "model/event_list.h"
 #include "model/model_testing.h"
-#include "monitors/system_monitor.h"
 #include "notifications/notification_controller.h"
-#include "persistence/preferences.h"
 #include "scheduling/date_time_queue_controller.h"
 #include "scheduling/inactivity_queue_controller.h"
 #include "scheduling/queue_controller.h"
@@ -26,19 +19,17 @@ namespace nightjar::state::testing {
 
 using namespace nightjar::model::testing;
 
-inline constexpr plist::AbsoluteTime kStart = 800000000;
+inline constexpr plist::AbsoluteTime kStart = nightjar::testing::kPortsStart;
 
-class SavedStateTest : public ::testing::Test {
+class SavedStateTest : public nightjar::testing::PortsFixture {
  protected:
   void SetUp() override {
-    persistence::preferencesSetStore(&preferences_);
-    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
+    PortsFixture::SetUp();
     setUpModules();
   }
   void TearDown() override {
     tearDownModules();
-    monitors::systemMonitorDestroy(nullptr);
-    persistence::preferencesSetStore(nullptr);
+    PortsFixture::TearDown();
   }
 
   // Main's order: event list, notification controller, queue controllers.
@@ -65,17 +56,10 @@ class SavedStateTest : public ::testing::Test {
   }
   Value saved() { return preferences_.disk().get(persistence::kEngineKey); }
   std::vector<std::string> eventIds() {
-    std::vector<std::string> ids;
-    const Value events = model::eventListCopyPublic(model::eventListGet());
-    for (const Value& event : *events.asArray())
-      ids.push_back(*event.get("uniqueid").asString());
-    return ids;
+    return idsOf(model::eventListCopyPublic(model::eventListGet()));
   }
 
-  fakes::FakeClock clock_{kStart};
-  fakes::FakeTimerFactory timers_{clock_};
   fakes::FakeIdleTimeSource idle_{clock_};
-  fakes::FakePreferencesStore preferences_;
 };
 
 }  // namespace nightjar::state::testing

@@ -24,7 +24,8 @@ std::unique_ptr<TerminalWarnings> TerminalWarnings::create(
     const runloop::TimerFactory& timers) {
   if (controller == nullptr || terminals == nullptr)
     return nullptr;
-  std::unique_ptr<TerminalWarnings> warnings(new TerminalWarnings(std::move(terminals), clock));
+  std::unique_ptr<TerminalWarnings> warnings(
+      new TerminalWarnings(controller, std::move(terminals), clock));
   TerminalWarnings* self = warnings.get();
   warnings->timer_ = timers([self] { self->timerFired(); });
   if (warnings->timer_ == nullptr)
@@ -39,16 +40,18 @@ std::unique_ptr<TerminalWarnings> TerminalWarnings::create(
       std::string(kNotifyNotification), controller);
   center.addObserver(
       self,
-      [self](std::string_view, const void*, const plist::Value& info) {
-        self->pendingChanged(info.get(model::kParameterKey));
+      [self](std::string_view, const void*, const plist::Value&) {
+        self->pendingStale_ = true;  // read once the burst of changes is over
+        self->timer_->setNextFireDate(self->clock_.now());
       },
       std::string(kPendingNotification), controller);
   return warnings;
 }
 
-TerminalWarnings::TerminalWarnings(std::unique_ptr<platform::TerminalBroadcast> terminals,
+TerminalWarnings::TerminalWarnings(const NotificationController* controller,
+                                   std::unique_ptr<platform::TerminalBroadcast> terminals,
                                    const runloop::Clock& clock)
-    : terminals_(std::move(terminals)), clock_(clock) {}
+    : controller_(controller), terminals_(std::move(terminals)), clock_(clock) {}
 
 TerminalWarnings::~TerminalWarnings() {
   runloop::localCenter().removeObserver(this);
@@ -87,6 +90,12 @@ void TerminalWarnings::pendingChanged(const plist::Value& view) {
 }
 
 void TerminalWarnings::timerFired() {
+  // The list is read here rather than at each change, so that replacing or
+  // resyncing many events reads it once, not once per event.
+  if (pendingStale_) {
+    pendingStale_ = false;
+    pendingChanged(notificationControllerCopyPendingView(controller_));
+  }
   const plist::AbsoluteTime now = clock_.now();
   for (auto& [id, entry] : announced_) {
     if (entry.finalWritten || entry.triggerDate - kFinalTerminalWarningLead > now)

@@ -49,17 +49,20 @@ class TerminalWarnings {
     bool finalWritten = false;
   };
 
-  TerminalWarnings(std::unique_ptr<platform::TerminalBroadcast> terminals,
+  TerminalWarnings(const NotificationController* controller,
+                   std::unique_ptr<platform::TerminalBroadcast> terminals,
                    const runloop::Clock& clock);
   void warningIssued(const plist::Value& event);
   void pendingChanged(const plist::Value& view);
   void timerFired();
   void armTimer();
 
+  const NotificationController* controller_;
   std::unique_ptr<platform::TerminalBroadcast> terminals_;
   const runloop::Clock& clock_;
   std::unique_ptr<runloop::Timer> timer_;
   std::map<std::string, Announced> announced_;  // by "uniqueid"
+  bool pendingStale_ = false;                   // the list changed since it was last read
 };
 
 }  // namespace nightjar::notifications

@@ -250,6 +250,31 @@ class Daemon:
                                         stdin=subprocess.DEVNULL)
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
+        # Drained all the time, as systemd does: a full queue would block the
+        # daemon in sd_notify.
+        self._notified = []  # every notify line, in order
+        self._notify_seen = 0  # how many of them wait_for_notify has looked at
+        self._notify_reader = threading.Thread(target=self._read_notify, daemon=True)
+        self._notify_reader.start()
+
+    def _read_notify(self):
+        while True:
+            try:
+                message = self._notify.recv(4096).decode()
+            except OSError:
+                return  # closed
+            if not message:
+                return  # shut down
+            with self._lock:
+                self._notified.extend(message.split("\n"))
+
+    def _close_notify(self):
+        try:
+            self._notify.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass  # closed already
+        self._notify.close()
+        self._notify_reader.join(timeout=5)
 
     def _read(self):
         for raw in self.process.stderr:
@@ -269,29 +294,28 @@ class Daemon:
 
     def wait_running(self, timeout=5.0):
         """Waits for the daemon's READY=1; answers False if it never comes."""
-        self._notify.settimeout(timeout)
-        try:
-            while True:
-                message = self._notify.recv(4096).decode()
-                if "READY=1" in message.split("\n"):
-                    return self.process.poll() is None
-        except (socket.timeout, OSError):
-            return False
+        def ready():
+            with self._lock:
+                return "READY=1" in self._notified
+        return wait_until(lambda: ready() or self.process.poll() is not None, timeout) and \
+            ready() and self.process.poll() is None
 
     def wait_for_notify(self, wanted, timeout=5.0):
-        """Reads the daemon's later notify lines until `wanted(line)` holds; answers that line,
-        or None once `timeout` passed."""
-        deadline = time.monotonic() + timeout
-        while (left := deadline - time.monotonic()) > 0:
-            self._notify.settimeout(left)
-            try:
-                message = self._notify.recv(4096).decode()
-            except (socket.timeout, OSError):
-                return None
-            for line in message.split("\n"):
+        """Looks at the daemon's notify lines not looked at before until `wanted(line)` holds;
+        answers that line, or None once `timeout` passed."""
+        found = []
+
+        def seen():
+            with self._lock:
+                lines = self._notified[self._notify_seen:]
+            for number, line in enumerate(lines):
                 if wanted(line):
-                    return line
-        return None
+                    self._notify_seen += number + 1
+                    found.append(line)
+                    return True
+            self._notify_seen += len(lines)
+            return False
+        return found[0] if wait_until(seen, timeout) else None
 
     def signal(self, number):
         self.process.send_signal(number)
@@ -299,7 +323,7 @@ class Daemon:
     def wait(self, timeout=10.0):
         code = self.process.wait(timeout=timeout)
         self._reader.join(timeout=5)
-        self._notify.close()
+        self._close_notify()
         return code
 
     def terminate(self, timeout=10.0):
@@ -316,7 +340,7 @@ class Daemon:
                 self.process.kill()
                 self.process.wait()
         self._reader.join(timeout=5)
-        self._notify.close()
+        self._close_notify()
 
 
 # What many tests share: logind's names, event records, dates, and the files the daemon writes.

@@ -61,11 +61,10 @@ struct Broadcast {
 
 class LogindTerminalBroadcast final : public TerminalBroadcast {
  public:
-  LogindTerminalBroadcast(sd_bus* bus, std::string root)
-      : bus_(sd_bus_ref(bus)), root_(std::move(root)) {}
+  LogindTerminalBroadcast(SystemBusConnection* connection, std::string root)
+      : connection_(connection), root_(std::move(root)) {}
   ~LogindTerminalBroadcast() override {
     broadcasts_.clear();  // unanswered calls are dropped
-    sd_bus_unref(bus_);
   }
 
   void broadcast(const std::string& text) override {
@@ -79,16 +78,19 @@ class LogindTerminalBroadcast final : public TerminalBroadcast {
   }
 
  private:
-  // Sends one call for `b`; false when it cannot be sent.
+  // Sends one call for `b` on the bus of the moment; false when it cannot be
+  // sent (no bus while it reconnects included).
   bool call(Broadcast& b, const char* path, const char* interface, const char* member,
             sd_bus_message_handler_t handler, const char* property) {
+    sd_bus* bus = connection_->bus();
+    if (bus == nullptr)
+      return false;
     sd_bus_slot* slot = nullptr;
-    const int r =
-        property == nullptr
-            ? sd_bus_call_method_async(bus_, &slot, logind::kService, path, interface, member,
-                                       handler, &b, "")
-            : sd_bus_call_method_async(bus_, &slot, logind::kService, path, interface, member,
-                                       handler, &b, "ss", logind::kSessionInterface, property);
+    const int r = property == nullptr ? sd_bus_call_method_async(bus, &slot, logind::kService, path,
+                                                                 interface, member, handler, &b, "")
+                                      : sd_bus_call_method_async(
+                                            bus, &slot, logind::kService, path, interface, member,
+                                            handler, &b, "ss", logind::kSessionInterface, property);
     if (r < 0)
       return false;
     b.calls.emplace_back(slot);
@@ -124,7 +126,7 @@ class LogindTerminalBroadcast final : public TerminalBroadcast {
     return 0;
   }
 
-  sd_bus* bus_;
+  SystemBusConnection* connection_;
   std::string root_;
   std::list<Broadcast> broadcasts_;
 };
@@ -143,7 +145,8 @@ std::optional<std::string> terminalDevicePath(std::string_view root, std::string
   return underRoot(root, "/dev/" + std::string(tty));
 }
 
-std::unique_ptr<TerminalBroadcast> makeLogindTerminalBroadcast(sd_bus* bus, std::string root) {
+std::unique_ptr<TerminalBroadcast> makeLogindTerminalBroadcast(SystemBusConnection* bus,
+                                                               std::string root) {
   if (bus == nullptr)
     return nullptr;
   return std::make_unique<LogindTerminalBroadcast>(bus, std::move(root));

@@ -153,14 +153,23 @@ std::optional<std::vector<std::string>> parseDays(std::string_view text, std::st
   return days;
 }
 
+namespace {
+// The calendar fields of a reading, for mktime or timegm.
+std::tm calendarFields(int year, int month, int day, int hour, int minute, int second = 0) {
+  std::tm fields{};
+  fields.tm_year = year - 1900;
+  fields.tm_mon = month - 1;
+  fields.tm_mday = day;
+  fields.tm_hour = hour;
+  fields.tm_min = minute;
+  fields.tm_sec = second;
+  return fields;
+}
+}  // namespace
+
 std::optional<long long> localInstant(int year, int month, int day, int hour, int minute,
                                       std::string& error) {
-  std::tm wanted{};
-  wanted.tm_year = year - 1900;
-  wanted.tm_mon = month - 1;
-  wanted.tm_mday = day;
-  wanted.tm_hour = hour;
-  wanted.tm_min = minute;
+  const std::tm wanted = calendarFields(year, month, day, hour, minute);
   std::optional<long long> earliest;
   for (const int isDst : {0, 1, -1}) {
     std::tm attempt = wanted;
@@ -265,13 +274,7 @@ std::optional<plist::AbsoluteTime> parseIso(std::string_view text) {
       scale /= 10;
     }
   }
-  std::tm fields{};
-  fields.tm_year = year - 1900;
-  fields.tm_mon = month - 1;
-  fields.tm_mday = day;
-  fields.tm_hour = hour;
-  fields.tm_min = minute;
-  fields.tm_sec = second;
+  std::tm fields = calendarFields(year, month, day, hour, minute, second);
   const std::time_t seconds = timegm(&fields);
   if (formatWall(seconds, "%Y-%m-%dT%H:%M:%S") != copy.substr(0, 19))
     return std::nullopt;  // out of range fields, like February 30

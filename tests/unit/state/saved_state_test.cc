@@ -1,6 +1,7 @@
 #include <string>
 
 #include "state/saved_state.h"
+#include "state/saved_state_size.h"
 #include "state_testing.h"
 
 namespace nightjar::state::testing {
@@ -109,6 +110,21 @@ TEST_F(SavedStateTest, MembersOfTheWrongTypesAreSkippedWithoutHarm) {
   ASSERT_TRUE(persistenceSave());
   EXPECT_EQ(saved().get(kEventsKey).count(), 1u);
   EXPECT_TRUE(saved().get(kQueuesKey).asDictionary() != nullptr);
+}
+
+// Given a limit of 16 000 bytes (15 000 less the reserve), expect a change
+// admitted up to the limit's last byte and not one byte further, until a save
+// measures the state afresh.
+TEST_F(SavedStateTest, ChangesAreAdmittedUpToTheLastByteOfTheLimit) {
+  preferences_.limitStoredBytes(16000);
+  savedStateSizeSaved();
+  const std::size_t room = 15000 - savedStateProjectedBytes();
+  EXPECT_FALSE(savedStateAdmits(room + 1));
+  EXPECT_TRUE(savedStateAdmits(room));
+  EXPECT_FALSE(savedStateAdmits(1));
+  savedStateSizeSaved();
+  EXPECT_TRUE(savedStateAdmits(1));
+  savedStateSizeSaved();
 }
 
 TEST_F(SavedStateTest, TheControllerKeepsItsNameWhileItExists) {

@@ -19,7 +19,8 @@ Then, for each size, beside a private system bus with a mocked logind:
     plus the wake-entry file's when the set changed it (temporary file, write,
     fsync, rename, fsync of the folder, as the daemon does);
   - lateness of "event.willperform" behind the trigger dates of a few events
-    due seconds ahead.
+    due seconds ahead (their action, a user switch, is skipped: nobody is at
+    the console).
 
 Run as root from a release build: bench/blackbox.py [--quick] [--json FILE].
 """
@@ -227,12 +228,16 @@ def time_sets(root, client, workload, count):
             "state_bytes": state_path.stat().st_size}
 
 
-def time_events_reply(client, count):
+def time_events_reply(client, count, keep):
+    """`count` round trips of "scheduler.events"; the array answered is written to
+    `keep` (when given) for the XML writer's reference in reply_bench."""
     rounds = []
     for _ in range(count):
         began = time.monotonic()
         reply = call(client, "scheduler.events")
         rounds.append(time.monotonic() - began)
+    if keep:
+        keep.write_bytes(plistlib.dumps(reply.get("response", []), fmt=plistlib.FMT_XML))
     return {"events_p50_ms": milliseconds(statistics.median(rounds)),
             "events_listed": len(reply.get("response", []))}
 
@@ -293,7 +298,8 @@ def measure_size(count, options, base):
         figures["rss_kib"] = resident_kib(daemon.process.pid)
         if count:
             with Client(socket_path(root), timeout=REPLY_TIMEOUT) as client:
-                figures.update(time_events_reply(client, options.rounds))
+                keep = options.keep_events and Path(options.keep_events) / f"events-{count}.plist"
+                figures.update(time_events_reply(client, options.rounds, keep))
                 if count in options.idle_at:
                     figures.update(count_idle_switches(daemon.process.pid, options.idle_window))
                 figures.update(time_sets(root, client, workload, options.sets))
@@ -326,6 +332,8 @@ def parse_options(argv):
     parser.add_argument("--quick", action="store_true",
                         help="a short try: 200 events, few samples, a 3-second idle window")
     parser.add_argument("--json", help="also write the figures to this file")
+    parser.add_argument("--keep-events", metavar="FOLDER",
+                        help="write each size's scheduler.events array to FOLDER/events-N.plist")
     options = parser.parse_args(argv)
     if options.quick:
         options.sizes, options.sets, options.rounds, options.starts = [200], 10, 3, 1

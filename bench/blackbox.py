@@ -11,7 +11,8 @@ warns every event and saves the whole state.
 Then, for each size, beside a private system bus with a mocked logind:
   - start-up: from the start of the process to the socket accepting and to the
     first reply ("build.version");
-  - resident memory (VmRSS) once started, and per event against an empty state;
+  - resident memory (VmRSS) once started and again after the sets below, and
+    per event against an empty state once started;
   - the round trip of "scheduler.events", the reply parsed;
   - context switches of the idle daemon over a window;
   - "scheduler.set" acknowledged over the socket, beside the same durable writes
@@ -225,7 +226,8 @@ def time_sets(root, client, workload, count):
             "bare_p50_ms": milliseconds(percentile(bare, 0.5)),
             "bare_p99_ms": milliseconds(percentile(bare, 0.99)),
             "sets": count, "entry_moves": moves,
-            "state_bytes": state_path.stat().st_size}
+            "state_bytes": state_path.stat().st_size,
+            "entry_bytes": len(read_or_empty(entries_path))}
 
 
 def time_events_reply(client, count, keep):
@@ -273,6 +275,35 @@ def time_lateness(client, listener, count, first_ahead):
             "late_max_ms": milliseconds(max(late)), "late_events": len(late)}
 
 
+def time_starts(root, bus, times):
+    """Starts the daemon `times` times; answers the last one, still running, and the
+    median seconds to the socket and to the first reply."""
+    daemon, starts = None, []
+    for _ in range(times):
+        if daemon is not None:
+            daemon.stop()
+        daemon, opened, replied = start_and_time(root, bus)
+        starts.append((opened, replied))
+    return daemon, {"start_socket_ms": milliseconds(statistics.median(s[0] for s in starts)),
+                    "start_reply_ms": milliseconds(statistics.median(s[1] for s in starts))}
+
+
+def exercise(root, daemon, listener, workload, options):
+    """The figures of a running daemon holding the workload's events."""
+    count, figures = len(workload.events), {}
+    with Client(socket_path(root), timeout=REPLY_TIMEOUT) as client:
+        if count in options.events_at:
+            keep = options.keep_events and Path(options.keep_events) / f"events-{count}.plist"
+            figures.update(time_events_reply(client, options.rounds, keep))
+        if count in options.idle_at:
+            figures.update(count_idle_switches(daemon.process.pid, options.idle_window))
+        figures.update(time_sets(root, client, workload, options.sets))
+        figures["rss_after_sets_kib"] = resident_kib(daemon.process.pid)
+        ahead = options.lead + 2 * figures["set_p99_ms"] * options.late / 1000.0
+        figures.update(time_lateness(client, listener, options.late, round(ahead)))
+    return figures
+
+
 def measure_size(count, options, base):
     root = make_root(base)
     install_rights(root)
@@ -284,27 +315,12 @@ def measure_size(count, options, base):
     bus = PrivateBus(base)
     logind = DbusMock(bus, "logind")
     listener = TimedListener(bus)
-    figures = {"events": count}
     daemon = None
     try:
-        starts = []
-        for _ in range(options.starts):
-            if daemon is not None:
-                daemon.stop()
-            daemon, opened, replied = start_and_time(root, bus)
-            starts.append((opened, replied))
-        figures["start_socket_ms"] = milliseconds(statistics.median(s[0] for s in starts))
-        figures["start_reply_ms"] = milliseconds(statistics.median(s[1] for s in starts))
-        figures["rss_kib"] = resident_kib(daemon.process.pid)
+        daemon, figures = time_starts(root, bus, options.starts)
+        figures = {"events": count, **figures, "rss_kib": resident_kib(daemon.process.pid)}
         if count:
-            with Client(socket_path(root), timeout=REPLY_TIMEOUT) as client:
-                keep = options.keep_events and Path(options.keep_events) / f"events-{count}.plist"
-                figures.update(time_events_reply(client, options.rounds, keep))
-                if count in options.idle_at:
-                    figures.update(count_idle_switches(daemon.process.pid, options.idle_window))
-                figures.update(time_sets(root, client, workload, options.sets))
-                ahead = options.lead + 2 * figures["set_p99_ms"] * options.late / 1000.0
-                figures.update(time_lateness(client, listener, options.late, round(ahead)))
+            figures.update(exercise(root, daemon, listener, workload, options))
         if daemon.process.poll() is not None:
             raise RuntimeError("the daemon exited during the run")
     finally:
@@ -322,6 +338,8 @@ def parse_options(argv):
                         help="numbers of daily events (default 1000 10000)")
     parser.add_argument("--sets", type=int, default=100, help="acknowledged sets per size")
     parser.add_argument("--rounds", type=int, default=10, help="scheduler.events round trips")
+    parser.add_argument("--events-at", type=int, nargs="*", default=[1000],
+                        help="sizes at which the scheduler.events round trip is timed")
     parser.add_argument("--starts", type=int, default=3, help="starts per size (median)")
     parser.add_argument("--late", type=int, default=10, help="events performed for lateness")
     parser.add_argument("--lead", type=float, default=3.0,
@@ -337,7 +355,8 @@ def parse_options(argv):
     options = parser.parse_args(argv)
     if options.quick:
         options.sizes, options.sets, options.rounds, options.starts = [200], 10, 3, 1
-        options.late, options.idle_window, options.idle_at = 3, 3.0, [200]
+        options.late, options.idle_window = 3, 3.0
+        options.idle_at = options.events_at = [200]
     return options
 
 
@@ -358,7 +377,10 @@ def main(argv):
     empty = results["sizes"]["0"]["rss_kib"]
     for count, figures in results["sizes"].items():
         if int(count):
-            figures["rss_per_event_kib"] = round((figures["rss_kib"] - empty) / int(count), 3)
+            for key in ("rss", "rss_after_sets"):
+                if f"{key}_kib" in figures:
+                    figures[f"{key}_per_event_kib"] = round(
+                        (figures[f"{key}_kib"] - empty) / int(count), 3)
     if options.json:
         Path(options.json).write_text(json.dumps(results, indent=1) + "\n")
     return results

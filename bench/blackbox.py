@@ -13,7 +13,7 @@ Then, for each size, beside a private system bus with a mocked logind:
     first reply ("build.version");
   - resident memory (VmRSS) once started and again after the sets below, and
     per event against an empty state once started;
-  - the round trip of "scheduler.events", the reply parsed;
+  - the round trip of "scheduler.events", the reply parsed (and the parse alone);
   - context switches of the idle daemon over a window;
   - "scheduler.set" acknowledged over the socket, beside the same durable writes
     done bare in the same folder: the state file's bytes as the set left them,
@@ -40,7 +40,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
-from nightjar_client import Client, socket_path  # noqa: E402
+from nightjar_client import Client, authorization_form, socket_path  # noqa: E402
 from nightjar_harness import (STATE_FILE, WAKE_ENTRIES_FILE, BroadcastListener,  # noqa: E402
                               Daemon, DbusMock, PrivateBus, daily_event, epoch, install_rights,
                               make_root, utc_in)
@@ -231,17 +231,28 @@ def time_sets(root, client, workload, count):
 
 
 def time_events_reply(client, count, keep):
-    """`count` round trips of "scheduler.events"; the array answered is written to
-    `keep` (when given) for the XML writer's reference in reply_bench."""
-    rounds = []
+    """`count` round trips of "scheduler.events", the reply parsed, and the parse alone;
+    the array answered is written to `keep` (when given) for the XML writer's reference
+    in reply_bench."""
+    rounds, parses = [], []
     for _ in range(count):
         began = time.monotonic()
-        reply = call(client, "scheduler.events")
-        rounds.append(time.monotonic() - began)
+        identifier = client.send({"Request": "scheduler.events",
+                                  "Authorization": authorization_form()})
+        payload = client.receive()
+        received = time.monotonic()
+        reply = payload.value
+        parsed = time.monotonic()
+        if payload.identifier != identifier or reply.get("status") != 200:
+            raise RuntimeError(f"scheduler.events: {str(reply)[:200]}")
+        rounds.append(parsed - began)
+        parses.append(parsed - received)
     if keep:
         keep.write_bytes(plistlib.dumps(reply.get("response", []), fmt=plistlib.FMT_XML))
     return {"events_p50_ms": milliseconds(statistics.median(rounds)),
-            "events_listed": len(reply.get("response", []))}
+            "events_parse_p50_ms": milliseconds(statistics.median(parses)),
+            "events_listed": len(reply.get("response", [])),
+            "events_reply_bytes": len(payload.payload)}
 
 
 def count_idle_switches(pid, window):

@@ -14,13 +14,12 @@ from nightjar_harness import (LOGIND_MANAGER, LOGIND_PATH, MOCK, RTC_ALARM_FILE,
                               set_zone, tool_calls, utc_in, wait_until, wake_entries)
 
 
-@pytest.fixture
-def api(logind, daemon, client):
-    return daemon, client
+@pytest.fixture(autouse=True)
+def logind_first(logind):
+    """logind runs before the daemon starts."""
 
 
-def test_a_shutdown_event_is_warned_performed_and_started(api, root, broadcasts):
-    daemon, client = api
+def test_a_shutdown_event_is_warned_performed_and_started(daemon, client, root, broadcasts):
     client.ok("notifications.setnotifyperiod", 2)
     date = utc_in(4)
     client.ok("scheduler.set", once_event("halt", "shutdown", date))
@@ -44,8 +43,8 @@ def test_a_shutdown_event_is_warned_performed_and_started(api, root, broadcasts)
     assert wait_until(lambda: pending_ids(client) == [])
 
 
-def test_requests_are_answered_during_the_pause_and_the_perform_is_announced(api, broadcasts):
-    daemon, client = api
+def test_requests_are_answered_during_the_pause_and_the_perform_is_announced(daemon, client,
+                                                                             broadcasts):
     client.ok("scheduler.set", once_event("off", "restart", utc_in(1)))
     assert broadcasts.wait_for("event.willperform", timeout=6)
     assert client.call("build.version")["response"] == "nightjard v3.7.3"
@@ -61,8 +60,7 @@ def test_requests_are_answered_during_the_pause_and_the_perform_is_announced(api
         assert plistlib.loads(announced[name].encode())["uniqueid"] == "off"
 
 
-def test_daily_times_keep_the_wake_lead(api):
-    _, client = api
+def test_daily_times_keep_the_wake_lead(client):
     soon = utc_in(60)  # the root's zone is UTC
     client.ok("scheduler.set", daily_event("out", "logout", seconds_of_day(soon)))
     client.ok("scheduler.set", daily_event("up", "wake", seconds_of_day(soon)))
@@ -70,8 +68,8 @@ def test_daily_times_keep_the_wake_lead(api):
     assert pending_dates(client) == {"out": soon, "up": soon + datetime.timedelta(days=1)}
 
 
-def test_events_due_together_are_performed_one_after_another(api, root, logind, broadcasts):
-    daemon, client = api
+def test_events_due_together_are_performed_one_after_another(daemon, client, root, logind,
+                                                             broadcasts):
     date = utc_in(1)
     client.ok("scheduler.setevents", [once_event(uniqueid, action, date) for uniqueid, action in (
         ("a-out", "logout"), ("b-switch", "fast user switch"), ("c-wake", "wake"),
@@ -96,8 +94,7 @@ def inhibitors(logind, what):
     return [i for i in listed if str(i[0]) == what and str(i[1]) == "nightjard"]
 
 
-def test_an_inactivity_event_is_performed_once_the_user_is_idle(api, root, logind, broadcasts):
-    _, client = api
+def test_an_inactivity_event_is_performed_once_the_user_is_idle(client, root, logind, broadcasts):
     idle_since = int((time.time() - 100) * 1_000_000)
     logind.object(LOGIND_PATH).UpdateProperties(
         LOGIND_MANAGER,
@@ -160,8 +157,7 @@ ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; t
 }
 
 
-def test_the_wake_entries_are_written_before_the_reply_leaves(api, root):
-    _, client = api
+def test_the_wake_entries_are_written_before_the_reply_leaves(client, root):
     for case, steps in ENTRY_CASES.items():
         # Each case starts from no event: the list emptied and the entries with it.
         client.ok("scheduler.setevents", [])
@@ -179,9 +175,8 @@ def test_the_wake_entries_are_written_before_the_reply_leaves(api, root):
             assert rtc == (epoch(dates[0]) if dates else "0"), (case, number)
 
 
-def test_a_shutdown_is_told_to_every_terminal_at_its_warning_and_a_minute_before(api, root,
-                                                                              logind):
-    daemon, client = api
+def test_a_shutdown_is_told_to_every_terminal_at_its_warning_and_a_minute_before(
+        daemon, client, root, logind):
     session = logind.object(LOGIND_PATH).AddSession("c7", "seat0", dbus.UInt32(1000), "alice",
                                                     True, dbus_interface=MOCK)
     logind.object(session).Set("org.freedesktop.login1.Session", "TTY", "pts/7",

@@ -138,6 +138,8 @@ def switch_zone(client, root, date):
 
 
 SET = step("scheduler.set", lambda date: once_event("up", "start up or wake", date), 0)
+DAILY = step("scheduler.set", lambda date: daily_event(
+    "up", "start up or wake", seconds_of_day(date)), 0)
 DELAY = step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600}, 600)
 ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; the zone last
     "set": [SET],
@@ -152,8 +154,9 @@ ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; t
         once_event("up", "start up or wake", date), enabled=False))],
     "setenabled": [SET, step("scheduler.setenabled", lambda date: False),
                    step("scheduler.setenabled", lambda date: True, 0)],
-    "zone switch": [step("scheduler.set", lambda date: daily_event(
-        "up", "start up or wake", seconds_of_day(date)), 0), (switch_zone, moved_by_zone)],
+    # A cancelled daily occurrence gives way to the next day's.
+    "daily cancel": [DAILY, step("notifications.cancel", lambda date: "up", 86400)],
+    "zone switch": [DAILY, (switch_zone, moved_by_zone)],
 }
 
 

@@ -2,7 +2,6 @@
 
 import concurrent.futures
 import os
-import socket
 import stat
 import struct
 
@@ -60,13 +59,10 @@ def test_every_fault_closes_that_connection_only(path):
 
 def test_hostile_peers_do_not_stop_the_daemon(daemon, path):
     # Vanishing halfway through a message, and never reading at all.
-    cut = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    cut.connect(path)
-    cut.sendall(encode_request(1, {"Request": "x"})[:30])
-    cut.close()
-    deaf = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    deaf.connect(path)
-    deaf.sendall(bare_message(NOOP, 1) * 2000)
+    with Client(path) as cut:
+        cut.send_raw(encode_request(1, {"Request": "x"})[:30])
+    deaf = Client(path)
+    deaf.send_raw(bare_message(NOOP, 1) * 2000)
     # Many clients at once, each answered.
     clients = [Client(path) for _ in range(100)]
     with concurrent.futures.ThreadPoolExecutor(len(clients)) as pool:

@@ -4,12 +4,13 @@ sentences of bad input and of refusals."""
 import json
 import os
 import shlex
+import signal
 import socket
 import subprocess
 
 import pytest
 
-from nightjar_harness import CTL, MOCK, NOBODY, open_to_others
+from nightjar_harness import CTL, MOCK, NOBODY, open_to_others, wait_until
 
 
 def ctl_env(root, system_bus=None):
@@ -36,6 +37,10 @@ def ctl(root, system_bus, daemon):
 
 
 def api_lines(daemon):
+    """The exchanges logged so far: a SIGUSR1 line read back marks the end of what is logged."""
+    marks = daemon.messages().count("SIGUSR1/rotate signal caught") + 1
+    daemon.signal(signal.SIGUSR1)
+    assert wait_until(lambda: daemon.messages().count("SIGUSR1/rotate signal caught") == marks)
     return [line for line in daemon.messages() if line.startswith("API:")]
 
 

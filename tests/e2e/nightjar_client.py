@@ -134,7 +134,8 @@ class Client:
 
     def call(self, name, parameter=None, authorization=None):
         """{"Request": name, "Authorization": this process's form[, "Parameter"]}."""
-        request = {"Request": name, "Authorization": authorization or authorization_form()}
+        request = {"Request": name, "Authorization": authorization_form() if authorization is None
+                   else authorization}
         if parameter is not None:
             request["Parameter"] = parameter
         return self.request(request)

@@ -2,7 +2,6 @@
 
 import pytest
 
-from nightjar_client import Client, socket_path
 from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
                               install_rights, make_root)
 
@@ -26,18 +25,15 @@ def system_bus(tmp_path):
     bus.stop()
 
 
-@pytest.fixture
-def logind(system_bus):
-    mock = DbusMock(system_bus, "logind")
-    yield mock
-    mock.stop()
+def mock_fixture(template):
+    def serve(system_bus):
+        mock = DbusMock(system_bus, template)
+        yield mock
+        mock.stop()
+    return pytest.fixture(serve, name=template)
 
 
-@pytest.fixture
-def polkitd(system_bus):
-    mock = DbusMock(system_bus, "polkitd")
-    yield mock
-    mock.stop()
+logind, polkitd = mock_fixture("logind"), mock_fixture("polkitd")
 
 
 @pytest.fixture
@@ -52,13 +48,13 @@ def start_daemon(root, system_bus):
     """Starts nightjard on the temporary root and the private bus; stops it after the test."""
     started = []
 
-    def start(*args, bus=True, extra_env=None, rights=True, nofile=None):
-        # A daemon that is to run gets the rights installed first, as a package
-        # install would with `nightjard -i`.
+    def start(*args, bus=True, extra_env=None, rights=True, nofile=None, running=False):
+        # A daemon that is to run gets the rights installed first, as `nightjard -i` would.
         if rights and not args:
             install_rights(root)
         daemon = Daemon(root, system_bus.address if bus else None, args, extra_env, nofile)
         started.append(daemon)
+        assert not running or daemon.wait_running()
         return daemon
 
     yield start
@@ -69,13 +65,11 @@ def start_daemon(root, system_bus):
 @pytest.fixture
 def daemon(start_daemon):
     """A daemon with its rights installed, running (READY=1 said)."""
-    started = start_daemon()
-    assert started.wait_running()
-    return started
+    return start_daemon(running=True)
 
 
 @pytest.fixture
-def client(root, daemon):
+def client(daemon):
     """One connection to the running `daemon`'s socket."""
-    with Client(socket_path(root)) as connection:
+    with daemon.client() as connection:
         yield connection

@@ -1,16 +1,13 @@
 """A small client of the daemon's API socket, for the end-to-end tests.
 
-Framing: every message begins with four little-endian 32-bit words (magic
-"NJAP", type, identifier, whole length). A DICT request and the RPLY to it
-carry a reserved word and the payload length, then an XML property list. The
-answer to a NOOP is a 20-byte RPLY. Types are four-character codes whose first
-character is the most significant byte, so DICT travels as b"TCID".
-
-Authorization: the 32-byte form by which a client names its own process:
-b"NJAZ", version 1, pid, uid, start time (field 22 of /proc/<pid>/stat), and
-eight zero bytes, little-endian.
+Framing: four little-endian 32-bit words (magic "NJAP", type, identifier, whole length); a
+DICT and the RPLY to it add a reserved word and the payload length, then an XML property
+list. A NOOP's answer is a 20-byte RPLY. Type codes put their first character in the most
+significant byte, so DICT travels as b"TCID". The authorization form is 32 bytes: b"NJAZ",
+version 1, pid, uid, start time (field 22 of /proc/<pid>/stat), eight zero bytes.
 """
 
+import collections
 import os
 import plistlib
 import socket
@@ -26,6 +23,7 @@ HEADER = struct.Struct("<IIII")
 PAYLOAD_OFFSET = 24
 MAX_REQUEST_LENGTH = 102400
 SOCKET_PATH = "/var/tmp/quillon.nightjar/api"
+OK = {"status": 200}
 
 
 def socket_path(root):
@@ -34,12 +32,10 @@ def socket_path(root):
 
 
 def process_start_time(pid="self"):
-    """Field 22 of /proc/<pid>/stat: when the process started, in clock ticks."""
+    """Field 22 of /proc/<pid>/stat, counted from the last ")" (the name may hold one)."""
     with open(f"/proc/{pid}/stat", "rb") as stat:
         line = stat.read()
-    # The command name may hold spaces and parentheses: count from the last ")".
-    fields = line[line.rindex(b")") + 2:].split()
-    return int(fields[19])
+    return int(line[line.rindex(b")") + 2:].split()[19])
 
 
 def authorization_form(pid=None, uid=None, start_time=None, magic=b"NJAZ", version=1):
@@ -74,19 +70,12 @@ class ConnectionClosed(Exception):
     """The daemon closed the connection."""
 
 
-class Reply:
-    """One RPLY: its identifier, its raw payload, and the payload parsed."""
-
-    def __init__(self, identifier, payload):
-        self.identifier = identifier
-        self.payload = payload
+class Reply(collections.namedtuple("Reply", "identifier payload")):
+    """One RPLY: its identifier, its raw payload, and (`value`) the payload parsed."""
 
     @property
     def value(self):
         return plistlib.loads(self.payload) if self.payload else None
-
-    def __repr__(self):
-        return f"Reply({self.identifier}, {self.value!r})"
 
 
 class Client:
@@ -94,8 +83,7 @@ class Client:
 
     def __init__(self, path, timeout=5.0):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        # A blocking connect waits while the daemon's backlog of 5 is full; a
-        # non-blocking one would fail at once.
+        # A blocking connect waits while the daemon's backlog is full.
         self.socket.connect(str(path))
         self.socket.settimeout(timeout)
         self._buffer = b""
@@ -130,11 +118,8 @@ class Client:
                     raise ValueError(f"not a reply: type {kind:#x}, length {length}")
                 if len(self._buffer) >= length:
                     message, self._buffer = self._buffer[:length], self._buffer[length:]
-                    if length == 20:
-                        return Reply(identifier, b"")
-                    (payload_length,) = struct.unpack_from("<I", message, 20)
-                    return Reply(identifier,
-                                 message[PAYLOAD_OFFSET:PAYLOAD_OFFSET + payload_length])
+                    size = struct.unpack_from("<I", message, 20)[0] if length > 20 else 0
+                    return Reply(identifier, message[PAYLOAD_OFFSET:PAYLOAD_OFFSET + size])
             chunk = self.socket.recv(65536)
             if not chunk:
                 raise ConnectionClosed()
@@ -149,12 +134,16 @@ class Client:
 
     def call(self, name, parameter=None, authorization=None):
         """{"Request": name, "Authorization": this process's form[, "Parameter"]}."""
-        request = {"Request": name,
-                   "Authorization": authorization_form() if authorization is None
+        request = {"Request": name, "Authorization": authorization_form() if authorization is None
                    else authorization}
         if parameter is not None:
             request["Parameter"] = parameter
         return self.request(request)
+
+    def ok(self, name, parameter=None):
+        """call() that must answer {"status": 200}."""
+        reply = self.call(name, parameter)
+        assert reply == OK, (name, parameter, reply)
 
     def noop(self, identifier=0):
         self.send_raw(bare_message(NOOP, identifier))

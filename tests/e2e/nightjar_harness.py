@@ -1,10 +1,5 @@
-"""Runs the real nightjard under a temporary root beside a private system bus.
-
-Every end-to-end test builds on these pieces: a root folder laid out like the
-daemon expects, a private dbus-daemon standing in for the system bus, a
-listener for the daemon's D-Bus broadcasts, and the daemon process itself
-with its log lines read from standard error.
-"""
+"""The real nightjard under a temporary root beside a private system bus: the root's
+layout, the bus, a listener for the daemon's broadcasts, the daemon with its log lines."""
 
 import contextlib
 import datetime
@@ -25,9 +20,13 @@ import dbus
 import dbus.mainloop.glib
 from gi.repository import GLib
 
+from nightjar_client import Client, socket_path
+
 BUILD_DIR = Path(os.environ.get("NIGHTJAR_BUILD_DIR",
                                 Path(__file__).resolve().parents[2] / "build" / "release"))
 DAEMON = BUILD_DIR / "src" / "core" / "nightjard"
+CTL = BUILD_DIR / "tools" / "nightjarctl"
+AGENT = BUILD_DIR / "tools" / "nightjar-agent"
 PYTHON = "/usr/bin/python3"
 NOBODY = 65534
 
@@ -75,6 +74,12 @@ def as_user(uid, folder, work):
     finally:
         os.close(release_write)
         os.waitpid(pid, 0)
+
+
+def open_to_others(folder: Path):
+    """Lets other users through `folder` and the folders above it, up to /tmp."""
+    for each in (folder, *folder.parents[:-2]):
+        os.chmod(each, os.stat(each).st_mode | 0o011)
 
 
 def make_root(base: Path) -> Path:
@@ -142,23 +147,26 @@ class PrivateBus:
 
 
 class DbusMock:
-    """python3-dbusmock serving one template on the private bus."""
+    """python3-dbusmock on a private bus: a template, or with `path` and `interface` a bare
+    object that the test fills, under the name `template`."""
 
-    def __init__(self, bus: PrivateBus, template: str, parameters=None):
-        args = [PYTHON, "-m", "dbusmock", "--system", "--template", template]
+    NAMES = {"logind": "org.freedesktop.login1", "polkitd": "org.freedesktop.PolicyKit1",
+             "notification_daemon": "org.freedesktop.Notifications"}
+
+    def __init__(self, bus: PrivateBus, template: str, parameters=None, path=None,
+                 interface=None, system=True):
+        args = [PYTHON, "-m", "dbusmock", "--system" if system else "--session"]
+        args += [template, path, interface] if path else ["--template", template]
         if parameters:
             args += ["--parameters", repr(parameters)]
-        env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address)
-        self.process = subprocess.Popen(args, env=env, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT)
+        variable = "DBUS_SYSTEM_BUS_ADDRESS" if system else "DBUS_SESSION_BUS_ADDRESS"
+        self.process = subprocess.Popen(args, env=dict(os.environ, **{variable: bus.address}),
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.bus = dbus.bus.BusConnection(bus.address)
-        names = {"logind": "org.freedesktop.login1",
-                 "polkitd": "org.freedesktop.PolicyKit1"}
-        name = names.get(template, template)
-        if not wait_until(lambda: self.bus.name_has_owner(name), timeout=15):
+        self.name = self.NAMES.get(template, template)
+        if not wait_until(lambda: self.bus.name_has_owner(self.name), timeout=15):
             self.stop()
             raise RuntimeError(f"dbusmock {template} did not start")
-        self.name = name
 
     def object(self, path):
         return self.bus.get_object(self.name, path)
@@ -171,115 +179,75 @@ class DbusMock:
 
 
 class BroadcastListener:
-    """Collects the daemon's "Notification" signals from the bus."""
+    """Collects the daemon's "Notification" signals from the bus, (name, user info) each;
+    they are dispatched on GLib's default context whenever the test asks for them."""
 
     def __init__(self, bus: PrivateBus):
-        self._lock = threading.Lock()
         self._received = []
-        # dbus-python dispatches on GLib's global default context; this thread
-        # is the only one that iterates it.
-        self._loop = GLib.MainLoop()
-        self._ready = threading.Event()
-        self._address = bus.address
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-        if not self._ready.wait(10):
-            raise RuntimeError("broadcast listener did not start")
-
-    def _run(self):
-        connection = dbus.bus.BusConnection(
-            self._address, mainloop=dbus.mainloop.glib.DBusGMainLoop())
-        connection.add_signal_receiver(self._on_signal, signal_name="Notification",
-                                       dbus_interface="quillon.nightjar",
-                                       path="/quillon/nightjar")
-        # A round trip makes sure the match rule is in place before we report ready.
-        connection.get_unique_name()
-        connection.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus", "GetId", "", [])
-        self._ready.set()
-        self._loop.run()
-        connection.close()
-
-    def _on_signal(self, name, user_info):
-        with self._lock:
-            self._received.append((str(name), str(user_info)))
-
-    def names(self):
-        with self._lock:
-            return [name for name, _ in self._received]
+        self._connection = dbus.bus.BusConnection(
+            bus.address, mainloop=dbus.mainloop.glib.DBusGMainLoop())
+        self._connection.add_signal_receiver(
+            lambda name, info: self._received.append((str(name), str(info))),
+            signal_name="Notification", dbus_interface="quillon.nightjar",
+            path="/quillon/nightjar")
+        # A round trip makes sure the match rule is in place before the test goes on.
+        self._connection.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus", "GetId", "", [])
 
     def received(self):
-        with self._lock:
-            return list(self._received)
+        while GLib.MainContext.default().iteration(False):
+            pass
+        return list(self._received)
+
+    def names(self):
+        return [name for name, _ in self.received()]
 
     def wait_for(self, name, count=1, timeout=5.0):
         return wait_until(lambda: self.names().count(name) >= count, timeout)
 
     def stop(self):
-        GLib.idle_add(self._loop.quit)
-        self._thread.join(timeout=5)
+        self._connection.close()
 
 
 class Daemon:
-    """The real nightjard, its standard error collected line by line."""
+    """The real nightjard, its standard error and notify lines collected as they come."""
 
     def __init__(self, root: Path, bus_address=None, args=(), extra_env=None, nofile=None):
+        # Without a bus, a socket that does not exist: never the host's bus.
         env = dict(os.environ, NIGHTJAR_ROOT=str(root), NIGHTJAR_LOG="stderr",
-                   TZ=f":{root}/etc/localtime")
-        env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
-        if bus_address:
-            env["DBUS_SYSTEM_BUS_ADDRESS"] = bus_address
-        else:
-            # Point at a socket that does not exist, never at the host's bus.
-            env["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={root}/no-bus"
+                   TZ=f":{root}/etc/localtime",
+                   DBUS_SYSTEM_BUS_ADDRESS=bus_address or f"unix:path={root}/no-bus")
         # The daemon says READY=1 here once its signals and socket are live.
-        self._notify_path = root.parent / f"notify-{time.monotonic_ns()}"
+        notify_path = root.parent / f"notify-{time.monotonic_ns()}"
         self._notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._notify.bind(str(self._notify_path))
-        env["NOTIFY_SOCKET"] = str(self._notify_path)
+        self._notify.bind(str(notify_path))
+        env["NOTIFY_SOCKET"] = str(notify_path)
         env.update(extra_env or {})
         self.root = root
         self.pid_file = root / "var/run/nightjard.pid"
-        self._lines = []
+        self._lines, self._notified = [], []  # every line, in order
+        self._notify_seen = 0  # how many notify lines wait_for_notify has looked at
         self._lock = threading.Lock()
         command = [str(DAEMON), *args]
         if nofile:  # (soft, hard) limits on open descriptors
             command = ["prlimit", f"--nofile={nofile[0]}:{nofile[1]}", *command]
-        self.process = subprocess.Popen(command, env=env,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                        stdin=subprocess.DEVNULL)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-        # Drained all the time, as systemd does: a full queue would block the
-        # daemon in sd_notify.
-        self._notified = []  # every notify line, in order
-        self._notify_seen = 0  # how many of them wait_for_notify has looked at
-        self._notify_reader = threading.Thread(target=self._read_notify, daemon=True)
-        self._notify_reader.start()
+        self.process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        # The notify socket is drained all the time, as systemd does: a full queue would
+        # block the daemon in sd_notify.
+        self._readers = [threading.Thread(target=self._drain, args=args, daemon=True)
+                         for args in ((self.process.stderr.readline, self._lines),
+                                      (lambda: self._notify.recv(4096), self._notified))]
+        for reader in self._readers:
+            reader.start()
 
-    def _read_notify(self):
-        while True:
-            try:
-                message = self._notify.recv(4096).decode()
-            except OSError:
-                return  # closed
-            if not message:
-                return  # shut down
-            with self._lock:
-                self._notified.extend(message.split("\n"))
-
-    def _close_notify(self):
+    def _drain(self, read, into):
         try:
-            self._notify.shutdown(socket.SHUT_RDWR)
+            for chunk in iter(read, b""):
+                with self._lock:
+                    into.extend(chunk.decode("utf-8", "replace").rstrip("\n").split("\n"))
         except OSError:
-            pass  # closed already
-        self._notify.close()
-        self._notify_reader.join(timeout=5)
-
-    def _read(self):
-        for raw in self.process.stderr:
-            with self._lock:
-                self._lines.append(raw.decode("utf-8", "replace").rstrip("\n"))
+            pass  # closed
 
     def lines(self):
         with self._lock:
@@ -301,29 +269,28 @@ class Daemon:
             ready() and self.process.poll() is None
 
     def wait_for_notify(self, wanted, timeout=5.0):
-        """Looks at the daemon's notify lines not looked at before until `wanted(line)` holds;
-        answers that line, or None once `timeout` passed."""
-        found = []
-
+        """Looks at the notify lines not looked at before until `wanted(line)` holds; answers
+        that line, or None once `timeout` passed."""
         def seen():
             with self._lock:
                 lines = self._notified[self._notify_seen:]
-            for number, line in enumerate(lines):
+            for line in lines:
+                self._notify_seen += 1
                 if wanted(line):
-                    self._notify_seen += number + 1
-                    found.append(line)
-                    return True
-            self._notify_seen += len(lines)
-            return False
-        return found[0] if wait_until(seen, timeout) else None
+                    return line
+            return None
+        return wait_until(seen, timeout)
 
     def signal(self, number):
         self.process.send_signal(number)
 
     def wait(self, timeout=10.0):
         code = self.process.wait(timeout=timeout)
-        self._reader.join(timeout=5)
-        self._close_notify()
+        with contextlib.suppress(OSError):  # closed already
+            self._notify.shutdown(socket.SHUT_RDWR)
+        self._notify.close()
+        for reader in self._readers:
+            reader.join(timeout=5)
         return code
 
     def terminate(self, timeout=10.0):
@@ -333,14 +300,16 @@ class Daemon:
 
     def stop(self):
         if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
+            self.signal(signal.SIGTERM)
             try:
                 self.process.wait(timeout=10)
             except subprocess.TimeoutExpired:
                 self.process.kill()
-                self.process.wait()
-        self._reader.join(timeout=5)
-        self._close_notify()
+        self.wait()
+
+    def client(self, timeout=5.0):
+        """A new connection to this daemon's socket."""
+        return Client(socket_path(self.root), timeout)
 
 
 # What many tests share: logind's names, event records, dates, and the files the daemon writes.

@@ -10,26 +10,16 @@ import subprocess
 import dbus
 import pytest
 
-from nightjar_client import Client, socket_path
-from nightjar_harness import BUILD_DIR, NOBODY, PYTHON, PrivateBus, wait_until
+from nightjar_harness import (AGENT, CTL, MOCK, NOBODY, DbusMock, PrivateBus, open_to_others,
+                              utc_in, wait_until)
+from nightjar_harness import once_event as any_once_event
 
-AGENT = BUILD_DIR / "tools" / "nightjar-agent"
-CTL = BUILD_DIR / "tools" / "nightjarctl"
-NOTIFICATIONS = "org.freedesktop.Notifications"
-PATH = "/org/freedesktop/Notifications"
-MOCK = "org.freedesktop.DBus.Mock"
 DELAY_10M, DELAY_1H = ("delay-600", "Delay 10 minutes"), ("delay-3600", "Delay 1 hour")
 CANCEL = ("cancel", "Cancel")
 
 
-def utc_in(seconds):
-    now = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0, tzinfo=None)
-    return now + datetime.timedelta(seconds=seconds)
-
-
 def once_event(uniqueid, date, action="shutdown"):
-    return {"uniqueid": uniqueid, "name": uniqueid.capitalize(), "enabled": True,
-            "trigger": {"type": "once", "date": date}, "action": {"type": action}}
+    return any_once_event(uniqueid, action, date, uniqueid.capitalize())
 
 
 class Desktop:
@@ -38,23 +28,18 @@ class Desktop:
     def __init__(self, tmp_path, root, system_bus, daemon, user=None):
         self.user = user
         if user:  # the session's user must reach its bus and the daemon's socket
-            for folder in (tmp_path, *tmp_path.parents[:-2]):
-                os.chmod(folder, os.stat(folder).st_mode | 0o011)
+            open_to_others(tmp_path)
         (tmp_path / "session").mkdir()
         # A bus that lets the test (root) and the session's user both in.
         self.session = PrivateBus(tmp_path / "session")
-        address = self.session.address
         self.env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ="UTC",
                         DBUS_SYSTEM_BUS_ADDRESS=system_bus.address,
-                        DBUS_SESSION_BUS_ADDRESS=address, XDG_CONFIG_HOME=str(tmp_path))
-        self.server = subprocess.Popen(
-            [PYTHON, "-m", "dbusmock", "--template", "notification_daemon"], env=self.env,
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.bus = dbus.bus.BusConnection(address)
-        assert wait_until(lambda: self.bus.name_has_owner(NOTIFICATIONS), timeout=15)
-        self.mock = dbus.Interface(self.bus.get_object(NOTIFICATIONS, PATH), MOCK)
+                        DBUS_SESSION_BUS_ADDRESS=self.session.address,
+                        XDG_CONFIG_HOME=str(tmp_path))
+        self.server = DbusMock(self.session, "notification_daemon", system=False)
+        self.mock = dbus.Interface(self.server.object("/org/freedesktop/Notifications"), MOCK)
         self.daemon = daemon
-        self.client = Client(socket_path(root))
+        self.client = daemon.client()
         self.agents = []
 
     def start_agent(self):
@@ -78,13 +63,13 @@ class Desktop:
         return shown
 
     def invoke(self, notice_id, key):
-        self.mock.EmitSignal(NOTIFICATIONS, "ActionInvoked", "us",
+        self.mock.EmitSignal(self.server.name, "ActionInvoked", "us",
                              [dbus.UInt32(notice_id), key])
 
     def warn(self, *events):
         """Sets the events (each warned at once: its date lies within the notify period)."""
         for event in events:
-            assert self.client.call("scheduler.set", event) == {"status": 200}
+            self.client.ok("scheduler.set", event)
 
     def pending(self):
         return {e["uniqueid"]: e for e in self.client.call("notifications.pending")["response"]}
@@ -95,24 +80,21 @@ class Desktop:
                 agent.terminate()
                 agent.wait(timeout=10)
         self.client.close()
-        self.bus.close()
-        self.server.terminate()
-        self.server.wait(timeout=10)
+        self.server.stop()
         self.session.stop()
 
 
 @pytest.fixture
 def desktop(tmp_path, root, system_bus, start_daemon, request):
-    daemon = start_daemon()
-    assert daemon.wait_running()
-    desk = Desktop(tmp_path, root, system_bus, daemon, getattr(request, "param", None))
-    assert desk.client.call("notifications.setnotifyperiod", 3600) == {"status": 200}
+    desk = Desktop(tmp_path, root, system_bus, start_daemon(running=True),
+                   getattr(request, "param", None))
+    desk.client.ok("notifications.setnotifyperiod", 3600)
     yield desk
     desk.stop()
 
 
 def test_a_warning_is_one_notice_with_three_actions_then_a_last_one(desktop, broadcasts):
-    assert desktop.client.call("notifications.setnotifyperiod", 2) == {"status": 200}
+    desktop.client.ok("notifications.setnotifyperiod", 2)
     desktop.start_agent()
     desktop.warn(once_event("halt", utc_in(4)))
 
@@ -128,32 +110,25 @@ def test_a_warning_is_one_notice_with_three_actions_then_a_last_one(desktop, bro
     assert wait_until(lambda: list(desktop.notices().values()) == [("Shutdown now", "Halt", [])])
 
 
-def test_delay_moves_the_trigger_and_cancel_drops_the_event_closing_their_notices(desktop):
-    desktop.start_agent()
+def test_delay_cancel_and_remove_close_their_notices_and_a_second_agent_exits(desktop):
+    first = desktop.start_agent()
     date = utc_in(900)
-    desktop.warn(once_event("halt", date), once_event("boot", utc_in(1200), "restart"))
-    assert wait_until(lambda: len(desktop.notices()) == 2)
+    desktop.warn(once_event("halt", date), once_event("boot", utc_in(1200), "restart"),
+                 once_event("gone", utc_in(1300), "sleep"))
+    assert wait_until(lambda: len(desktop.notices()) == 3)  # the agent owns its name by now
+    second = desktop.start_agent()
+    assert second.wait(timeout=10) == 0
+    assert "another agent runs in this session" in second.stderr.read()
+    assert first.poll() is None
     ids = {body.split(":")[0]: notice_id for notice_id, (_, body, _) in desktop.notices().items()}
 
     desktop.invoke(ids["Halt"], DELAY_10M[0])
     assert wait_until(lambda: desktop.pending()["halt"]["trigger"]["date"]
                       == date + datetime.timedelta(seconds=600))
     assert wait_until(lambda: ids["Halt"] not in desktop.notices())
-
     desktop.invoke(ids["Boot"], CANCEL[0])
     assert wait_until(lambda: "boot" not in desktop.pending())
-    assert wait_until(lambda: desktop.notices() == {})
-
-
-@pytest.mark.parametrize("how", ["nightjarctl", "request"])
-def test_the_notice_closes_when_its_event_is_removed(desktop, how):
-    desktop.start_agent()
-    desktop.warn(once_event("halt", utc_in(900)))
-    assert wait_until(lambda: len(desktop.notices()) == 1)
-    if how == "nightjarctl":
-        subprocess.run([str(CTL), "remove", "halt"], env=desktop.env, check=True, timeout=20)
-    else:
-        assert desktop.client.call("scheduler.remove", "halt") == {"status": 200}
+    subprocess.run([str(CTL), "remove", "gone"], env=desktop.env, check=True, timeout=20)
     assert wait_until(lambda: desktop.notices() == {})
 
 
@@ -164,25 +139,14 @@ def test_a_restarted_daemon_leaves_one_notice_per_warning(desktop, start_daemon)
 
     desktop.daemon.signal(signal.SIGKILL)
     desktop.daemon.wait()
-    assert start_daemon().wait_running()
     desktop.client.close()
-    desktop.client = Client(socket_path(desktop.daemon.root))
+    desktop.client = start_daemon(running=True).client()
     desktop.warn(once_event("nap", utc_in(1100), "sleep"))  # shown after the re-read
 
     assert wait_until(lambda: len(desktop.notices()) == 3)
     bodies = sorted(body.split(":")[0] for _, body, _ in desktop.notices().values())
     assert bodies == ["Boot", "Halt", "Nap"]
     assert sum(method == "Notify" for _, method, _ in desktop.mock.GetCalls()) == 3
-
-
-def test_a_second_agent_exits(desktop):
-    first = desktop.start_agent()
-    desktop.warn(once_event("halt", utc_in(900)))
-    assert wait_until(lambda: len(desktop.notices()) == 1)  # the first owns its name by now
-    second = desktop.start_agent()
-    assert second.wait(timeout=10) == 0
-    assert "another agent runs in this session" in second.stderr.read()
-    assert first.poll() is None
 
 
 @pytest.mark.parametrize("desktop", [NOBODY], indirect=True)

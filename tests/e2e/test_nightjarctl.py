@@ -1,27 +1,21 @@
-"""nightjarctl against the real daemon: every subcommand, human dates, export and
-apply, watch, and the sentences of bad input and of refusals."""
+"""nightjarctl against the real daemon: every subcommand, export and apply, watch, and the
+sentences of bad input and of refusals."""
 
 import json
 import os
 import shlex
+import signal
 import socket
 import subprocess
-import time
-from datetime import datetime, timedelta
-from pathlib import Path
-from zoneinfo import ZoneInfo
 
 import pytest
 
-from nightjar_harness import BUILD_DIR, NOBODY
-
-CTL = BUILD_DIR / "tools" / "nightjarctl"
-ZONE = "Europe/Berlin"
+from nightjar_harness import CTL, MOCK, NOBODY, open_to_others, wait_until
 
 
 def ctl_env(root, system_bus=None):
     """nightjarctl's environment: the test's root, a fixed zone, the private bus if any."""
-    env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ=ZONE)
+    env = dict(os.environ, NIGHTJAR_ROOT=str(root), TZ="Europe/Berlin")
     if system_bus:
         env["DBUS_SYSTEM_BUS_ADDRESS"] = system_bus.address
     return env
@@ -43,6 +37,10 @@ def ctl(root, system_bus, daemon):
 
 
 def api_lines(daemon):
+    """The exchanges logged so far: a SIGUSR1 line read back marks the end of what is logged."""
+    marks = daemon.messages().count("SIGUSR1/rotate signal caught") + 1
+    daemon.signal(signal.SIGUSR1)
+    assert wait_until(lambda: daemon.messages().count("SIGUSR1/rotate signal caught") == marks)
     return [line for line in daemon.messages() if line.startswith("API:")]
 
 
@@ -91,46 +89,30 @@ def test_every_subcommand(ctl):
     assert "Weekend" not in ctl("list")[1]
 
 
-def utc(local):
-    return local.replace(tzinfo=ZoneInfo(ZONE)).astimezone(ZoneInfo("UTC")).strftime(
-        "%Y-%m-%dT%H:%M:%SZ")
-
-
-def test_human_dates_under_a_fixed_zone(ctl):
-    tomorrow = (datetime.now(ZoneInfo(ZONE)) + timedelta(days=1)).replace(
-        hour=7, minute=0, second=0, microsecond=0, tzinfo=None)
-    cases = [
-        ("2027-07-01 07:00", "2027-07-01T05:00:00Z"),
-        # Repeated by the autumn change: the earlier instant, still summer time.
-        ("2027-10-31 02:30", "2027-10-31T00:30:00Z"),
-        ("tomorrow 07:00", utc(tomorrow)),
-    ]
-    for text, expected in cases:
-        event = add(ctl, "--at", text, "--action", "poweron")
-        shown = json.loads(ctl("show", event, "--json")[1])
-        assert shown["trigger"] == {"type": "once", "date": expected}, text
-        assert shown["action"]["type"] == "start up or wake"
+def test_a_local_date_and_a_status_that_warns_when_the_rtc_holds_another_alarm(ctl, root):
+    event = add(ctl, "--at", "2027-07-01 07:00", "--action", "poweron")
+    shown = json.loads(ctl("show", event, "--json")[1])
+    assert shown["trigger"] == {"type": "once", "date": "2027-07-01T05:00:00Z"}
+    assert shown["action"]["type"] == "start up or wake"
     assert "2027-07-01 07:00  enabled" in ctl("list")[1]
-
-    before = time.time()
-    event = add(ctl, "--at", "+2h", "--action", "wake")
-    date = json.loads(ctl("show", event, "--json")[1])["trigger"]["date"]
-    seconds = datetime.strptime(date, "%Y-%m-%dT%H:%M:%SZ").replace(
-        tzinfo=ZoneInfo("UTC")).timestamp()
-    assert before + 7200 - 1 <= seconds <= time.time() + 7200
+    status, out, _ = ctl("status")
+    assert status == 0 and "warning" not in out and "earliest wake:  none" not in out
+    (root / "sys/class/rtc/rtc0/wakealarm").write_text("0\n")
+    out = ctl("status")[1]
+    assert "RTC wake alarm: none\n" in out
+    assert "warning: the RTC wake alarm (none) differs from the earliest wake entry" in out
+    assert json.loads(ctl("status", "--json")[1])["wakematches"] is False
 
 
 # Refused before anything is sent: exit status 2 and a sentence.
 BAD_INPUT = [
     (["add", "--daily", "22:30", "--days", "mon-fry", "--action", "shutdown"],
      '"mon-fry" is not a day'),
-    (["add", "--at", "2020-01-01 10:00", "--action", "shutdown"], "is in the past"),
     (["add", "--at", "2027-03-28 02:30", "--action", "shutdown"],
      "2027-03-28 02:30 does not exist in local time: the clocks skip from 02:00 to 03:00"),
     (["add", "--at", "next week", "--action", "shutdown"], '"next week" is not a date'),
     (["add", "--idle", "10x", "--action", "sleep"], '"10x" is not a duration'),
     (["add", "--idle", "30m", "--action", "fly"], '"fly" is not an action'),
-    (["set", "X", "--action", "fly"], '"fly" is not an action'),
     (["delay", "X", "10q"], '"10q" is not a duration'),
     (["notify-period", "soon"], '"soon" is not a duration'),
     (["raw", "scheduler.set", "<nope"], "not an XML property list"),
@@ -187,8 +169,7 @@ def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, broadca
     assert ctl("apply", "--check", str(exported)) == (0, "", "")
     assert len(api_lines(ctl.daemon)) == sets + 2  # the two listings only
 
-    events = json.loads(exported.read_text())
-    events = [event for event in events if event["uniqueid"] != gone]
+    events = [event for event in json.loads(exported.read_text()) if event["uniqueid"] != gone]
     events[0]["name"] = "Up early"
     events.append({"uniqueid": "F1", "name": "Fleet", "enabled": False,
                    "trigger": {"type": "once", "date": "2030-01-01T00:00:00Z"},
@@ -202,8 +183,7 @@ def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, broadca
     assert (status, sorted(out.splitlines())) == (0, [
         "add Fleet (F1)", f"change Up early ({kept})", f"remove Idle ({gone})"])
     fleet = [e for e in json.loads(ctl("export")[1]) if e["uniqueid"] == "F1"][0]
-    assert fleet["site"] == {"base64": "AAEC"} and fleet["weight"] == 1.5
-    assert fleet["count"] == 3 and isinstance(fleet["count"], int)
+    assert [fleet["site"], fleet["weight"], repr(fleet["count"])] == [{"base64": "AAEC"}, 1.5, "3"]
 
     # The second apply changes nothing: no "scheduler.events" comes between two marks.
     assert ctl("disable")[0] == 0
@@ -233,22 +213,17 @@ def test_watch_sees_the_warning_before_an_event_is_performed(ctl, root, system_b
 
 def interactive_checks(polkitd):
     """The rights polkit was asked for with user interaction (flag 1)."""
-    calls = polkitd.object("/org/freedesktop/PolicyKit1/Authority").GetCalls(
-        dbus_interface="org.freedesktop.DBus.Mock")
+    calls = polkitd.object("/org/freedesktop/PolicyKit1/Authority").GetCalls(dbus_interface=MOCK)
     return [str(args[1]) for _, method, args in calls
             if method == "CheckAuthorization" and int(args[3]) == 1]
 
 
-def test_a_user_without_the_right_is_refused_with_a_sentence(ctl, polkitd, tmp_path):
-    # The client runs as nobody: it must reach the socket under the test's root.
-    folder = Path(tmp_path)
-    while folder != Path("/tmp"):
-        os.chmod(folder, os.stat(folder).st_mode | 0o011)
-        folder = folder.parent
+def test_a_user_holds_a_write_right_only_when_polkit_grants_it(ctl, polkitd, tmp_path):
+    open_to_others(tmp_path)  # the client runs as nobody
+    authority = polkitd.object("/org/freedesktop/PolicyKit1/Authority")
     # polkit grants the read rights to anyone, as the installed policy says.
-    polkitd.object("/org/freedesktop/PolicyKit1/Authority").SetAllowed(
-        ["quillon.nightjar.scheduler.events", "quillon.nightjar.notifications.pending"],
-        dbus_interface="org.freedesktop.DBus.Mock")
+    reads = ["quillon.nightjar.scheduler.events", "quillon.nightjar.notifications.pending"]
+    authority.SetAllowed(reads, dbus_interface=MOCK)
     status, out, err = ctl("list", user=NOBODY)
     assert (status, out.split()[:1]) == (0, ["NAME"]), err
     refusal = ("nightjarctl: permission denied: you do not hold the right "
@@ -263,14 +238,7 @@ def test_a_user_without_the_right_is_refused_with_a_sentence(ctl, polkitd, tmp_p
     status, out, _ = ctl(*add_idle, user=NOBODY, tty=True)
     assert status == 1 and refusal in out
     assert interactive_checks(polkitd) == ["quillon.nightjar.scheduler.set"]
-
-
-def test_status_warns_when_the_rtc_holds_another_alarm(ctl, root):
-    add(ctl, "--at", "+2h", "--action", "poweron")
-    status, out, _ = ctl("status")
-    assert status == 0 and "warning" not in out and "earliest wake:  none" not in out
-    (root / "sys/class/rtc/rtc0/wakealarm").write_text("0\n")
-    out = ctl("status")[1]
-    assert "RTC wake alarm: none\n" in out
-    assert "warning: the RTC wake alarm (none) differs from the earliest wake entry" in out
-    assert json.loads(ctl("status", "--json")[1])["wakematches"] is False
+    authority.SetAllowed(reads + ["quillon.nightjar.scheduler.set"],
+                         dbus_interface=MOCK)
+    status, out, err = ctl("--no-ask-password", *add_idle, user=NOBODY)
+    assert status == 0 and out.strip() in ctl("list", "--json", user=NOBODY)[1], err

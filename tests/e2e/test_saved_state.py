@@ -5,21 +5,11 @@ import os
 import plistlib
 import signal
 
-from nightjar_client import Client, authorization_form, socket_path
+from nightjar_client import authorization_form, socket_path
 from nightjar_harness import (RTC_ALARM_FILE, STATE_FILE, WAKE_ENTRIES_FILE, epoch, once_event,
                               pending_dates, seconds_of_day, tool_calls, utc_in, wait_until,
                               wake_entries)
 from nightjar_harness import daily_event as every_day_event
-
-
-def stop(daemon):
-    assert daemon.terminate() == 0
-
-
-def start(start_daemon):
-    daemon = start_daemon()
-    assert daemon.wait_running()
-    return daemon
 
 
 def daily_event(uniqueid):
@@ -27,84 +17,63 @@ def daily_event(uniqueid):
     return dict(every_day_event(uniqueid, "logout", 3600, ["monday", "friday"]), note="kept")
 
 
-def test_events_and_warnings_survive_a_restart(start_daemon, root, logind):
-    daemon = start(start_daemon)
-    date = utc_in(3600)
-    with Client(socket_path(root)) as client:
-        assert client.call("notifications.setnotifyperiod", 7200) == {"status": 200}
-        assert client.call("scheduler.set", once_event("soon", "restart", date)) == \
-            {"status": 200}
-        assert client.call("scheduler.set", daily_event("weekly")) == {"status": 200}
+def test_events_warnings_and_wake_entries_survive_a_restart(start_daemon, root, logind):
+    daemon = start_daemon(running=True)
+    date, dawn = utc_in(3600), utc_in(5 * 3600)
+    alarm = root / RTC_ALARM_FILE
+    with daemon.client() as client:
+        client.ok("notifications.setnotifyperiod", 7200)
+        client.ok("scheduler.set", once_event("soon", "restart", date))
+        client.ok("scheduler.set", daily_event("weekly"))
+        client.ok("scheduler.set", once_event("dawn", "wake", dawn))
         events = client.call("scheduler.events")["response"]
         # Warned at once: the event is due within the notify period.
         assert wait_until(lambda: "metadatanotified" in client.call(
             "notifications.pending")["response"][0])
         pending = client.call("notifications.pending")["response"]
-    stop(daemon)
-    assert (root / STATE_FILE).exists()
+    assert daemon.terminate() == 0
+    entries, set_alarm = wake_entries(root), alarm.read_text().strip()
+    assert dawn in [e["time"] for e in entries] and set_alarm == epoch(entries[0]["time"])
+    alarm.write_text("")  # a fired alarm is spent: the restarted daemon must set it again
 
-    daemon = start(start_daemon)
-    with Client(socket_path(root)) as client:
+    daemon = start_daemon(running=True)
+    assert wait_until(lambda: alarm.read_text().strip() == set_alarm)
+    assert wake_entries(root) == entries
+    with daemon.client() as client:
         assert client.call("scheduler.events")["response"] == events
         assert client.call("notifications.notifyperiod")["response"] == 7200.0
         assert client.call("notifications.pending")["response"] == pending
         # The restored warning is not issued a second time.
         assert not any("Issued notification" in m and "soon" in m for m in daemon.messages())
         # The restored events still answer the warning requests.
-        assert client.call("notifications.delay", {"uniqueid": "soon", "seconds": 60}) == \
-            {"status": 200}
-        moved = {e["uniqueid"]: e["trigger"]["date"]
-                 for e in client.call("notifications.pending")["response"]}
-        assert moved["soon"] == date + datetime.timedelta(seconds=60)
+        client.ok("notifications.delay", {"uniqueid": "soon", "seconds": 60})
+        assert pending_dates(client)["soon"] == date + datetime.timedelta(seconds=60)
 
 
 def test_events_missed_while_stopped_are_dropped_or_move_to_their_next_day(
         start_daemon, root, logind):
-    daemon = start(start_daemon)
+    daemon = start_daemon(running=True)
     date = utc_in(2)
-    with Client(socket_path(root)) as client:
-        assert client.call("scheduler.set", once_event("missed", "restart", date)) == \
-            {"status": 200}
-        nightly = every_day_event("nightly", "restart", seconds_of_day(date))
-        assert client.call("scheduler.set", nightly) == {"status": 200}
-    stop(daemon)
+    with daemon.client() as client:
+        client.ok("scheduler.set", once_event("missed", "restart", date))
+        client.ok("scheduler.set", every_day_event("nightly", "restart", seconds_of_day(date)))
+    assert daemon.terminate() == 0
     assert wait_until(lambda: utc_in(0) > date, timeout=4)
 
-    daemon = start(start_daemon)
+    daemon = start_daemon(running=True)
     assert daemon.wait_for_line("Dropped event: ")
     assert daemon.wait_for_line("Rescheduling event: ")
     dropped = [m for m in daemon.messages() if m.startswith("Dropped event: ")]
     assert len(dropped) == 1 and "missed" in dropped[0] and dropped[0].endswith(", has past.")
-    with Client(socket_path(root)) as client:
+    with daemon.client() as client:
         assert pending_dates(client) == {"nightly": date + datetime.timedelta(days=1)}
     assert "gracestop" not in tool_calls(root)
-
-
-def test_wake_entries_are_found_again_and_not_duplicated(start_daemon, root, logind):
-    daemon = start(start_daemon)
-    date = utc_in(5 * 3600)
-    alarm = root / RTC_ALARM_FILE
-    with Client(socket_path(root)) as client:
-        assert client.call("scheduler.set", once_event("dawn", "wake", date)) == \
-            {"status": 200}
-    assert wait_until(lambda: alarm.read_text().strip() == epoch(date))
-    stop(daemon)
-    entries = wake_entries(root)
-    assert len(entries) == 1
-
-    # A fired alarm is spent: the restarted daemon must set it again.
-    alarm.write_text("")
-    daemon = start(start_daemon)
-    assert wait_until(lambda: alarm.read_text().strip() == epoch(date))
-    stop(daemon)
-    assert wake_entries(root) == entries
 
 
 def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(
         start_daemon, root, broadcasts):
     os.chmod(root / "var/tmp", 0o777)
-    daemon = start_daemon()
-    assert daemon.wait() == 13
+    assert start_daemon().wait() == 13
     assert not os.path.exists(socket_path(root))
     assert not broadcasts.wait_for("socket.open", timeout=0.5)
     assert broadcasts.names() == []
@@ -116,22 +85,22 @@ def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
     forced.write_bytes(plistlib.dumps({"notificationcontroller.notifyperiod": 60.0}))
     (root / STATE_FILE).write_text("<plist><dict><key>engine")
     (root / WAKE_ENTRIES_FILE).write_text("<plist><array>")
-    daemon = start(start_daemon)
-    with Client(socket_path(root)) as client:
+    daemon = start_daemon(running=True)
+    with daemon.client() as client:
         assert client.call("scheduler.events") == {"status": 200, "response": []}
         assert client.call("notifications.notifyperiod")["response"] == 60.0
-        assert client.call("notifications.setnotifyperiod", 120) == {"status": 200}
+        client.ok("notifications.setnotifyperiod", 120)
         assert client.call("notifications.notifyperiod")["response"] == 60.0
-        assert client.call("scheduler.set", once_event("kept", "restart", utc_in(3600))) == \
-            {"status": 200}
-    stop(daemon)
+        client.ok("scheduler.set", once_event("kept", "restart", utc_in(3600)))
+    assert daemon.terminate() == 0
     # The corrupt store was kept aside, and a whole one holds the new state.
     saved = plistlib.loads((root / STATE_FILE).read_bytes())
     assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]
-    kept = list((root / "var/lib/nightjar").glob("preferences.plist.unreadable-*"))
+    folder = root / "var/lib/nightjar"
+    kept = list(folder.glob("preferences.plist.unreadable-*"))
     assert [k.read_text() for k in kept] == ["<plist><dict><key>engine"]
     assert any(f"kept as {kept[0]}" in m for m in daemon.messages())
-    kept = list((root / "var/lib/nightjar").glob("powerevents.plist.unreadable-*"))
+    kept = list(folder.glob("powerevents.plist.unreadable-*"))
     assert [k.read_text() for k in kept] == ["<plist><array>"]
 
 
@@ -173,9 +142,8 @@ def test_a_state_near_the_limit_survives_a_restart_and_more_is_refused(
     store.write_bytes(plistlib.dumps(warned_daily_state(count)))
     assert LIMIT - 32 * 1024 < store.stat().st_size <= LIMIT
 
-    daemon = start_daemon(extra_env=env)
-    assert daemon.wait_running()
-    with Client(socket_path(root)) as client:
+    daemon = start_daemon(extra_env=env, running=True)
+    with daemon.client() as client:
         events = client.call("scheduler.events")["response"]
         assert len(events) == count
         assert len(client.call("notifications.pending")["response"]) == count
@@ -183,22 +151,19 @@ def test_a_state_near_the_limit_survives_a_restart_and_more_is_refused(
         assert client.call("scheduler.set", daily_event("one-more")) == \
             {"error": 413, "reason": "Saved state would be too large"}
         assert client.call("scheduler.events")["response"] == events
-    stop(daemon)
+    assert daemon.terminate() == 0
     assert store.stat().st_size <= LIMIT
 
-    daemon = start_daemon(extra_env=env)
-    assert daemon.wait_running()
-    with Client(socket_path(root)) as client:
+    with start_daemon(extra_env=env, running=True).client() as client:
         assert client.call("scheduler.events")["response"] == events
     assert not list(store.parent.glob("*.unreadable-*"))
 
 
 def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_first(
         start_daemon, root, logind, broadcasts):
-    daemon = start(start_daemon)
-    with Client(socket_path(root)) as client:
-        assert client.call("scheduler.set", once_event("late", "restart", utc_in(1))) == \
-            {"status": 200}
+    daemon = start_daemon(running=True)
+    with daemon.client() as client:
+        client.ok("scheduler.set", once_event("late", "restart", utc_in(1)))
         assert broadcasts.wait_for("event.willperform", timeout=5)
         client.send({"Request": "scheduler.remove", "Parameter": "late",
                      "Authorization": authorization_form()})

@@ -42,14 +42,7 @@ std::string plistText(const plist::Dictionary& entries) {
 
 class PreferencesAdapterTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/nightjar-prefs-XXXXXX";
-    root_ = ::mkdtemp(pattern);
-  }
-  void TearDown() override {
-    persistence::preferencesSetStore(nullptr);
-    fs::remove_all(root_);
-  }
+  void TearDown() override { persistence::preferencesSetStore(nullptr); }
   fs::path folder() const { return root_ / "var/lib/nightjar"; }
   fs::path file() const { return folder() / "preferences.plist"; }
   fs::path forcedFile() const { return root_ / "etc/nightjar/forced.plist"; }
@@ -68,7 +61,8 @@ class PreferencesAdapterTest : public ::testing::Test {
     return kept;
   }
 
-  fs::path root_;
+  testing::TemporaryRoot temporary_;
+  fs::path root_ = temporary_.path;
   testing::RecordingLogSink log_;
 };
 

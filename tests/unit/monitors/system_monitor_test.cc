@@ -10,6 +10,7 @@
 #include "fakes/fake_time_zone_source.h"
 #include "fakes/notification_recorder.h"
 #include "fakes/recording_log_sink.h"
+#include "monitors/monitor_decisions.h"
 
 namespace nightjar::monitors {
 namespace {
@@ -173,6 +174,28 @@ TEST_F(SystemMonitorTest, DestroyDropsTheWatchOnlyWhenGivenTheWatcher) {
   EXPECT_THAT(files_->removes, IsEmpty());
   fileWatcherRemove(watcher_, "/etc/");  // the first monitor's reference was the last
   EXPECT_EQ(files_->removes.size(), 1u);
+}
+
+TEST(MonitorDecisionsTest, IdleSleepIsRefusedOnlyWhilePerforming) {
+  using enum PowerMessage;
+  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, 0), PowerAnswer::Allow);
+  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, 1), PowerAnswer::Refuse);
+  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, 3), PowerAnswer::Refuse);
+  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, -1), PowerAnswer::Allow);
+  // A sleep already decided, and a wake, are never refused.
+  EXPECT_EQ(answerPowerMessage(SystemWillSleep, 1), PowerAnswer::Allow);
+  EXPECT_EQ(answerPowerMessage(SystemHasPoweredOn, 1), PowerAnswer::Allow);
+}
+
+TEST(MonitorDecisionsTest, ZoneChangeNeedsAReadableDifferentZone) {
+  const auto paris = testing::namedZone("Europe/Paris");
+  auto updated = paris;  // same name, new rules: a tzdata update
+  updated.data.push_back(0);
+  EXPECT_FALSE(timeZoneChanged(paris, paris));
+  EXPECT_TRUE(timeZoneChanged(paris, testing::namedZone("Asia/Tokyo")));
+  EXPECT_TRUE(timeZoneChanged(paris, updated));
+  EXPECT_TRUE(timeZoneChanged(std::nullopt, paris));
+  EXPECT_FALSE(timeZoneChanged(paris, std::nullopt));
 }
 
 }  // namespace

@@ -81,10 +81,10 @@ TEST_F(SocketServerTest, AnswersNoopAndDictWithTheRequestsIdentifierAndPeer) {
     responder.reply(Value::dictionary({{"status", Value::integer(200)}}));
   });
   Peer peer(path());
-  ASSERT_TRUE(peer.connected());
+  ASSERT_TRUE(peer.connected);
   ASSERT_TRUE(peer.write(encodeBare(MessageType::Noop, 41) + *encodeRequest(42, sample("a"))));
   ASSERT_TRUE(pumpUntil([&] { return peer.replies().size() == 2; }));
-  EXPECT_EQ(peer.received().substr(0, 20), framing::encodeEmptyReply(41));
+  EXPECT_EQ(peer.received.substr(0, 20), framing::encodeEmptyReply(41));
   EXPECT_EQ(peer.replies()[1].first, 42u);
   EXPECT_EQ(plist::parseXml(peer.replies()[1].second),
             Value::dictionary({{"status", Value::integer(200)}}));
@@ -113,14 +113,11 @@ TEST_F(SocketServerTest, ARequestSentByteByByteIsAnsweredOnce) {
 
 TEST_F(SocketServerTest, EveryRuleThatClosesTheConnection) {
   start();
+  // Each rule of the framing is in its own tests; too long closes once the
+  // header is in, before the rest is sent.
   const std::vector<std::pair<std::string, std::string>> faults = {
       {"unknown type", rawHeader(0x41424344, 1, 16)},
       {"GDBY", encodeBare(MessageType::Goodbye, 1)},
-      {"NOOP of 15", rawHeader(0x4E4F4F50, 1, 15)},
-      {"DICT of 23", rawHeader(0x44494354, 1, 23) + std::string(7, '\0')},
-      {"payload past the end", rawHeader(0x44494354, 1, 30) + std::string(4, '\0') +
-                                   std::string("\x07\0\0\0", 4) + "abcdef"},
-      // Too long closes once the header is in, before the rest is sent.
       {"length 102401", rawHeader(0x44494354, 1, 102401)},
   };
   for (const auto& [name, bytes] : faults) {
@@ -231,7 +228,7 @@ TEST_F(SocketServerTest, PeersThatVanishOrNeverRead) {
   Peer reader(path());
   Peer sink(path());
   int receive = 4096;
-  ASSERT_EQ(setsockopt(sink.fd(), SOL_SOCKET, SO_RCVBUF, &receive, sizeof receive), 0);
+  ASSERT_EQ(setsockopt(sink.fd, SOL_SOCKET, SO_RCVBUF, &receive, sizeof receive), 0);
   const std::string request = *encodeRequest(3, sample("big"));
   int sent = 0;
   ASSERT_TRUE(pumpUntil([&] {
@@ -305,7 +302,7 @@ TEST_F(SocketServerTest, OutOfDescriptorsAcceptingPausesInsteadOfSpinning) {
   std::vector<std::unique_ptr<Peer>> peers;
   for (std::uint32_t i = 0; i < 4; ++i) {
     peers.push_back(std::make_unique<Peer>(path()));
-    ASSERT_TRUE(peers.back()->connected());
+    ASSERT_TRUE(peers.back()->connected);
     ASSERT_TRUE(peers.back()->write(encodeBare(MessageType::Noop, i)));
   }
   ASSERT_TRUE(pumpUntil([&] { return socketServerClientCount(server.get()) == 2; }));

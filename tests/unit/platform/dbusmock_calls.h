@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ namespace nightjar::testing {
 inline std::string readArgument(sd_bus_message* m, const char* contents) {
   if (sd_bus_message_enter_container(m, 'v', contents) <= 0)
     return "?";
+  const std::string type = contents;
   std::string text = "?";
   union {
     const char* s;
@@ -22,39 +24,23 @@ inline std::string readArgument(sd_bus_message* m, const char* contents) {
     std::uint32_t u;
     std::int32_t i;
   } value{};
-  switch (contents[0]) {
-    case 's':
-    case 'o':
-      if (sd_bus_message_read_basic(m, contents[0], &value.s) > 0)
-        text = value.s;
-      break;
-    case 'b':
-      if (sd_bus_message_read_basic(m, 'b', &value.b) > 0)
-        text = value.b ? "true" : "false";
-      break;
-    case 'u':
-      if (sd_bus_message_read_basic(m, 'u', &value.u) > 0)
-        text = std::to_string(value.u);
-      break;
-    case 'i':
-      if (sd_bus_message_read_basic(m, 'i', &value.i) > 0)
-        text = std::to_string(value.i);
-      break;
-    default:
-      if (std::string(contents) == "as") {
-        char** strings = nullptr;
-        if (sd_bus_message_read_strv(m, &strings) > 0) {
-          text = "[";
-          for (char** s = strings; *s != nullptr; ++s) {
-            text += (s == strings ? "" : ",") + std::string(*s);
-            free(*s);
-          }
-          text += "]";
-          free(strings);
-        }
-      } else {
-        sd_bus_message_skip(m, contents);
-      }
+  char** strings = nullptr;
+  if (type == "as" && sd_bus_message_read_strv(m, &strings) > 0) {
+    text = "[";
+    for (char** s = strings; *s != nullptr; ++s) {
+      text += (s == strings ? "" : ",") + std::string(*s);
+      free(*s);
+    }
+    text += "]";
+    free(strings);
+  } else if (type.size() == 1 && std::strchr("sobui", type[0]) != nullptr &&
+             sd_bus_message_read_basic(m, type[0], &value) > 0) {
+    text = type == "b"   ? (value.b ? "true" : "false")
+           : type == "u" ? std::to_string(value.u)
+           : type == "i" ? std::to_string(value.i)
+                         : value.s;
+  } else {
+    sd_bus_message_skip(m, contents);
   }
   sd_bus_message_exit_container(m);
   return text;

@@ -1,16 +1,11 @@
 // The entry list in "powerevents.plist" and the RTC alarm, under a temporary
 // root: against a simple model, across restarts, with a faulty or missing
 // RTC, and on the real run loop.
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <set>
-#include <sstream>
 #include <tuple>
 #include <vector>
 

@@ -1,6 +1,5 @@
 #include "platform/linux/spawn_command_runner.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 
 #include "platform/private_bus.h"
 #include "platform/temporary_root.h"

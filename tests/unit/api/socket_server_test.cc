@@ -6,6 +6,7 @@
 
 #include <optional>
 
+#include "api/connection_quota.h"
 #include "api/socket_client.h"
 #include "api/socket_testing.h"
 #include "fakes/recording_log_sink.h"
@@ -435,6 +436,21 @@ TEST_F(SocketClientTest, AWriteToAVanishedPeerClosesTheConnection) {
   socketClientDestroy(*client);
   EXPECT_EQ(closed, 1) << "destroying twice notifies once";
   EXPECT_EQ(client->descriptor, -1);
+}
+
+TEST(SocketQuotaTest, EachUserHoldsAtMostItsCapAndOnlyRootTakesTheReserve) {
+  ConnectionQuota quota;
+  const DescriptorRoom plenty{.limit = 1024, .inUse = 10};
+  for (std::size_t i = 0; i < kConnectionsPerUser; ++i)
+    ASSERT_EQ(quota.admit(1000, plenty), Admission::Admitted) << i;
+  EXPECT_EQ(quota.admit(1000, plenty), Admission::OverUserCap);
+  EXPECT_EQ(quota.admit(1001, plenty), Admission::Admitted);
+  quota.release(1000);
+  EXPECT_EQ(quota.admit(1000, plenty), Admission::Admitted);
+  const std::size_t edge = 1024 - kReservedDescriptors;
+  EXPECT_EQ(quota.admit(1002, {.limit = 1024, .inUse = edge}), Admission::Admitted);
+  EXPECT_EQ(quota.admit(1002, {.limit = 1024, .inUse = edge + 1}), Admission::OutOfDescriptors);
+  EXPECT_EQ(quota.admit(0, {.limit = 1024, .inUse = 1024}), Admission::Admitted);
 }
 
 }  // namespace

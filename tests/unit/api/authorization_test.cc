@@ -27,34 +27,29 @@ std::vector<std::string> allChanges(std::string_view verb) {
   return out;
 }
 
-TEST(RightsTest, InstallDefinesEachMissingRightOnceInTableOrder) {
+TEST(RightsTest, InstallDefinesEachMissingRightOnceInTableOrderAndLogsFailures) {
   FakePolicyDatabase database;
   testing::RecordingLogSink log;
   installDefaultRights(database);
   EXPECT_EQ(database.changes, allChanges("set"));
   EXPECT_EQ(database.rights.at(kEvents), plist::Value::string("allow"));
   EXPECT_EQ(database.rights.at(kSet), writeRule());
-
   database.changes.clear();
   installDefaultRights(database);
   EXPECT_TRUE(database.changes.empty());
   EXPECT_TRUE(log.lines.empty());
-}
 
-TEST(RightsTest, InstallKeepsAnAlreadyDefinedRightAndLogsFailures) {
-  FakePolicyDatabase database;
+  // An already defined right is kept; a failure spares every other right.
   const plist::Value own = plist::Value::string("authenticate-session-owner");
-  database.rights.emplace(kSet, own);
-  database.setFailures.emplace("quillon.nightjar.build.version", 13);
-  testing::RecordingLogSink log;
-  installDefaultRights(database);
-  EXPECT_EQ(database.rights.at(kSet), own);
-  EXPECT_EQ(database.changes.size(), 13u);
-  EXPECT_EQ(database.rights.size(), 13u);  // every other right, despite the failure
-  ASSERT_EQ(log.lines.size(), 1u);
-  EXPECT_EQ(log.lines[0],
-            std::make_pair(LOG_ERR, std::string("Unable to set right: "
-                                                "quillon.nightjar.build.version, 13")));
+  FakePolicyDatabase other;
+  other.rights.emplace(kSet, own);
+  other.setFailures.emplace("quillon.nightjar.build.version", 13);
+  installDefaultRights(other);
+  EXPECT_EQ(other.rights.at(kSet), own);
+  EXPECT_EQ(other.changes.size(), 13u);
+  EXPECT_EQ(other.rights.size(), 13u);
+  EXPECT_EQ(log.lines, (std::vector<std::pair<int, std::string>>{
+                           {LOG_ERR, "Unable to set right: quillon.nightjar.build.version, 13"}}));
 }
 
 TEST(RightsTest, UninstallRemovesOnlyDefinedRightsAndLogsFailures) {

@@ -54,7 +54,7 @@ TEST_F(SessionBusConsoleNoticeTest, ShowsTheNoticeAndClosesIt) {
   ASSERT_TRUE(pumpUntilCalled("Notify"));
   EXPECT_THAT(calls("Notify"),
               ElementsAre(ElementsAre("nightjard", "0", "", "Scheduled restart has begun",
-                                      "An automated restart has begun.", "[ok,OK]", "?", "2000")));
+                                      "An automated restart has begun.", "[ok,OK]", "[]", "2000")));
   // The server names the notice 1; closing names it back.
   pump([] { return false; }, std::chrono::milliseconds(100));
   notice_->close();

@@ -2,11 +2,26 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "api/authorization.h"
 #include "api/dispatcher_testing.h"
+#include "api/refusal_log.h"
+#include "api/request_handler.h"
+#include "api/scheduler_requests.h"
+#include "fakes/fake_policy_database.h"
+#include "model/validation.h"
 #include "plist/describe.h"
+#include "state/saved_state.h"
+#include "state/saved_state_size.h"
+#include "wire/authorization_testing.h"
 
 namespace nightjar::api::testing {
 namespace {
@@ -87,11 +102,8 @@ TEST_F(DispatchTest, BuildAndUnknownActions) {
       {"actions match case", request("build.Version"), refusal(reason::kUnknownElement)},
       {"objects match case", request("Build.version"), refusal(reason::kUnknownObject)},
       {"notify is no action", request("notifications.notify"), refusal(reason::kUnknownElement)},
-      {"unknown notifications action", request("notifications.x"),
-       refusal(reason::kUnknownElement)},
       {"unknown scheduler action", request("scheduler.x", S("p")),
        refusal(reason::kUnknownElement)},
-      {"empty scheduler action", request("scheduler."), refusal(reason::kUnknownElement)},
   });
 }
 
@@ -337,6 +349,208 @@ TEST(RightName, RefusesWhatIsNotAscii) {
   EXPECT_EQ(rightName("build", "\xE2\x84\xAB"), std::nullopt);  // the Angstrom sign
   EXPECT_EQ(rightName("build", "\xE2\x84"), std::nullopt);
   EXPECT_EQ(rightName("build", std::string_view("a\0b", 3)), std::nullopt);
+}
+
+using SchedulerRequestTest = DispatcherTest;
+
+Value removal(const std::string& id) {
+  return Dict({{"uniqueid", S(id)}});
+}
+
+const std::vector<Value>& held() {
+  return model::eventListGet()->events().members();
+}
+
+TEST_F(SchedulerRequestTest, EventsAreSortedByNameWithoutPrivateMembers) {
+  const Value zed = validEvent("b", "Zed");
+  const Value alpha = validEvent("a", "Alpha");
+  ASSERT_EQ(dispatch(request("scheduler.set", zed.with("_Owner.Group.Item", I(1)))), response(200));
+  ASSERT_EQ(dispatch(request("scheduler.set", alpha)), response(200));
+  EXPECT_EQ(dispatch(request("scheduler.events")), response(200, A({alpha, zed})));
+}
+
+TEST_F(SchedulerRequestTest, StoringAnEqualRecordAnswers200AndPostsNothing) {
+  PostRecorder posts(model::eventListGet());
+  EXPECT_EQ(dispatch(request("scheduler.set", validEvent("a"))), response(200));
+  EXPECT_EQ(dispatch(request("scheduler.set", validEvent("a"))), response(200));
+  EXPECT_EQ(dispatch(request("scheduler.set", validEvent("a", "renamed"))), response(200));
+  EXPECT_EQ(posts.names(), (std::vector<std::string>{"events.add", "events.modify"}));
+}
+
+TEST_F(SchedulerRequestTest, SetEventsRemovesEachHeldEventByNameThenAddsEachMember) {
+  ASSERT_EQ(dispatch(request("scheduler.set", validEvent("b", "Beta"))), response(200));
+  ASSERT_EQ(dispatch(request("scheduler.set", validEvent("a", "Alpha"))), response(200));
+  PostRecorder posts(model::eventListGet());
+  const Value c = validEvent("c");
+  const Value a = validEvent("a", "Again");
+  const Value laterC = validEvent("c", "Later");
+
+  EXPECT_EQ(dispatch(request("scheduler.setevents", A({c, a, laterC}))), response(200));
+  EXPECT_EQ(posts.posts, (std::vector<Post>{{"events.remove", removal("a")},
+                                            {"events.remove", removal("b")},
+                                            {"events.add", c},
+                                            {"events.add", a},
+                                            {"events.modify", laterC}}));
+  EXPECT_EQ(held(), (std::vector<Value>{laterC, a}));
+
+  posts.posts.clear();
+  EXPECT_EQ(dispatch(request("scheduler.setevents", A({}))), response(200));
+  EXPECT_EQ(posts.names(), (std::vector<std::string>{"events.remove", "events.remove"}));
+  EXPECT_TRUE(held().empty());
+}
+
+TEST_F(SchedulerRequestTest, SetEventsWithAnInvalidMemberChangesNothing) {
+  ASSERT_EQ(dispatch(request("scheduler.set", validEvent("a"))), response(200));
+  PostRecorder posts(model::eventListGet());
+  const Value nameless = validEvent("y").without("name");
+
+  EXPECT_EQ(
+      dispatch(request("scheduler.setevents", A({validEvent("x"), nameless, I(7)}))),
+      response(400, A({model::validateEvent(nameless), element("Must be a CFDictionaryRef")})));
+  EXPECT_EQ(dispatch(request("scheduler.setevents", A({S("x")}))),
+            response(400, A({element("Must be a CFDictionaryRef")})));
+  EXPECT_EQ(dispatch(request("scheduler.setevents", A({A({}), validEvent("z")}))),
+            response(400, A({element("Must be a CFDictionaryRef")})));
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_EQ(held(), (std::vector<Value>{validEvent("a")}));
+}
+
+// The checks and the replies are in the dispatch tables above.
+TEST_F(SchedulerRequestTest, SetEnabledIsPostedForTheScheduler) {
+  PostRecorder posts(scheduling::eventSchedulerGet());
+  EXPECT_NE(dispatch(request("scheduler.setenabled", I(0))), response(200));
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_EQ(dispatch(request("scheduler.setenabled", B(false))), response(200));
+  EXPECT_EQ(posts.names(), (std::vector<std::string>{"scheduler.enabled"}));
+  EXPECT_EQ(dispatch(request("scheduler.setenabled", B(true))), response(200));
+  EXPECT_EQ(dispatch(request("scheduler.enabled")), response(200, B(true)));
+}
+
+TEST_F(SchedulerRequestTest, WithoutSchedulerOrEventList) {
+  scheduling::eventSchedulerTearDown();
+  PostRecorder posts(nullptr);
+  expect({
+      {"enabled", request("scheduler.enabled"), response(200)},
+      {"setenabled", request("scheduler.setenabled", B(false)), response(400)},
+  });
+  EXPECT_TRUE(posts.posts.empty());
+
+  model::eventListTearDown();
+  expect({
+      {"events", request("scheduler.events"), response(200)},
+      {"set", request("scheduler.set", validEvent("a")), response(400)},
+      {"remove", request("scheduler.remove", S("a")), response(400)},
+      {"checks still come first", request("scheduler.remove", I(1)),
+       refusal(model::refusal::kInvalidParameter,
+               Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
+  });
+}
+
+TEST_F(SchedulerRequestTest, AChangeThatWouldPassTheSavedStateLimitIsRefusedAndChangesNothing) {
+  // Room for three events and half a kilobyte more, once the reserve is taken.
+  const std::size_t perEvent = state::savedEventBytes(validEvent("e0"));
+  preferences_.limitStoredBytes((3 * perEvent + 512) * 16 / 15);
+  state::savedStateSizeSaved();
+  for (const char* id : {"e0", "e1", "e2"})
+    ASSERT_EQ(dispatch(request("scheduler.set", validEvent(id))), response(200));
+  PostRecorder posts(model::eventListGet());
+  const std::vector<Value> before = held();
+  const Value tooLarge = refusal(model::refusal::kSavedStateTooLarge);
+  expect({
+      {"one more event", request("scheduler.set", validEvent("e3")), tooLarge},
+      {"a list longer than the held one",
+       request("scheduler.setevents",
+               A({validEvent("a"), validEvent("b"), validEvent("c"), validEvent("d")})),
+       tooLarge},
+      {"a notify period", request("notifications.setnotifyperiod", R(60)), tooLarge},
+      {"a delay", request("notifications.delay", Dict({{"uniqueid", S("e0")}, {"seconds", I(60)}})),
+       tooLarge},
+      {"a removal always fits", request("scheduler.remove", S("nothing")), response(400)},
+  });
+  EXPECT_EQ(held(), before);
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_EQ(tooLarge.get("reason"), S("Saved state would be too large"));
+  EXPECT_EQ(tooLarge.get("error"), I(413));
+
+  // Enabling queues every event again, which could not be saved either.
+  ASSERT_EQ(dispatch(request("scheduler.setenabled", B(false))), response(200));
+  EXPECT_EQ(dispatch(request("scheduler.setenabled", B(true))), tooLarge);
+  EXPECT_EQ(dispatch(request("scheduler.enabled")), response(200, B(false)));
+
+  // A list that replaces the held one counts only itself.
+  EXPECT_EQ(dispatch(request("scheduler.setevents", A({validEvent("a"), validEvent("b")}))),
+            response(200));
+  EXPECT_EQ(held().size(), 2u);
+  // A save measures the state afresh.
+  ASSERT_TRUE(state::persistenceSave());
+  EXPECT_EQ(state::savedStateProjectedBytes(), preferences_.storedBytes());
+}
+
+TEST(SchedulerOperations, RefuseAMissingArgument) {
+  EXPECT_EQ(schedulerSetEvents(Value()), response(400));
+  EXPECT_EQ(schedulerSetEvent(Value()), response(400));
+  EXPECT_EQ(schedulerRemoveEvent(Value()), response(400));
+  EXPECT_EQ(schedulerSetEnabled(Value()), response(400));
+}
+
+// The real rights check with the default rights installed and no polkit on
+// the system, so the installed policy decides; the peer is pid 4242 of uid
+// 1000, started at tick 777.
+class AuthorizeAsTest : public DispatcherTest {
+ protected:
+  void SetUp() override {
+    DispatcherTest::SetUp();
+    auto database = std::make_unique<nightjar::testing::FakePolicyDatabase>();
+    installDefaultRights(*database);
+    proc_.add(4242, 777);
+    ASSERT_TRUE(authorizationCreate({std::move(database), nullptr, proc_.root.path}));
+  }
+  void TearDown() override {
+    authorizationDestroy();
+    DispatcherTest::TearDown();
+  }
+
+  Value dispatchAs(Value request, Value form) {
+    Value reply;
+    dispatchRequest(request.with("Authorization", std::move(form)), authorizeAs(kPeer),
+                    [&reply](Value answer) { reply = std::move(answer); });
+    return reply;
+  }
+
+  static constexpr platform::PeerCredentials kPeer{.pid = 4242, .uid = 1000, .gid = 1000};
+  nightjar::testing::FakeProc proc_;
+};
+
+TEST_F(AuthorizeAsTest, ReadRightsAreGrantedAndWriteRightsRefusedForAnUnprivilegedPeer) {
+  const Value form = nightjar::testing::formValue(4242, 1000, 777);
+  EXPECT_EQ(dispatchAs(request("build.version"), form), response(200, S("nightjard v3.7.3")));
+  log_.lines.clear();
+  EXPECT_EQ(dispatchAs(request("scheduler.set", validEvent("a")), form),
+            refusal(model::refusal::kRequestMustBeAuthorized));
+  EXPECT_EQ(log_.lines.front(),
+            std::pair(LOG_NOTICE, std::string("Authorization refused: "
+                                              "quillon.nightjar.scheduler.set")));
+  EXPECT_EQ(model::eventListGet()->events().size(), 0);
+}
+
+// A refusal loop cannot flood the log: its lines are bounded per uid and a
+// second, and the rest are counted once their second is over.
+TEST_F(AuthorizeAsTest, RefusalLinesAreBoundedPerUid) {
+  const Value form = nightjar::testing::formValue(4242, 1000, 777);
+  log_.lines.clear();
+  for (int i = 0; i < 200; ++i)
+    dispatchAs(request("scheduler.set", validEvent("a")), form);
+  auto count = [this](std::string_view text) {
+    return std::count_if(log_.lines.begin(), log_.lines.end(),
+                         [&](const auto& line) { return line.second.find(text) == 0; });
+  };
+  // At most two seconds' worth, even when the loop crossed into the next one.
+  EXPECT_LE(count("Authorization refused") + count("API: "), 2 * kRefusalLinesPerSecond);
+  const double second = std::floor(runloop::systemClock().now());
+  while (std::floor(runloop::systemClock().now()) == second)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  dispatchAs(request("scheduler.set", validEvent("a")), form);
+  EXPECT_GE(count("Suppressed "), 1);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The dispatcher's tests share this fixture: the real event list, queue
-// controller list, event scheduler and notification controller over a fake
-// clock, fake timers and an in-memory preference store; a run loop; a recording log; and an
-// authorization that grants what the test lets it and records every right it was asked for.
+// controller list, event scheduler and notification controller over the ports'
+// fakes; a run loop; a recording log; and an authorization that grants what the
+// test lets it and records every right it was asked for.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,15 +15,11 @@
 
 #include "api/dispatcher.h"
 #include "api/perform_wait.h"
-#include "fakes/fake_clock.h"
-#include "fakes/fake_preferences_store.h"
-#include "fakes/fake_timer.h"
+#include "fakes/ports_fixture.h"
 #include "model/event_list.h"
 #include "model/model_testing.h"
 #include "model/reply.h"
-#include "monitors/system_monitor.h"
 #include "notifications/notification_controller.h"
-#include "persistence/preferences.h"
 #include "runloop/run_loop.h"
 #include "scheduling/event_action.h"
 #include "scheduling/event_scheduler.h"
@@ -32,8 +28,6 @@
 namespace nightjar::api::testing {
 
 using namespace nightjar::model::testing;
-
-inline constexpr plist::AbsoluteTime kStart = 800000000;
 
 // A well-formed authorization: 32 bytes whose tail spells a marker that must
 // never reach the log.
@@ -66,13 +60,12 @@ struct Case {
   Value expected;
 };
 
-class DispatcherTest : public ::testing::Test {
+class DispatcherTest : public nightjar::testing::PortsFixture {
  protected:
   void SetUp() override {
+    PortsFixture::SetUp();
     loop_ = runloop::RunLoop::create();
     ASSERT_NE(loop_, nullptr);
-    persistence::preferencesSetStore(&preferences_);
-    ASSERT_TRUE(monitors::systemMonitorCreate(nullptr, {}));
     model::eventListSetUp();
     scheduling::queueControllerListSetUp();
     scheduling::eventSchedulerSetUp(model::eventListGet(), scheduling::queueControllerListGet());
@@ -87,8 +80,7 @@ class DispatcherTest : public ::testing::Test {
     scheduling::eventSchedulerTearDown();
     scheduling::queueControllerListTearDown();
     model::eventListTearDown();
-    monitors::systemMonitorDestroy(nullptr);
-    persistence::preferencesSetStore(nullptr);
+    PortsFixture::TearDown();
     loop_.reset();
   }
 
@@ -110,9 +102,6 @@ class DispatcherTest : public ::testing::Test {
 
   RecordingLog log_;
   std::unique_ptr<runloop::RunLoop> loop_;
-  fakes::FakeClock clock_{kStart};
-  fakes::FakeTimerFactory timers_{clock_};
-  fakes::FakePreferencesStore preferences_;
   std::set<std::string> refused_;
   std::vector<std::string> asked_;
 };

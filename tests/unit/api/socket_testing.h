@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "api/socket_server.h"
@@ -25,12 +26,8 @@
 namespace nightjar::api::testing {
 
 // One client connection, non-blocking, that collects what the server sends.
-class Peer {
- public:
-  explicit Peer(const std::string& path) : path_(path) {
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    connect();
-  }
+struct Peer {
+  explicit Peer(const std::string& socketPath) : path(socketPath) { connect(); }
   ~Peer() { close(); }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
@@ -38,53 +35,39 @@ class Peer {
   // Tries again to connect; a full backlog refuses a non-blocking connect
   // until the server has taken what waits.
   bool connect() {
-    if (!connected_ && fd_ >= 0) {
+    if (!connected && fd >= 0) {
       sockaddr_un address{};
       address.sun_family = AF_UNIX;
-      std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
-      connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+      std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+      connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
-    return connected_;
+    return connected;
   }
-  bool connected() const { return connected_; }
-  int fd() const { return fd_; }
-
-  // Writes all of `bytes`; the test keeps messages small enough for the
-  // socket buffer unless it means to fill it.
+  // Writes all of `bytes` unless the socket buffer fills.
   bool write(const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      if (n <= 0) {
+    for (std::size_t done = 0; done < bytes.size();) {
+      const ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+      if (n <= 0)
         return false;
-      }
       done += static_cast<std::size_t>(n);
     }
     return true;
   }
-
   // Takes whatever has arrived; notes when the server closed the connection.
   void collect() {
     char chunk[65536];
-    while (fd_ >= 0) {
-      const ssize_t n = recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT);
-      if (n > 0) {
-        received_.append(chunk, static_cast<std::size_t>(n));
-      } else {
-        if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
-          closedByServer_ = true;
-        }
-        return;
-      }
-    }
+    ssize_t n = 0;
+    while (fd >= 0 && (n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+      received.append(chunk, static_cast<std::size_t>(n));
+    if (fd >= 0 && (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)))
+      closed = true;
   }
-
   // The whole replies received so far, in order, each as (identifier, payload).
   std::vector<std::pair<std::uint32_t, std::string>> replies() {
     collect();
     std::vector<std::pair<std::uint32_t, std::string>> out;
-    std::span<const std::uint8_t> rest(reinterpret_cast<const std::uint8_t*>(received_.data()),
-                                       received_.size());
+    std::span<const std::uint8_t> rest(reinterpret_cast<const std::uint8_t*>(received.data()),
+                                       received.size());
     for (framing::Frame f = framing::decodeReply(rest); f.status == framing::FrameStatus::Ready;
          f = framing::decodeReply(rest)) {
       out.emplace_back(f.identifier, std::string(f.payload));
@@ -92,24 +75,20 @@ class Peer {
     }
     return out;
   }
-  const std::string& received() const { return received_; }
   bool closedByServer() {
     collect();
-    return closedByServer_;
+    return closed;
   }
   void close() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-      fd_ = -1;
-    }
+    if (fd >= 0)
+      ::close(std::exchange(fd, -1));
   }
 
- private:
-  std::string path_;
-  int fd_ = -1;
-  bool connected_ = false;
-  bool closedByServer_ = false;
-  std::string received_;
+  std::string path;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  bool connected = false;
+  bool closed = false;
+  std::string received;
 };
 
 class SocketServerTest : public ::testing::Test {

@@ -1,63 +1,52 @@
-// Reads back the calls that a python3-dbusmock object recorded.
+// Reads back the calls that a python3-dbusmock object recorded, as text.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
 namespace nightjar::testing {
 
-// One argument of a basic type as text: strings as they are, booleans "true"
-// or "false", integers in decimal; arrays of strings as "[a,b]". Other kinds
-// are skipped as "?".
-inline std::string readArgument(sd_bus_message* m, const char* contents) {
-  if (sd_bus_message_enter_container(m, 'v', contents) <= 0)
+// The value at the cursor of `m` as text: strings as they are, booleans
+// "true" or "false", integers in decimal, arrays as "[a,b]", structs as
+// "(a,b)", dictionary entries as "key=value" and variants as what they hold.
+inline std::string readValue(sd_bus_message* m) {
+  char type = 0;
+  const char* contents = nullptr;
+  if (sd_bus_message_peek_type(m, &type, &contents) <= 0)
     return "?";
-  std::string text = "?";
+  if (std::strchr("arev", type) != nullptr) {
+    const std::string open = type == 'a' ? "[" : type == 'r' ? "(" : "";
+    const std::string close = type == 'a' ? "]" : type == 'r' ? ")" : "";
+    std::string text = open;
+    sd_bus_message_enter_container(m, type, contents);
+    for (bool first = true; sd_bus_message_at_end(m, 0) == 0; first = false)
+      text += (first ? "" : type == 'e' ? "=" : ",") + readValue(m);
+    sd_bus_message_exit_container(m);
+    return text + close;
+  }
   union {
     const char* s;
     int b;
     std::uint32_t u;
     std::int32_t i;
+    std::uint64_t t;
   } value{};
-  switch (contents[0]) {
-    case 's':
-    case 'o':
-      if (sd_bus_message_read_basic(m, contents[0], &value.s) > 0)
-        text = value.s;
-      break;
-    case 'b':
-      if (sd_bus_message_read_basic(m, 'b', &value.b) > 0)
-        text = value.b ? "true" : "false";
-      break;
-    case 'u':
-      if (sd_bus_message_read_basic(m, 'u', &value.u) > 0)
-        text = std::to_string(value.u);
-      break;
-    case 'i':
-      if (sd_bus_message_read_basic(m, 'i', &value.i) > 0)
-        text = std::to_string(value.i);
-      break;
-    default:
-      if (std::string(contents) == "as") {
-        char** strings = nullptr;
-        if (sd_bus_message_read_strv(m, &strings) > 0) {
-          text = "[";
-          for (char** s = strings; *s != nullptr; ++s) {
-            text += (s == strings ? "" : ",") + std::string(*s);
-            free(*s);
-          }
-          text += "]";
-          free(strings);
-        }
-      } else {
-        sd_bus_message_skip(m, contents);
-      }
+  if (std::strchr("sobuit", type) == nullptr) {
+    const char skipped[] = {type, '\0'};
+    sd_bus_message_skip(m, skipped);
+    return "?";
   }
-  sd_bus_message_exit_container(m);
-  return text;
+  if (sd_bus_message_read_basic(m, type, &value) <= 0)
+    return "?";
+  return type == 'b'   ? (value.b ? "true" : "false")
+         : type == 'u' ? std::to_string(value.u)
+         : type == 'i' ? std::to_string(value.i)
+         : type == 't' ? std::to_string(value.t)
+                       : value.s;
 }
 
 // The arguments of every call of `method` on the mock object at `path` of
@@ -79,10 +68,8 @@ inline std::vector<std::vector<std::string>> mockCalls(sd_bus* bus, const char* 
     sd_bus_message_read(reply, "t", &time);
     std::vector<std::string> arguments;
     sd_bus_message_enter_container(reply, 'a', "v");
-    char type = 0;
-    const char* contents = nullptr;
-    while (sd_bus_message_peek_type(reply, &type, &contents) > 0)
-      arguments.push_back(readArgument(reply, contents));
+    while (sd_bus_message_at_end(reply, 0) == 0)
+      arguments.push_back(readValue(reply));
     sd_bus_message_exit_container(reply);
     sd_bus_message_exit_container(reply);
     calls.push_back(std::move(arguments));

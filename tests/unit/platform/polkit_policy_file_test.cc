@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "platform/linux/polkit_action_document.h"
 #include "platform/temporary_root.h"

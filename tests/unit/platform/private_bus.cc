@@ -31,25 +31,13 @@ constexpr char kConfig[] = R"(<busconfig>
 </busconfig>
 )";
 
-// Spawns `argv` with this process's environment plus `extraEnv`, stdout on
-// `stdoutFd` (/dev/null when -1) and stderr on /dev/null when `quiet`.
-pid_t spawn(std::vector<std::string> argv, const std::string& extraEnv, int stdoutFd, bool quiet) {
+// Spawns `argv` with stdout on `stdoutFd` (/dev/null when -1) and stderr on
+// /dev/null when `quiet`.
+pid_t spawn(std::vector<std::string> argv, int stdoutFd, bool quiet) {
   std::vector<char*> args;
   for (std::string& arg : argv)
     args.push_back(arg.data());
   args.push_back(nullptr);
-  std::string extra = extraEnv;
-  const std::size_t nameLength = extra.find('=') + 1;  // 0 without an extra
-  std::vector<char*> env;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (nameLength == 0 || std::strncmp(*entry, extra.c_str(), nameLength) != 0) {
-      env.push_back(*entry);
-    }
-  }
-  if (!extra.empty())
-    env.push_back(extra.data());
-  env.push_back(nullptr);
-
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (stdoutFd >= 0) {
@@ -60,7 +48,7 @@ pid_t spawn(std::vector<std::string> argv, const std::string& extraEnv, int stdo
   if (quiet)
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   pid_t pid = -1;
-  const int r = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), env.data());
+  const int r = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   return r == 0 ? pid : -1;
 }
@@ -100,7 +88,7 @@ PrivateBus::PrivateBus() {
     return;
   daemon_ = spawn({"/usr/bin/dbus-daemon", "--config-file=" + directory_ + "/bus.conf", "--nofork",
                    "--print-address"},
-                  "", out[1], /*quiet=*/true);
+                  out[1], /*quiet=*/true);
   close(out[1]);
   // The daemon prints its address once it listens, or exits and closes the pipe.
   FILE* printed = fdopen(out[0], "r");
@@ -130,9 +118,11 @@ bool PrivateBus::startTemplate(const std::string& name, const std::string& busNa
                                const std::string& parameters) {
   if (!ok())
     return false;
-  const pid_t pid = spawn({"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", name,
-                           "--parameters", parameters},
-                          "DBUS_SYSTEM_BUS_ADDRESS=" + address_, -1, /*quiet=*/false);
+  // exec keeps the pid, so that stopping it stops the mock.
+  const pid_t pid =
+      spawn({"/usr/bin/env", "DBUS_SYSTEM_BUS_ADDRESS=" + address_, "/usr/bin/python3", "-m",
+             "dbusmock", "--system", "--template", name, "--parameters", parameters},
+            -1, /*quiet=*/false);
   if (pid <= 0)
     return false;
   mocks_.push_back(pid);

@@ -2,16 +2,19 @@
 // templates on it. Every child it starts is killed when it goes.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/linux/system_bus.h"
+#include "runloop/run_loop.h"
 
 namespace nightjar::testing {
 
@@ -47,5 +50,30 @@ class PrivateBus {
 // Runs `event` until `done()` holds or `timeout` passed; answers done().
 bool runUntil(sd_event* event, const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// A private bus, a run loop, the adapter's connection (`client_`, attached to
+// the loop; `connection_` is the adapter's view of it) and the test's own
+// (`driver_`).
+class BusTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    loop_ = runloop::RunLoop::create();
+    client_ = bus_.connect();
+    driver_ = bus_.connect();
+    ASSERT_TRUE(loop_ && client_ && driver_);
+    ASSERT_GE(sd_bus_attach_event(client_.get(), loop_->event(), SD_EVENT_PRIORITY_NORMAL), 0);
+    connection_ = platform::linux_adapter::SystemBusConnection::adopt(client_.get());
+  }
+  bool pump(const std::function<bool()>& done,
+            std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    return runUntil(loop_->event(), done, timeout);
+  }
+
+  PrivateBus bus_;
+  std::unique_ptr<runloop::RunLoop> loop_;
+  platform::linux_adapter::BusPtr client_;
+  platform::linux_adapter::BusPtr driver_;
+  std::unique_ptr<platform::linux_adapter::SystemBusConnection> connection_;
+};
 
 }  // namespace nightjar::testing

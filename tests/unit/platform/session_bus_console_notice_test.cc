@@ -22,9 +22,10 @@ constexpr char kPath[] = "/org/freedesktop/Notifications";
 
 // A private bus with dbusmock's notification server stands in for the console
 // user's session bus, reached at "<root>/run/user/<uid>/bus".
-class SessionBusConsoleNoticeTest : public ::testing::Test {
+class SessionBusConsoleNoticeTest : public nightjar::testing::BusTest {
  protected:
   void SetUp() override {
+    BusTest::SetUp();
     ASSERT_TRUE(bus_.startTemplate("notification_daemon", kService));
     const std::string address = bus_.address();
     const std::string prefix = "unix:path=";
@@ -33,9 +34,6 @@ class SessionBusConsoleNoticeTest : public ::testing::Test {
     const std::string userRun = root_ / ("/run/user/" + std::to_string(getuid()));
     std::filesystem::create_directories(userRun);
     std::filesystem::create_symlink(socket, userRun + "/bus");
-    loop_ = runloop::RunLoop::create();
-    driver_ = bus_.connect();
-    ASSERT_TRUE(loop_ && driver_);
     notice_ = makeSessionBusConsoleNotice(*loop_, root_.path, [this] { return consoleUid_; });
   }
 
@@ -43,13 +41,10 @@ class SessionBusConsoleNoticeTest : public ::testing::Test {
     return nightjar::testing::mockCalls(driver_.get(), kService, kPath, method);
   }
   bool pumpUntilCalled(const char* method) {
-    return nightjar::testing::runUntil(loop_->event(), [&] { return !calls(method).empty(); });
+    return pump([&] { return !calls(method).empty(); });
   }
 
-  nightjar::testing::PrivateBus bus_;
   nightjar::testing::TemporaryRoot root_;
-  std::unique_ptr<runloop::RunLoop> loop_;
-  BusPtr driver_;
   std::optional<uid_t> consoleUid_ = getuid();
   std::unique_ptr<ConsoleNotice> notice_;
 };
@@ -59,10 +54,9 @@ TEST_F(SessionBusConsoleNoticeTest, ShowsTheNoticeAndClosesIt) {
   ASSERT_TRUE(pumpUntilCalled("Notify"));
   EXPECT_THAT(calls("Notify"),
               ElementsAre(ElementsAre("nightjard", "0", "", "Scheduled restart has begun",
-                                      "An automated restart has begun.", "[ok,OK]", "?", "2000")));
+                                      "An automated restart has begun.", "[ok,OK]", "[]", "2000")));
   // The server names the notice 1; closing names it back.
-  nightjar::testing::runUntil(
-      loop_->event(), [] { return false; }, std::chrono::milliseconds(100));
+  pump([] { return false; }, std::chrono::milliseconds(100));
   notice_->close();
   ASSERT_TRUE(pumpUntilCalled("CloseNotification"));
   EXPECT_THAT(calls("CloseNotification"), ElementsAre(ElementsAre("1")));
@@ -82,8 +76,7 @@ TEST_F(SessionBusConsoleNoticeTest, NobodyAtTheConsoleOrNoBusMeansNoNotice) {
   consoleUid_ = getuid() + 4242;  // a user without a session bus
   EXPECT_FALSE(notice_->show("header", "message", 2));
   notice_->close();  // harmless
-  nightjar::testing::runUntil(
-      loop_->event(), [] { return false; }, std::chrono::milliseconds(100));
+  pump([] { return false; }, std::chrono::milliseconds(100));
   EXPECT_THAT(calls("Notify"), IsEmpty());
 }
 

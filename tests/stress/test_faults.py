@@ -89,6 +89,17 @@ def disk_full(world):
     filler.unlink()
 
 
+@contextlib.contextmanager
+def file_size_limit(world):
+    """Disk full as a process meets it under RLIMIT_FSIZE: where a tmpfs mount is refused, the
+    stand-in; and a daemon started under such a limit."""
+    pid = str(world.daemon.process.pid)
+    # The soft limit only: root may lack the right to raise a hard one again.
+    world.run("prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:")
+    yield
+    world.run("prlimit", "--pid", pid, "--fsize=unlimited:")
+
+
 def on_disk_full_tmpfs(world):
     """Before the daemon starts: the state folder, its files kept, on a small tmpfs."""
     kept = world.root / "kept"
@@ -172,6 +183,7 @@ def polkit_hung(world):
 FAULTS = [
     ("state folder read-only", read_only, "Failed to save the state"),
     ("disk full (small tmpfs)", disk_full, "Failed to save the state"),
+    ("file-size limit (RLIMIT_FSIZE)", file_size_limit, "Failed to save the state"),
     ("preferences corrupted", lambda w: replaced(w, corrupt), "Preferences file corrupt"),
     ("preferences truncated", lambda w: replaced(w, truncate), "Preferences file corrupt"),
     ("preferences replaced by a folder", lambda w: replaced(w, folder),
@@ -199,7 +211,7 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
     world = World(root, system_bus)
     if fault is disk_full:
         on_disk_full_tmpfs(world)
-    daemon = start_daemon(extra_env={"NIGHTJAR_POLKIT_TIMEOUT": "120"})
+    daemon = world.daemon = start_daemon(extra_env={"NIGHTJAR_POLKIT_TIMEOUT": "120"})
     model = set()
     try:
         assert daemon.wait_running()
@@ -214,7 +226,7 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
                 assert client.call("scheduler.remove", "before-2") == {"status": 200}
                 model.discard("before-2")
                 assert listed(client) == model
-                if fault in (read_only, disk_full):
+                if fault in (read_only, disk_full, file_size_limit):
                     assert world.state.read_bytes() == good  # the last good state
             change(client, "after", model)
             assert listed(client) == model and saved_ids(root) == model

@@ -31,21 +31,24 @@ def rss_kib(pid):
         return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
 
 
-async def connect(path, refused):
+async def connect(path, refused, give_up_after=600.0):
     """Connects as a client would: a connect refused by a full listen backlog is tried again
-    (counted in `refused[0]`)."""
-    for _ in range(10_000):
+    after a growing pause (counted in `refused[0]`); a client waits its turn, however long
+    the others keep the daemon busy."""
+    pause, deadline = 0.001, time.monotonic() + give_up_after
+    while True:
         sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         sock.setblocking(False)
         try:
             sock.connect(str(path))
+            return await asyncio.open_unix_connection(sock=sock, limit=1 << 20)
         except (BlockingIOError, ConnectionRefusedError):
             sock.close()
             refused[0] += 1
-            await asyncio.sleep(0.005)
-            continue
-        return await asyncio.open_unix_connection(sock=sock, limit=1 << 20)
-    raise ConnectionRefusedError(path)
+            if time.monotonic() > deadline:
+                raise
+            await asyncio.sleep(pause)
+            pause = min(pause * 2, 0.1)
 
 
 async def call(reader, writer, identifier, request):

@@ -11,8 +11,8 @@ import threading
 import pytest
 
 from nightjar_client import Client, socket_path
-from nightjar_harness import (LOGIND_MANAGER, LOGIND_PATH, NOBODY, PYTHON, STATE_FILE, DbusMock, as_user, once_event,
-                              saved_ids, wait_until)
+from nightjar_harness import (LOGIND_MANAGER, LOGIND_PATH, NOBODY, PYTHON, STATE_FILE, DbusMock,
+                              as_user, once_event, saved_ids, wait_until)
 from stress_harness import FAR, fault_lines
 
 CHANGES = 20
@@ -108,39 +108,26 @@ def on_disk_full_tmpfs(world):
     shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
 
 
-@contextlib.contextmanager
-def replaced(world, make):
-    world.state.unlink()
-    make(world, world.state)
-    yield
+def replaced(make):
+    """A fault that replaces the preferences file by what `make(world)` puts there."""
+    @contextlib.contextmanager
+    def fault(world):
+        world.state.unlink()
+        make(world)
+        yield
+    return fault
 
 
-def corrupt(world, path):
-    path.write_bytes(b"<?xml version='1.0'?><plist><dict><key>engine</key><array><dict>")
-
-
-def truncate(world, path):
-    path.write_bytes(b"<?xml version=")
-
-
-def folder(world, path):
-    path.mkdir()
-    (path / "inside").write_text("x")
-
-
-def symlink(world, path):
-    path.symlink_to(world.sentinel)
+def folder(world):
+    world.state.mkdir()
+    (world.state / "inside").write_text("x")
 
 
 @contextlib.contextmanager
-def bus_restarted(world):
-    world.bus.restart()
-    yield
-    world.start_mocks()
-
-
-@contextlib.contextmanager
-def mocks_restarted(world):
+def restarted(world, bus=True):
+    """The system bus (the mocks go with it), or else the mocks alone, go and come back."""
+    if bus:
+        world.bus.restart()
     for name in list(world.mocks):
         world.stop_mock(name)
     yield
@@ -184,14 +171,16 @@ FAULTS = [
     ("state folder read-only", read_only, "Failed to save the state"),
     ("disk full (small tmpfs)", disk_full, "Failed to save the state"),
     ("file-size limit (RLIMIT_FSIZE)", file_size_limit, "Failed to save the state"),
-    ("preferences corrupted", lambda w: replaced(w, corrupt), "Preferences file corrupt"),
-    ("preferences truncated", lambda w: replaced(w, truncate), "Preferences file corrupt"),
-    ("preferences replaced by a folder", lambda w: replaced(w, folder),
-     "Preferences file unreadable"),
-    ("preferences a symlink to a sentinel", lambda w: replaced(w, symlink),
+    ("preferences corrupted", replaced(lambda w: w.state.write_bytes(
+        b"<?xml version='1.0'?><plist><dict><key>engine</key><array><dict>")),
      "Preferences file corrupt"),
-    ("system bus killed and started again", bus_restarted, "Lost the system bus"),
-    ("logind and polkitd mocks restarted", mocks_restarted, None),
+    ("preferences truncated", replaced(lambda w: w.state.write_bytes(b"<?xml version=")),
+     "Preferences file corrupt"),
+    ("preferences replaced by a folder", replaced(folder), "Preferences file unreadable"),
+    ("preferences a symlink to a sentinel", replaced(lambda w: w.state.symlink_to(w.sentinel)),
+     "Preferences file corrupt"),
+    ("system bus killed and started again", restarted, "Lost the system bus"),
+    ("logind and polkitd mocks restarted", lambda w: restarted(w, bus=False), None),
     ("polkit hung", polkit_hung, None),
 ]
 
@@ -244,4 +233,4 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
             world.stop_mock(name)
         if getattr(world, "mount", None):
             world.mount.close()
-    print(f"\n{row}: survived, {len(model)} acknowledged events kept, fault lines {faults}")
+    print(f"\n{row}: survived; {len(model)} acknowledged events kept; {len(faults)} fault lines")

@@ -180,8 +180,9 @@ FAULTS = [
     ("preferences a symlink to a sentinel", replaced(lambda w: w.state.symlink_to(w.sentinel)),
      "Preferences file corrupt"),
     ("system bus killed and started again", restarted, "Lost the system bus"),
-    ("logind and polkitd mocks restarted", lambda w: restarted(w, bus=False), None),
-    ("polkit hung", polkit_hung, None),
+    ("logind and polkitd mocks restarted", lambda w: restarted(w, bus=False),
+     "org.freedesktop.login1 left the system bus"),
+    ("polkit hung", polkit_hung, "Authorization refused: quillon.nightjar.scheduler.set"),
 ]
 
 

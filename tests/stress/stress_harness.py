@@ -12,9 +12,11 @@ import time
 from nightjar_client import HEADER, Client, Reply, encode_request
 from nightjar_harness import once_event, utc_in
 
-# NIGHTJAR_STRESS_SIZE=full runs the sizes meant for a run by hand.
-FULL = os.environ.get("NIGHTJAR_STRESS_SIZE", "ci") == "full"
-CLIENTS, REQUESTS = (1000, 100) if FULL else (100, 20)
+# NIGHTJAR_STRESS_SIZE=full runs the sizes meant for a run by hand; "CxR" any other load.
+SIZE = os.environ.get("NIGHTJAR_STRESS_SIZE", "ci")
+FULL = SIZE != "ci"
+CLIENTS, REQUESTS = {"ci": (100, 20), "full": (1000, 100)}.get(SIZE) or \
+    tuple(int(n) for n in SIZE.split("x"))
 PROBE_REQUESTS = 400 if FULL else 60
 WELL_BEHAVED_WAIT = 2.0  # a bound on starvation, not a latency figure
 FAR = utc_in(30 * 86400)  # events that never come due during a test

@@ -102,6 +102,7 @@ int runDaemon(const core::CommandLine& line) {
 int main(int argc, char* argv[]) {
   using namespace nightjar;
   runloop::ignoreSIGPIPE();
+  runloop::ignoreSIGXFSZ();
   runloop::raiseDescriptorLimit();
   logging::openLog();
   const core::CommandLine line = core::parseCommandLine(argc, argv);

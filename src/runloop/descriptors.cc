@@ -9,12 +9,24 @@
 
 namespace nightjar::runloop {
 
-int ignoreSIGPIPE() {
+namespace {
+
+int ignoreSignal(int number) {
   struct sigaction action {};
-  if (sigaction(SIGPIPE, nullptr, &action) != 0 && errno != 0)
+  if (sigaction(number, nullptr, &action) != 0 && errno != 0)
     return errno;
   action.sa_handler = SIG_IGN;
-  return sigaction(SIGPIPE, &action, nullptr) == 0 ? 0 : errno;
+  return sigaction(number, &action, nullptr) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int ignoreSIGPIPE() {
+  return ignoreSignal(SIGPIPE);
+}
+
+int ignoreSIGXFSZ() {
+  return ignoreSignal(SIGXFSZ);
 }
 
 int raiseDescriptorLimit() {

@@ -9,6 +9,10 @@ namespace nightjar::runloop {
 // Ignores SIGPIPE for the process, keeping its mask and flags.
 int ignoreSIGPIPE();
 
+// Ignores SIGXFSZ for the process: a write past the file-size limit then fails
+// with EFBIG, which a save survives, instead of killing the daemon.
+int ignoreSIGXFSZ();
+
 // Raises the soft limit on open descriptors to the hard limit, so that the
 // connections the API server allows leave room for the daemon's own files.
 int raiseDescriptorLimit();

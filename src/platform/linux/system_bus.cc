@@ -149,6 +149,7 @@ void SystemBusConnection::setOwned(Service& service, bool owned) {
 void SystemBusConnection::lose() {
   for (auto& [name, service] : services_) {
     service.match.reset();
+    service.left = false;  // the bus's own loss line stands for the services'
     setOwned(service, false);
   }
   disconnected_.reset();
@@ -180,7 +181,8 @@ int SystemBusConnection::onDisconnected(sd_bus_message*, void* userdata, sd_bus_
 }
 
 // NameOwnerChanged(name, old owner, new owner). A hand-over from one owner to
-// another is a loss and a return.
+// another is a loss and a return. A service that leaves is logged once, and
+// its return once: the one trace of a restarted logind or polkitd.
 int SystemBusConnection::onOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error*) {
   auto* service = static_cast<Service*>(userdata);
   const char* name = nullptr;
@@ -191,8 +193,16 @@ int SystemBusConnection::onOwnerChanged(sd_bus_message* message, void* userdata,
   }
   if (*before != '\0')
     service->owner->setOwned(*service, false);
+  if (*before != '\0' && *after == '\0' && !service->left) {
+    logging::logMessage(LOG_WARNING, "%s left the system bus; following its return", name);
+    service->left = true;
+  }
   if (*after != '\0')
     service->owner->setOwned(*service, true);
+  if (*after != '\0' && service->left) {
+    logging::logMessage(LOG_NOTICE, "%s is on the system bus again", name);
+    service->left = false;
+  }
   return 0;
 }
 

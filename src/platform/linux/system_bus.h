@@ -65,6 +65,7 @@ class SystemBusConnection {
     SystemBusConnection* owner = nullptr;
     std::string name;
     bool owned = false;
+    bool left = false;  // its owner left the bus, and that was logged
     SlotPtr match;
     std::vector<Client*> clients;
   };

@@ -1,0 +1,85 @@
+"""What the stress tests share: sizes, an asynchronous client for many connections at once, a
+well-behaved probe client, and the figures they print (never asserted against a time)."""
+
+import asyncio
+import concurrent.futures
+import os
+import re
+import socket
+import struct
+import time
+
+from nightjar_client import HEADER, Client, Reply, encode_request
+from nightjar_harness import once_event, utc_in
+
+# NIGHTJAR_STRESS_SIZE=full runs the sizes meant for a run by hand; "CxR" any other load.
+SIZE = os.environ.get("NIGHTJAR_STRESS_SIZE", "ci")
+FULL = SIZE != "ci"
+CLIENTS, REQUESTS = {"ci": (100, 20), "full": (1000, 100)}.get(SIZE) or \
+    tuple(int(n) for n in SIZE.split("x"))
+PROBE_REQUESTS = 400 if FULL else 60
+WELL_BEHAVED_WAIT = 2.0  # a bound on starvation, not a latency figure
+FAR = utc_in(30 * 86400)  # events that never come due during a test
+WAITING_CONNECTS = concurrent.futures.ThreadPoolExecutor(8)
+
+
+def percentiles(name, seconds):
+    ordered = sorted(seconds) or [0.0]
+    pick = lambda share: ordered[min(len(ordered) - 1, int(share * len(ordered)))] * 1000
+    print(f"\n{name}: {len(seconds)} replies, p50 {pick(0.5):.2f} ms, p99 {pick(0.99):.2f} ms, "
+          f"max {ordered[-1] * 1000:.2f} ms")
+
+
+def rss_kib(pid):
+    with open(f"/proc/{pid}/status") as status:
+        return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
+
+
+async def connect(path, refused):
+    """Connects as a client would: a connect refused by a full listen backlog (counted in
+    `refused[0]`) is made again as a blocking one, which waits its turn in the kernel's queue
+    however long the other clients keep the daemon busy."""
+    sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    sock.setblocking(False)
+    try:
+        sock.connect(str(path))
+    except BlockingIOError:
+        refused[0] += 1
+        sock.close()
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        await asyncio.get_running_loop().run_in_executor(WAITING_CONNECTS, sock.connect,
+                                                         str(path))
+        sock.setblocking(False)
+    return await asyncio.open_unix_connection(sock=sock, limit=1 << 20)
+
+
+async def call(reader, writer, identifier, request):
+    writer.write(encode_request(identifier, request))
+    await writer.drain()
+    _, _, answered, length = HEADER.unpack(await reader.readexactly(HEADER.size))
+    rest = await reader.readexactly(length - HEADER.size)
+    payload = b"" if length == HEADER.size else rest[8:8 + struct.unpack_from("<I", rest, 4)[0]]
+    assert answered == identifier, (answered, identifier)
+    return Reply(answered, payload).value
+
+
+def probe(path, count, prefix="probe"):
+    """A well-behaved client: sets and removes its own events; every reply must be right and
+    come within WELL_BEHAVED_WAIT. Answers its latencies."""
+    latencies = []
+    with Client(path, timeout=WELL_BEHAVED_WAIT) as client:
+        for number in range(count):
+            uniqueid = f"{prefix}-{number % 4}"
+            name, parameter = (("scheduler.set", once_event(uniqueid, "restart", FAR))
+                               if number % 8 < 4 else ("scheduler.remove", uniqueid))
+            started = time.monotonic()
+            assert client.call(name, parameter) == {"status": 200}, (name, number)
+            latencies.append(time.monotonic() - started)
+    return latencies
+
+
+def fault_lines(daemon, since):
+    """Log lines from index `since` on at error level or worse, without the per-request
+    "API: " trace."""
+    return [line for line in daemon.lines()[since:]
+            if re.match(r"^<[0-3]>", line) and not line[3:].startswith("API: ")]

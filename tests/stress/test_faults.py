@@ -1,0 +1,237 @@
+"""Faults while a client changes events: the daemon runs on, logs the fault once, keeps the last
+good state, loses no acknowledged change, and recovers on its own when the fault ends."""
+
+import contextlib
+import os
+import select
+import shutil
+import subprocess
+import threading
+
+import pytest
+
+from nightjar_client import Client, socket_path
+from nightjar_harness import (LOGIND_MANAGER, LOGIND_PATH, NOBODY, PYTHON, STATE_FILE, DbusMock,
+                              as_user, once_event, saved_ids, wait_until)
+from stress_harness import FAR, fault_lines
+
+CHANGES = 20
+UNAUTHORIZED = {"error": 500, "reason": "Request must be authorized"}
+HUNG_POLKIT = """
+import sys, dbus, dbus.service, dbus.mainloop.glib
+from gi.repository import GLib
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.bus.BusConnection(sys.argv[1])
+name = dbus.service.BusName("org.freedesktop.PolicyKit1", bus)
+class Hung(dbus.service.Object):
+    @dbus.service.method("org.freedesktop.PolicyKit1.Authority", in_signature="(sa{sv})sa{ss}us",
+                         out_signature="(bba{ss})", async_callbacks=("ok", "fail"))
+    def CheckAuthorization(self, subject, action, details, flags, cancel, ok, fail):
+        print("asked", flush=True)  # and never answers
+Hung(bus, "/org/freedesktop/PolicyKit1/Authority")
+print("owned", flush=True)
+GLib.MainLoop().run()
+"""
+
+
+class World:
+    """The daemon, the bus and the mocks of logind and polkitd one fault is tried on."""
+
+    def __init__(self, root, bus):
+        self.root, self.bus, self.state = root, bus, root / STATE_FILE
+        self.sentinel = root.parent / "sentinel"  # beside the daemon's root, never written
+        self.sentinel.write_text("sentinel\n")
+        self.mocks = {}
+        self.start_mocks()
+
+    def start_mocks(self):
+        for name in ("logind", "polkitd"):
+            self.stop_mock(name)
+            self.mocks[name] = DbusMock(self.bus, name)
+
+    def stop_mock(self, name):
+        if name in self.mocks:
+            self.mocks.pop(name).stop()
+
+    def sleep_delay_held(self):
+        """Whether logind's mock holds the daemon's sleep delay: its bus is followed."""
+        inhibitors = self.mocks["logind"].object(LOGIND_PATH).ListInhibitors(
+            dbus_interface=LOGIND_MANAGER)
+        return any(str(i[1]) == "nightjard" and str(i[3]) == "delay" for i in inhibitors)
+
+    def run(self, *command):
+        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+
+
+def mounted(world, *options):
+    folder = world.state.parent
+    if subprocess.run(["mount", *options, str(folder), str(folder)],
+                      stderr=subprocess.DEVNULL).returncode != 0:
+        pytest.skip(f"mount {' '.join(options)} is refused here")
+    unmount = contextlib.ExitStack()
+    unmount.callback(world.run, "umount", str(folder))
+    return unmount
+
+
+@contextlib.contextmanager
+def read_only(world):
+    with mounted(world, "--bind", "-o", "ro"):
+        yield
+
+
+@contextlib.contextmanager
+def disk_full(world):
+    filler = world.state.parent / "filler"
+    with contextlib.suppress(OSError), open(filler, "wb") as output:
+        while True:
+            output.write(bytes(4096))
+    yield
+    filler.unlink()
+
+
+@contextlib.contextmanager
+def file_size_limit(world):
+    """Disk full as a process meets it under RLIMIT_FSIZE: where a tmpfs mount is refused, the
+    stand-in; and a daemon started under such a limit."""
+    pid = str(world.daemon.process.pid)
+    # The soft limit only: root may lack the right to raise a hard one again.
+    world.run("prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:")
+    yield
+    world.run("prlimit", "--pid", pid, "--fsize=unlimited:")
+
+
+def on_disk_full_tmpfs(world):
+    """Before the daemon starts: the state folder, its files kept, on a small tmpfs."""
+    kept = world.root / "kept"
+    shutil.copytree(world.state.parent, kept)
+    world.mount = mounted(world, "-t", "tmpfs", "-o", "size=256k")
+    shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
+
+
+def replaced(make):
+    """A fault that replaces the preferences file by what `make(world)` puts there."""
+    @contextlib.contextmanager
+    def fault(world):
+        world.state.unlink()
+        make(world)
+        yield
+    return fault
+
+
+def folder(world):
+    world.state.mkdir()
+    (world.state / "inside").write_text("x")
+
+
+@contextlib.contextmanager
+def restarted(world, bus=True):
+    """The system bus (the mocks go with it), or else the mocks alone, go and come back."""
+    if bus:
+        world.bus.restart()
+    for name in list(world.mocks):
+        world.stop_mock(name)
+    yield
+    world.start_mocks()
+
+
+def next_line(process, timeout=15):
+    ready, _, _ = select.select([process.stdout], [], [], timeout)
+    return process.stdout.readline().strip() if ready else b""
+
+
+@contextlib.contextmanager
+def polkit_hung(world):
+    """polkit takes the question of a non-root writer and never answers; root's changes go on
+    meanwhile, and the writer is refused once polkit is gone."""
+    world.stop_mock("polkitd")
+    hung = subprocess.Popen([PYTHON, "-c", HUNG_POLKIT, world.bus.address], stdout=subprocess.PIPE)
+    assert next_line(hung) == b"owned"
+
+    def write():
+        with Client("api", timeout=120) as client:
+            return client.call("scheduler.set", once_event("nobody", "restart", FAR))
+
+    answers = []
+    with contextlib.ExitStack() as stack:
+        writer = threading.Thread(target=lambda: answers.append(stack.enter_context(
+            as_user(NOBODY, os.path.dirname(socket_path(world.root)), write))))
+        writer.start()
+        assert next_line(hung) == b"asked"
+        yield
+        assert writer.is_alive() and answers == []  # root was served during the wait
+        hung.kill()
+        hung.wait()
+        writer.join(timeout=30)
+    assert answers == [UNAUTHORIZED]
+    world.start_mocks()
+
+
+# (row, the fault (broken on entry, mended on exit), the line that must be logged exactly once)
+FAULTS = [
+    ("state folder read-only", read_only, "Failed to save the state"),
+    ("disk full (small tmpfs)", disk_full, "Failed to save the state"),
+    ("file-size limit (RLIMIT_FSIZE)", file_size_limit, "Failed to save the state"),
+    ("preferences corrupted", replaced(lambda w: w.state.write_bytes(
+        b"<?xml version='1.0'?><plist><dict><key>engine</key><array><dict>")),
+     "Preferences file corrupt"),
+    ("preferences truncated", replaced(lambda w: w.state.write_bytes(b"<?xml version=")),
+     "Preferences file corrupt"),
+    ("preferences replaced by a folder", replaced(folder), "Preferences file unreadable"),
+    ("preferences a symlink to a sentinel", replaced(lambda w: w.state.symlink_to(w.sentinel)),
+     "Preferences file corrupt"),
+    ("system bus killed and started again", restarted, "Lost the system bus"),
+    ("logind and polkitd mocks restarted", lambda w: restarted(w, bus=False),
+     "org.freedesktop.login1 left the system bus"),
+    ("polkit hung", polkit_hung, "Authorization refused: quillon.nightjar.scheduler.set"),
+]
+
+
+def change(client, uniqueid, model):
+    assert client.call("scheduler.set", once_event(uniqueid, "restart", FAR)) == {"status": 200}
+    model.add(uniqueid)
+
+
+def listed(client):
+    return {event["uniqueid"] for event in client.call("scheduler.events")["response"]}
+
+
+@pytest.mark.parametrize("row,fault,logged", FAULTS, ids=[row for row, _, _ in FAULTS])
+def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, row, fault,
+                                              logged):
+    world = World(root, system_bus)
+    if fault is disk_full:
+        on_disk_full_tmpfs(world)
+    daemon = world.daemon = start_daemon(extra_env={"NIGHTJAR_POLKIT_TIMEOUT": "120"})
+    model = set()
+    try:
+        assert daemon.wait_running()
+        with Client(socket_path(root)) as client:
+            for uniqueid in ("before-1", "before-2"):
+                change(client, uniqueid, model)
+            assert client.call("notifications.setnotifyperiod", 90) == {"status": 200}
+            since, good = len(daemon.lines()), world.state.read_bytes()
+            with fault(world):
+                for number in range(CHANGES):
+                    change(client, f"during-{number}", model)
+                assert client.call("scheduler.remove", "before-2") == {"status": 200}
+                model.discard("before-2")
+                assert listed(client) == model
+                if fault in (read_only, disk_full, file_size_limit):
+                    assert world.state.read_bytes() == good  # the last good state
+            change(client, "after", model)
+            assert listed(client) == model and saved_ids(root) == model
+            assert client.call("notifications.notifyperiod") == {"status": 200, "response": 90}
+        faults = fault_lines(daemon, since)
+        assert len(set(faults)) == len(faults), faults
+        if logged:
+            assert len([m for m in daemon.messages()[since:] if logged in m]) == 1, faults
+        assert wait_until(world.sleep_delay_held, timeout=15)
+        assert world.sentinel.read_text() == "sentinel\n"
+        assert daemon.process.poll() is None
+    finally:
+        daemon.stop()
+        for name in list(world.mocks):
+            world.stop_mock(name)
+        if getattr(world, "mount", None):
+            world.mount.close()
+    print(f"\n{row}: survived; {len(model)} acknowledged events kept; {len(faults)} fault lines")

@@ -229,12 +229,10 @@ TEST_F(EventActionTest, FastUserSwitchWithNobodyAtTheConsoleIsIgnoredButAnnounce
 
 // The tool's outcome arrives after the perform ended; only a failure is logged.
 TEST_F(EventActionTest, FailingToolsAndRefusedSleepAreLogged) {
-  perform(event("shutdown"));
-  pause().fire();
-  perform(event("logout"));
-  pause().fire();
-  perform(event("restart"));
-  pause().fire();
+  for (const char* type : {"shutdown", "logout", "restart", "sleep", "sleep"}) {
+    perform(event(type));
+    pause().fire();
+  }
   journal_.clear();
   commands_.exit(1);
   commands_.exit(0);
@@ -247,11 +245,6 @@ TEST_F(EventActionTest, FailingToolsAndRefusedSleepAreLogged) {
   pause().fire();
   EXPECT_THAT(journal_, ::testing::Contains("3 perch error: 2"));
 
-  journal_.clear();
-  perform(event("sleep"));
-  pause().fire();
-  perform(event("sleep"));
-  pause().fire();
   journal_.clear();
   sleep_.answer(0);
   sleep_.answer(EBUSY);

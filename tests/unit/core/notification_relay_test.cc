@@ -5,27 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "platform/distributed_center.h"
+#include "fakes/fake_distributed_center.h"
 #include "runloop/clock.h"
 
 namespace nightjar::core {
 namespace {
 
 using plist::Value;
-
-class RecordingCenter final : public platform::DistributedCenter {
- public:
-  void post(std::string_view name, const Value& userInfo) override {
-    posts.emplace_back(std::string(name), userInfo);
-  }
-  std::vector<std::string> names() const {
-    std::vector<std::string> out;
-    for (const auto& post : posts)
-      out.push_back(post.first);
-    return out;
-  }
-  std::vector<std::pair<std::string, Value>> posts;
-};
 
 class RelayTest : public ::testing::Test {
  protected:
@@ -61,7 +47,7 @@ class RelayTest : public ::testing::Test {
 
   std::unique_ptr<runloop::RunLoop> loop_;
   runloop::NotificationCenter bus_;
-  RecordingCenter center_;
+  testing::FakeDistributedCenter center_;
   int scheduler_ = 0, controller_ = 0, eventList_ = 0;
 };
 
@@ -76,9 +62,8 @@ TEST_F(RelayTest, ABurstLeavesAsOneBroadcastPerNameInOrderOfFirstQueueing) {
   }});
   EXPECT_EQ(center_.names(),
             (std::vector<std::string>{"scheduler.events", "notifications.pending"}));
-  for (const auto& [name, info] : center_.posts) {
+  for (const auto& [name, info] : center_.broadcasts)
     EXPECT_EQ(info, Value::dictionary({})) << name;
-  }
 }
 
 TEST_F(RelayTest, NamesQueuedInLaterPassesLeaveAgain) {

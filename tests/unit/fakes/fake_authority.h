@@ -1,9 +1,7 @@
 // An Authority that records each check and answers only when the test says.
 #pragma once
 
-#include <cstddef>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/authority.h"
@@ -22,16 +20,13 @@ class FakeAuthority final : public platform::Authority {
              Completion done) override {
     checks.push_back({subject, right, std::move(done)});
   }
-
   // Answers the oldest check still waiting; answers whether there was one.
   bool answer(platform::AuthorityAnswer answer) {
     if (answered >= checks.size())
       return false;
-    Completion done = std::move(checks[answered++].done);
-    done(answer);
+    std::move(checks[answered++].done)(answer);
     return true;
   }
-
   std::size_t waiting() const { return checks.size() - answered; }
 
   std::vector<Check> checks;

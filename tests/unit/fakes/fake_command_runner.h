@@ -5,7 +5,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/command_runner.h"
@@ -23,20 +22,16 @@ class FakeCommandRunner final : public platform::CommandRunner {
   void run(const std::string& path, const std::vector<std::string>& arguments,
            Completion completion) override {
     commands.push_back({path, arguments});
-    if (trace) {
-      std::string line = path;
-      for (const std::string& argument : arguments)
-        line += " " + argument;
+    std::string line = path;
+    for (const std::string& argument : arguments)
+      line += " " + argument;
+    if (trace)
       trace(line);
-    }
-    if (spawnError) {
-      if (completion)
-        completion({.started = false, .status = *spawnError});
-      return;
-    }
-    running.push_back(std::move(completion));
+    if (spawnError && completion)
+      completion({.started = false, .status = *spawnError});
+    else if (!spawnError)
+      running.push_back(std::move(completion));
   }
-
   // Ends the oldest command still running with exit status `status`.
   void exit(int status) {
     if (running.empty())
@@ -49,8 +44,7 @@ class FakeCommandRunner final : public platform::CommandRunner {
 
   std::vector<Command> commands;
   std::deque<Completion> running;
-  // While set, commands cannot be started: each completes at once with it.
-  std::optional<int> spawnError;
+  std::optional<int> spawnError;  // set: each command completes at once, not started
   std::function<void(const std::string&)> trace;
 };
 

@@ -12,8 +12,7 @@ namespace nightjar::testing {
 class FakeConsoleNotice final : public platform::ConsoleNotice {
  public:
   struct Shown {
-    std::string header;
-    std::string message;
+    std::string header, message;
     double seconds = 0;
   };
 
@@ -21,8 +20,7 @@ class FakeConsoleNotice final : public platform::ConsoleNotice {
     shown.push_back({header, message, seconds});
     if (trace)
       trace(reachable ? "notice shown" : "notice unreachable");
-    open = reachable;
-    return reachable;
+    return open = reachable;
   }
   void close() override {
     ++closes;
@@ -31,8 +29,7 @@ class FakeConsoleNotice final : public platform::ConsoleNotice {
       trace("notice closed");
   }
 
-  // Whether a desktop can be reached; false: show() answers false.
-  bool reachable = true;
+  bool reachable = true;  // false: no desktop, show() answers false
   bool open = false;
   int closes = 0;
   std::vector<Shown> shown;

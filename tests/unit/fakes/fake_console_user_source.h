@@ -3,7 +3,6 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "platform/console_user_source.h"
 
@@ -13,7 +12,6 @@ class FakeConsoleUserSource final : public platform::ConsoleUserSource {
  public:
   void setChangeHandler(ChangeHandler next) override { handler = std::move(next); }
   platform::ConsoleSession current() const override { return session; }
-
   // Makes `next` the active session and reports it, as the platform would.
   void report(platform::ConsoleSession next) {
     session = std::move(next);
@@ -26,12 +24,8 @@ class FakeConsoleUserSource final : public platform::ConsoleUserSource {
 };
 
 inline platform::ConsoleSession userSession(std::string name, uid_t uid, std::optional<gid_t> gid) {
-  platform::ConsoleSession session;
-  session.kind = platform::ConsoleSessionKind::User;
-  session.name = std::move(name);
-  session.uid = uid;
-  session.gid = gid;
-  return session;
+  return {
+      .kind = platform::ConsoleSessionKind::User, .name = std::move(name), .uid = uid, .gid = gid};
 }
 
 inline platform::ConsoleSession greeterSession() {

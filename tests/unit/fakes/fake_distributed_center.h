@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/distributed_center.h"
@@ -22,7 +21,6 @@ class FakeDistributedCenter final : public platform::DistributedCenter {
     if (trace)
       trace("post " + std::string(name));
   }
-
   std::vector<std::string> names() const {
     std::vector<std::string> out;
     for (const Broadcast& broadcast : broadcasts)

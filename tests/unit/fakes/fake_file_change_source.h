@@ -3,7 +3,6 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,12 +14,10 @@ namespace nightjar::testing {
 class FakeFileChangeSource final : public platform::FileChangeSource {
  public:
   void setChangeHandler(ChangeHandler next) override { handler = std::move(next); }
-
   // Paths in `unwatchable` fail; a path in `sameFile` gets the id of the path
-  // it names again; every other path gets a fresh id.
+  // it names; every other path gets a fresh id.
   std::optional<WatchId> add(std::string_view path) override {
-    const std::string key(path);
-    adds.push_back(key);
+    const std::string& key = adds.emplace_back(path);
     if (unwatchable.contains(key))
       return std::nullopt;
     if (sameFile.contains(key))
@@ -28,7 +25,6 @@ class FakeFileChangeSource final : public platform::FileChangeSource {
     return ids[key] = static_cast<WatchId>(ids.size()) + 1;
   }
   void remove(WatchId id) override { removes.push_back(id); }
-
   void change(const std::string& path) { handler(ids.at(path)); }
 
   ChangeHandler handler;

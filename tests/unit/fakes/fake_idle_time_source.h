@@ -4,7 +4,6 @@
 #pragma once
 
 #include <algorithm>
-#include <functional>
 #include <utility>
 
 #include "platform/idle_time_source.h"
@@ -19,36 +18,27 @@ class FakeIdleTimeSource final : public platform::IdleTimeSource {
       : clock_(clock), lastInput_(clock.now()), known_(lastInput_) {}
 
   double idleTime() override { return std::max(clock_.now() - known_, 0.0); }
-  bool refresh() override {
-    outstanding_ = true;
-    return true;
-  }
+  bool refresh() override { return outstanding_ = true; }
   void setListener(Listener listener) override { listener_ = std::move(listener); }
 
   // Answers the outstanding refresh with the last input as it is now, and
   // tells the listener; false when none was outstanding.
   bool answer() {
-    if (!outstanding_)
+    if (!std::exchange(outstanding_, false))
       return false;
-    outstanding_ = false;
     known_ = lastInput_;
     if (listener_)
       listener_();
     return true;
   }
-
-  // Switches.
   void touch() { lastInput_ = clock_.now(); }
   void lastInputAt(runloop::AbsoluteTime date) { lastInput_ = date; }
-
-  // Records.
   bool outstanding() const { return outstanding_; }
   bool listening() const { return static_cast<bool>(listener_); }
 
  private:
   const runloop::Clock& clock_;
-  runloop::AbsoluteTime lastInput_;
-  runloop::AbsoluteTime known_;
+  runloop::AbsoluteTime lastInput_, known_;
   bool outstanding_ = false;
   Listener listener_;
 };

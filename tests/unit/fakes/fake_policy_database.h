@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <map>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/policy_database.h"
@@ -18,7 +17,6 @@ class FakePolicyDatabase final : public platform::PolicyDatabase {
     auto it = rights.find(right);
     return it == rights.end() ? plist::Value() : it->second;
   }
-
   int setRight(std::string_view right, const plist::Value& rule) override {
     changes.push_back("set " + std::string(right));
     if (auto it = setFailures.find(right); it != setFailures.end())
@@ -26,7 +24,6 @@ class FakePolicyDatabase final : public platform::PolicyDatabase {
     rights.insert_or_assign(std::string(right), rule);
     return 0;
   }
-
   int removeRight(std::string_view right) override {
     changes.push_back("remove " + std::string(right));
     if (auto it = removeFailures.find(right); it != removeFailures.end())
@@ -36,8 +33,7 @@ class FakePolicyDatabase final : public platform::PolicyDatabase {
 
   std::map<std::string, plist::Value, std::less<>> rights;
   // Right -> error number that setRight / removeRight answer for it.
-  std::map<std::string, int, std::less<>> setFailures;
-  std::map<std::string, int, std::less<>> removeFailures;
+  std::map<std::string, int, std::less<>> setFailures, removeFailures;
   std::vector<std::string> changes;
   int lookups = 0;
 };

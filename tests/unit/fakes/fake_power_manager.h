@@ -1,8 +1,8 @@
 // An in-memory power manager's list that records every call made to it.
 #pragma once
 
+#include <algorithm>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/power_manager.h"
@@ -14,8 +14,7 @@ class FakePowerManager final : public platform::PowerManager {
   struct Call {
     std::string operation;  // "schedule" or "cancel"
     plist::AbsoluteTime date;
-    std::string scheduledBy;
-    std::string type;
+    std::string scheduledBy, type;
     bool operator==(const Call&) const = default;
   };
 
@@ -24,44 +23,28 @@ class FakePowerManager final : public platform::PowerManager {
     return unavailable_ ? plist::Value() : plist::Value::array(entries_);
   }
   // As the platform's list: a second equal entry is not added.
-  void schedule(plist::AbsoluteTime date, const std::string& scheduledBy,
-                const std::string& type) override {
-    calls.push_back({"schedule", date, scheduledBy, type});
-    plist::Value entry = entryValue(date, scheduledBy, type);
-    for (const plist::Value& listed : entries_) {
-      if (listed == entry)
-        return;
-    }
-    entries_.push_back(std::move(entry));
+  void schedule(plist::AbsoluteTime date, const std::string& by, const std::string& type) override {
+    calls.push_back({"schedule", date, by, type});
+    const plist::Value entry = entryValue(date, by, type);
+    if (std::find(entries_.begin(), entries_.end(), entry) == entries_.end())
+      entries_.push_back(entry);
   }
-  void cancel(plist::AbsoluteTime date, const std::string& scheduledBy,
-              const std::string& type) override {
-    calls.push_back({"cancel", date, scheduledBy, type});
-    if (ignoreCancels_)
-      return;
-    const plist::Value entry = entryValue(date, scheduledBy, type);
-    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      if (*it == entry) {
-        entries_.erase(it);
-        return;
-      }
-    }
+  void cancel(plist::AbsoluteTime date, const std::string& by, const std::string& type) override {
+    calls.push_back({"cancel", date, by, type});
+    const auto found = std::find(entries_.begin(), entries_.end(), entryValue(date, by, type));
+    if (!ignoreCancels_ && found != entries_.end())
+      entries_.erase(found);
   }
-
-  static plist::Value entryValue(plist::AbsoluteTime date, const std::string& scheduledBy,
+  static plist::Value entryValue(plist::AbsoluteTime date, const std::string& by,
                                  const std::string& type) {
-    return plist::Value::dictionary(
-        {{platform::kEntryTypeKey, plist::Value::string(type)},
-         {platform::kEntryTimeKey, plist::Value::date(date)},
-         {platform::kEntryScheduledByKey, plist::Value::string(scheduledBy)}});
+    return plist::Value::dictionary({{platform::kEntryTypeKey, plist::Value::string(type)},
+                                     {platform::kEntryTimeKey, plist::Value::date(date)},
+                                     {platform::kEntryScheduledByKey, plist::Value::string(by)}});
   }
 
-  // Switches and set-up.
   void add(plist::Value entry) { entries_.push_back(std::move(entry)); }
   void setUnavailable(bool unavailable) { unavailable_ = unavailable; }
   void ignoreCancels(bool ignore) { ignoreCancels_ = ignore; }
-
-  // Records.
   const plist::Array& entries() const { return entries_; }
   int copies() const { return copies_; }
   std::vector<Call> calls;
@@ -69,8 +52,7 @@ class FakePowerManager final : public platform::PowerManager {
  private:
   plist::Array entries_;
   mutable int copies_ = 0;
-  bool unavailable_ = false;
-  bool ignoreCancels_ = false;
+  bool unavailable_ = false, ignoreCancels_ = false;
 };
 
 }  // namespace nightjar::fakes

@@ -1,8 +1,6 @@
 // A PowerSource whose sleeps and wakes the test announces by hand.
 #pragma once
 
-#include <utility>
-
 #include "platform/power_source.h"
 
 namespace nightjar::testing {
@@ -10,7 +8,6 @@ namespace nightjar::testing {
 class FakePowerSource final : public platform::PowerSource {
  public:
   void setHandlers(Handlers next) override { handlers = std::move(next); }
-
   void sleep() {
     if (handlers.willSleep)
       handlers.willSleep();

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <string>
-#include <string_view>
+#include <utility>
 
 #include "platform/preferences_store.h"
 #include "plist/xml.h"
@@ -13,59 +13,50 @@ namespace nightjar::fakes {
 class FakePreferencesStore final : public platform::PreferencesStore {
  public:
   plist::Value copyValue(std::string_view key) override {
-    if (auto it = forced_.find(key); it != forced_.end())
-      return it->second;
-    return view_.get(key);
+    auto it = forced_.find(key);
+    return it != forced_.end() ? it->second : view_.get(key);
   }
-
   bool setValue(std::string_view key, const plist::Value& value) override {
     ++writes_;
-    view_ = value ? view_.with(key, value) : view_.without(key);
+    view_ = set(view_, key, value);
     storedBytes_ = plist::writeXml(view_).size();
-    if (failWrites_)
-      return false;
-    disk_ = view_;
-    return true;
+    if (!failWrites_)
+      disk_ = view_;
+    return !failWrites_;
   }
-
   // As the real store: an external change wins; else a failed write is retried.
   void synchronize() override {
-    if (changedExternally_) {
+    if (std::exchange(changedExternally_, false))
       view_ = disk_;
-      changedExternally_ = false;
-    } else if (!failWrites_) {
+    else if (!failWrites_)
       disk_ = view_;
-    }
   }
-
   bool isForced(std::string_view key) override { return forced_.contains(key); }
   std::size_t storedBytes() const override { return storedBytes_; }
   std::size_t maxStoredBytes() const override { return maxStoredBytes_; }
 
-  // Switches.
   void force(std::string_view key, plist::Value value) { forced_[std::string(key)] = value; }
   void failWrites(bool fail) { failWrites_ = fail; }
   void limitStoredBytes(std::size_t bytes) { maxStoredBytes_ = bytes; }
   // Another process changes the store: seen after the next synchronize().
   void changeExternally(std::string_view key, plist::Value value) {
-    disk_ = value ? disk_.with(key, value) : disk_.without(key);
+    disk_ = set(disk_, key, value);
     changedExternally_ = true;
   }
-
-  // Records.
   const plist::Value& disk() const { return disk_; }
   bool stores(std::string_view key) const { return !disk_.get(key).isNone(); }
   int writes() const { return writes_; }
 
  private:
-  plist::Value view_ = plist::Value::dictionary({});
-  plist::Value disk_ = plist::Value::dictionary({});
+  static plist::Value set(const plist::Value& in, std::string_view key, const plist::Value& value) {
+    return value ? in.with(key, value) : in.without(key);
+  }
+
+  plist::Value view_ = plist::Value::dictionary({}), disk_ = view_;
   plist::Dictionary forced_;
-  bool failWrites_ = false;
-  bool changedExternally_ = false;
+  bool failWrites_ = false, changedExternally_ = false;
   int writes_ = 0;
-  std::size_t storedBytes_ = 0;
-  std::size_t maxStoredBytes_ = platform::kMaxStoredFileBytes;
+  std::size_t storedBytes_ = 0, maxStoredBytes_ = platform::kMaxStoredFileBytes;
 };
 
 }  // namespace nightjar::fakes

@@ -5,14 +5,11 @@
 
 namespace nightjar::testing {
 
-class FakeSleepGuard final : public platform::SleepGuard {
- public:
+struct FakeSleepGuard final : platform::SleepGuard {
   void hold() override { ++holds; }
   void release() override { ++releases; }
   bool held() const { return holds > releases; }
-
-  int holds = 0;
-  int releases = 0;
+  int holds = 0, releases = 0;
 };
 
 }  // namespace nightjar::testing

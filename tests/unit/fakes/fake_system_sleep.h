@@ -4,7 +4,6 @@
 #include <deque>
 #include <functional>
 #include <string>
-#include <utility>
 
 #include "platform/system_sleep.h"
 
@@ -18,7 +17,6 @@ class FakeSystemSleep final : public platform::SystemSleep {
     if (trace)
       trace("sleep");
   }
-
   // Answers the oldest request still waiting, as the power manager would later.
   void answer(int error) {
     if (pending.empty())
@@ -31,8 +29,7 @@ class FakeSystemSleep final : public platform::SystemSleep {
 
   int requests = 0;
   std::deque<Completion> pending;
-  // Told of every request, so that a test can see it among other calls.
-  std::function<void(const std::string&)> trace;
+  std::function<void(const std::string&)> trace;  // told of every request
 };
 
 }  // namespace nightjar::testing

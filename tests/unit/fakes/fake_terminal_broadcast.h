@@ -8,10 +8,8 @@
 
 namespace nightjar::testing {
 
-class FakeTerminalBroadcast final : public platform::TerminalBroadcast {
- public:
+struct FakeTerminalBroadcast final : platform::TerminalBroadcast {
   void broadcast(const std::string& text) override { written.push_back(text); }
-
   std::vector<std::string> written;
 };
 

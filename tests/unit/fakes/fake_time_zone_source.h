@@ -8,13 +8,11 @@
 
 namespace nightjar::testing {
 
-class FakeTimeZoneSource final : public platform::TimeZoneSource {
- public:
+struct FakeTimeZoneSource final : platform::TimeZoneSource {
   std::optional<platform::TimeZone> current() override {
     ++reads;
     return zone;
   }
-
   std::optional<platform::TimeZone> zone;  // nullopt: the zone cannot be read
   int reads = 0;
 };

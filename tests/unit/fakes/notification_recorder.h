@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "plist/describe.h"
-#include "plist/value.h"
 #include "runloop/notification_center.h"
 
 namespace nightjar::testing {
@@ -15,11 +14,8 @@ struct Post {
   std::string name;
   plist::Value userInfo;
   const void* object = nullptr;
-
   // Equal by name and user information: a recorder hears one object only.
-  bool operator==(const Post& other) const {
-    return name == other.name && userInfo == other.userInfo;
-  }
+  bool operator==(const Post& o) const { return name == o.name && userInfo == o.userInfo; }
 };
 
 inline void PrintTo(const Post& post, std::ostream* out) {

@@ -1,8 +1,8 @@
 // Captures log lines for tests; installs itself for its lifetime.
 #pragma once
 
+#include <algorithm>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "logging/logging.h"
@@ -23,8 +23,12 @@ class RecordingLogSink final : public logging::LogSink {
       out.push_back(text);
     return out;
   }
-  // The names of the events performed so far, in order: the notices
-  // "Performing: " and the name's description, in quotes.
+  bool logged(const std::string& line) const {
+    const std::vector<std::string> all = texts();
+    return std::find(all.begin(), all.end(), line) != all.end();
+  }
+  // The names of the events performed so far, from the notices "Performing: "
+  // and the name's description, in quotes.
   std::vector<std::string> performed() const {
     std::vector<std::string> names;
     for (const auto& [priority, line] : lines) {

@@ -17,36 +17,34 @@ namespace {
 
 using plist::Value;
 
-TEST(LogFormat, PrintfDirectivesBehaveAsPrintf) {
-  EXPECT_EQ(formatLogLine("Caught %d signal, quitting", {std::int64_t{15}}),
-            "Caught 15 signal, quitting");
-  EXPECT_EQ(formatLogLine("%s: path: %s; error: %d",
-                          {"advertise", "/var/run/nightjard.pid", std::int64_t{13}}),
-            "advertise: path: /var/run/nightjard.pid; error: 13");
-  EXPECT_EQ(formatLogLine("%5.1f|%-4d|%x|%%|%c",
-                          {2.25, std::int64_t{7}, std::int64_t{255}, std::int64_t{'A'}}),
-            "  2.2|7   |ff|%|A");
-  EXPECT_EQ(formatLogLine("%ld %lu %lld", {std::int64_t{-5}, std::uint64_t{6}, std::int64_t{7}}),
-            "-5 6 7");
-  EXPECT_EQ(formatLogLine("%*d|%.*s", {std::int64_t{3}, std::int64_t{1}, std::int64_t{2}, "abc"}),
-            "  1|ab");
-}
-
-TEST(LogFormat, ObjectDirectiveInsertsTextsBareAndValuesDescribed) {
-  EXPECT_EQ(formatLogLine("API: %@ > %@", {Value::string("a"), Value::integer(7)}), "API: a > 7");
-  EXPECT_EQ(formatLogLine("%@", {Value::dictionary({{"uniqueid", Value::integer(7)}})}),
-            "{\"uniqueid\"=>7}");
-  EXPECT_EQ(formatLogLine("%@", {"plain"}), "plain");
-}
-
-TEST(LogFormat, HostileOrMismatchedArgumentsNeverCrash) {
-  EXPECT_EQ(formatLogLine("%d %s %@ end", {}), "   end");
-  EXPECT_EQ(formatLogLine("%s|%d", {std::int64_t{1}, "x"}), "|");
-  EXPECT_EQ(formatLogLine("%n%d", {std::int64_t{4}}), "4");  // %n writes nothing, takes nothing
-  EXPECT_EQ(formatLogLine("trailing %", {}), "trailing ");
-  EXPECT_EQ(formatLogLine("%s", {static_cast<const char*>(nullptr)}), "(null)");
-  std::string wide = formatLogLine("%500d", {std::int64_t{1}});
-  EXPECT_EQ(wide.size(), 500u);
+// Printf directives behave as printf; "%@" inserts texts bare and values
+// described; hostile or mismatched arguments never crash.
+TEST(LogFormat, DirectivesAndHostileArguments) {
+  using I = std::int64_t;
+  const struct {
+    const char* format;
+    std::vector<LogArg> args;
+    std::string expected;
+  } rows[] = {
+      {"Caught %d signal, quitting", {I{15}}, "Caught 15 signal, quitting"},
+      {"%s: path: %s; error: %d",
+       {"advertise", "/var/run/nightjard.pid", I{13}},
+       "advertise: path: /var/run/nightjard.pid; error: 13"},
+      {"%5.1f|%-4d|%x|%%|%c", {2.25, I{7}, I{255}, I{'A'}}, "  2.2|7   |ff|%|A"},
+      {"%ld %lu %lld", {I{-5}, std::uint64_t{6}, I{7}}, "-5 6 7"},
+      {"%*d|%.*s", {I{3}, I{1}, I{2}, "abc"}, "  1|ab"},
+      {"API: %@ > %@", {Value::string("a"), Value::integer(7)}, "API: a > 7"},
+      {"%@", {Value::dictionary({{"uniqueid", Value::integer(7)}})}, "{\"uniqueid\"=>7}"},
+      {"%@", {"plain"}, "plain"},
+      {"%d %s %@ end", {}, "   end"},
+      {"%s|%d", {I{1}, "x"}, "|"},
+      {"%n%d", {I{4}}, "4"},  // %n writes nothing, takes nothing
+      {"trailing %", {}, "trailing "},
+      {"%s", {static_cast<const char*>(nullptr)}, "(null)"},
+      {"%500d", {I{1}}, std::string(499, ' ') + "1"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(formatLogLine(row.format, row.args), row.expected) << row.format;
 }
 
 TEST(LogMessage, ValuesAreWrittenLiterallyThroughTheSink) {

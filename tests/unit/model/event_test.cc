@@ -56,7 +56,7 @@ TEST(CompareEventsByKey, MixedKindsStillTotallyOrdered) {
   }
 }
 
-TEST(CopyPublicEvents, DropsTopLevelPrivateKeysOnly) {
+TEST(CopyPublicEvents, DropsTopLevelPrivateKeysAndSortsByKey) {
   const Value trigger = Dict({{"type", S("once")}, {"_nested", I(1)}});
   const Value held = Dict({{"name", S("n")},
                            {"metadatatriggerdate", D(3)},
@@ -67,9 +67,7 @@ TEST(CopyPublicEvents, DropsTopLevelPrivateKeysOnly) {
             A({Dict({{"name", S("n")}, {"metadatatriggerdate", D(3)}, {"trigger", trigger}}),
                S("not an event")}));
   EXPECT_EQ(copyPublicEvents(Value()), Value());
-}
-
-TEST(CopyPublicEvents, SortsByKeyWithMissingLast) {
+  // Sorted by a key, missing last.
   const Value b = validEvent("1", "beta"), a = validEvent("4", "alpha");
   const Value unnamed = validEvent("2").without("name"), upper = validEvent("3", "Zeta");
   EXPECT_EQ(copyPublicEvents(A({b, unnamed, upper, a}), "name"), A({upper, a, b, unnamed}));

@@ -16,13 +16,7 @@ const plist::Value kFailed = Dict({{"status", I(400)}});
 TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   NotificationController* controller = create();
   notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
-  std::vector<double> delays;
-  NotificationHandlers handlers;
-  handlers.delay = [](NotificationController*, const plist::Value&, double s, void* context) {
-    static_cast<std::vector<double>*>(context)->push_back(s);
-  };
-  handlers.context = &delays;
-  notificationControllerRegisterHandlers(controller, handlers);
+  recordHandlers(controller);
 
   EXPECT_EQ(
       notificationRequestPending(controller),
@@ -45,7 +39,9 @@ TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), S("60")), kFailed);
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), {}), kFailed);
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(1e300)), kFailed);
-  EXPECT_EQ(delays, (std::vector<double>{60, 90}));
+  ASSERT_EQ(delays_.size(), 2u);
+  EXPECT_EQ(delays_[0].second, 60);
+  EXPECT_EQ(delays_[1].second, 90);
 
   const plist::Value invalidSeconds = Dict({{"error", I(405)}, {"reason", S("Invalid seconds")}});
   EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I((std::int64_t{1} << 53) + 1)),

@@ -34,8 +34,21 @@ class NotificationControllerTest : public nightjar::testing::PortsFixture {
   std::vector<std::string> pendingIds(NotificationController* controller) {
     return idsOf(model::eventQueueCopyEvents(notificationControllerPendingQueue(controller)));
   }
+  // Registers handlers that record into delays_ and cancels_.
+  void recordHandlers(NotificationController* controller) {
+    NotificationHandlers handlers;
+    handlers.cancel = [](NotificationController*, const plist::Value& event, void* context) {
+      static_cast<NotificationControllerTest*>(context)->cancels_.push_back(event);
+    };
+    handlers.delay = [](NotificationController*, const plist::Value& event, double s, void* self) {
+      static_cast<NotificationControllerTest*>(self)->delays_.emplace_back(event, s);
+    };
+    handlers.context = this;
+    notificationControllerRegisterHandlers(controller, handlers);
+  }
 
-  std::vector<plist::Value> rescheduled_;
+  std::vector<plist::Value> rescheduled_, cancels_;
+  std::vector<std::pair<plist::Value, double>> delays_;
 };
 
 }  // namespace nightjar::notifications::testing

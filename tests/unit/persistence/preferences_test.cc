@@ -16,13 +16,6 @@ class PreferencesTest : public ::testing::Test {
   fakes::FakePreferencesStore store_;
 };
 
-TEST_F(PreferencesTest, NothingStoredAnswersTheDefaults) {
-  EXPECT_EQ(preferencesGetNumber(kNotifyPeriodKey, kNotifyPeriodDefault), 900);
-  EXPECT_TRUE(preferencesGetBoolean(kSchedulerEnabledKey, kSchedulerEnabledDefault));
-  EXPECT_FALSE(preferencesGetBoolean(kConsoleNotifierKey, kConsoleNotifierDefault));
-  EXPECT_EQ(preferencesCopyValue(kEngineKey, engineDefault()), engineDefault());
-}
-
 TEST_F(PreferencesTest, StoresAndRemovesWhenSetBackToTheDefault) {
   EXPECT_EQ(preferencesSetAndReadBackNumber(kNotifyPeriodKey, 600, kNotifyPeriodDefault), 600);
   EXPECT_EQ(store_.disk().get(kNotifyPeriodKey), Value::real(600));
@@ -55,14 +48,15 @@ TEST_F(PreferencesTest, ChangeByAnotherProcessIsSeenByTheNextRead) {
   EXPECT_EQ(preferencesGetNumber(kNotifyPeriodKey, kNotifyPeriodDefault), 30);
 }
 
-TEST_F(PreferencesTest, StoredValueOfTheWrongTypeReadsAsTheDefault) {
+TEST_F(PreferencesTest, NothingOrTheWrongTypeStoredReadsAsTheDefault) {
+  EXPECT_FALSE(preferencesGetBoolean(kConsoleNotifierKey, kConsoleNotifierDefault));
+  EXPECT_EQ(preferencesGetNumber(kNotifyPeriodKey, kNotifyPeriodDefault), 900);
   store_.changeExternally(kNotifyPeriodKey, Value::string("soon"));
   store_.changeExternally(kSchedulerEnabledKey, Value::integer(0));
   store_.changeExternally(kEngineKey, Value::array({}));
   EXPECT_EQ(preferencesGetNumber(kNotifyPeriodKey, kNotifyPeriodDefault), 900);
   EXPECT_TRUE(preferencesGetBoolean(kSchedulerEnabledKey, kSchedulerEnabledDefault));
   EXPECT_EQ(preferencesCopyValue(kEngineKey, engineDefault()), engineDefault());
-  // an integer is a number
   store_.changeExternally(kNotifyPeriodKey, Value::integer(45));
   EXPECT_EQ(preferencesGetNumber(kNotifyPeriodKey, kNotifyPeriodDefault), 45);
 }

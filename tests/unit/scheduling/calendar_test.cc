@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "date_time_testing.h"
 
@@ -15,30 +16,22 @@ using testing::hms;
 using testing::ScopedZone;
 using testing::utc;
 
+// The local fields of `t`: day, hour, minute, second, fraction, weekday, offset.
+auto fields(AbsoluteTime t) {
+  const LocalDateTime f = calendarSplit(t).value_or(LocalDateTime{});
+  return std::tuple(f.date, f.hour, f.minute, f.second, f.fraction, f.weekday, f.utcOffset);
+}
+
 TEST(Calendar, SplitsIntoLocalFieldsWithMondayAsOneAndCountsDays) {
   ScopedZone zone("UTC");
-  // 2001-01-01 was a Monday; 2026-11-08 a Sunday.
-  std::optional<LocalDateTime> reference = calendarSplit(0.25);
-  ASSERT_TRUE(reference);
-  EXPECT_EQ(reference->date, (LocalDay{2001, 1, 1}));
-  EXPECT_EQ(reference->weekday, 1);
-  EXPECT_DOUBLE_EQ(reference->fraction, 0.25);
+  // 2001-01-01 was a Monday; before it the fraction still counts forward.
+  EXPECT_EQ(fields(0.25), std::tuple(LocalDay{2001, 1, 1}, 0, 0, 0, 0.25, 1, 0L));
+  EXPECT_EQ(fields(-0.25), std::tuple(LocalDay{2000, 12, 31}, 23, 59, 59, 0.75, 7, 0L));
   EXPECT_EQ(calendarWeekday(utc(2026, 11, 8, 23, 59, 59)), 7);
   EXPECT_EQ(calendarWeekday(utc(2026, 11, 9)), 1);
-  // Before 2001 the fraction still counts forward from the whole second.
-  std::optional<LocalDateTime> before = calendarSplit(-0.25);
-  ASSERT_TRUE(before);
-  EXPECT_EQ(before->date, (LocalDay{2000, 12, 31}));
-  EXPECT_EQ(before->second, 59);
-  EXPECT_DOUBLE_EQ(before->fraction, 0.75);
-
   ScopedZone berlin("Europe/Berlin");
-  std::optional<LocalDateTime> summer = calendarSplit(utc(2026, 7, 1, 22, 30));
-  ASSERT_TRUE(summer);
-  EXPECT_EQ(summer->date, (LocalDay{2026, 7, 2}));
-  EXPECT_EQ(summer->hour, 0);
-  EXPECT_EQ(summer->minute, 30);
-  EXPECT_EQ(summer->utcOffset, 7200);
+  EXPECT_EQ(fields(utc(2026, 7, 1, 22, 30)),
+            std::tuple(LocalDay{2026, 7, 2}, 0, 30, 0, 0.0, 4, 7200L));
   EXPECT_EQ(calendarNextDay({2024, 2, 28}), (LocalDay{2024, 2, 29}));
   EXPECT_EQ(calendarNextDay({2026, 12, 31}), (LocalDay{2027, 1, 1}));
 }

@@ -7,14 +7,11 @@
 #include <vector>
 
 #include "date_time_testing.h"
-#include "fakes/fake_distributed_center.h"
 #include "fakes/fake_power_manager.h"
-#include "fakes/ports_fixture.h"
-#include "fakes/recording_log_sink.h"
 #include "model/event_list.h"
 #include "notifications/notification_controller.h"
 #include "scheduling/date_time_trigger.h"
-#include "scheduling/event_action.h"
+#include "scheduling/engine_testing.h"
 #include "scheduling/event_scheduler.h"
 #include "scheduling/power_events.h"
 
@@ -31,17 +28,12 @@ constexpr double kDay = 86400;
 // The whole engine around the controller, over fakes: event list, scheduler,
 // notification controller, perform sequence and power manager, each on the
 // fake clock. The test fires every timer by hand.
-class DateTimeControllerTest : public nightjar::testing::PortsFixture {
+class DateTimeControllerTest : public PerformFixture {
  protected:
-  DateTimeControllerTest() : PortsFixture(kStart) {}
+  DateTimeControllerTest() : PerformFixture(kStart) {}
   void SetUp() override {
-    PortsFixture::SetUp();
+    PerformFixture::SetUp();
     powerEventsSetManager(&power_, &clock_);
-    EventActionPorts ports;
-    ports.broadcasts = &broadcasts_;
-    ports.timers = pauses_.timerFactory();
-    ports.clock = &clock_;
-    eventActionSetUp(std::move(ports));
     nc::notificationControllerCreate(clock_, warnings_.timerFactory(), [](const Value& id) {
       eventSchedulerReschedule(eventSchedulerGet(), id);
     });
@@ -58,9 +50,8 @@ class DateTimeControllerTest : public nightjar::testing::PortsFixture {
     model::eventListTearDown();
     queueControllerListTearDown();
     nc::notificationControllerDestroy();
-    eventActionTearDown();
     powerEventsSetManager(nullptr, nullptr);
-    PortsFixture::TearDown();
+    PerformFixture::TearDown();
   }
 
   void add(const Value& event) { model::eventListStore(model::eventListGet(), event); }
@@ -83,21 +74,7 @@ class DateTimeControllerTest : public nightjar::testing::PortsFixture {
     clock_.set(now);
     timer().fire();
   }
-  // Ends the two-second pause of the perform under way.
-  void endPause() {
-    ASSERT_NE(pauses_.last(), nullptr);
-    ASSERT_TRUE(pauses_.last()->armed());
-    clock_.advance(2);
-    pauses_.last()->fire();
-  }
-  std::vector<std::string> performed() const { return log_.performed(); }
-  bool logged(const std::string& line) const {
-    for (const auto& [priority, text] : log_.lines) {
-      if (text == line)
-        return true;
-    }
-    return false;
-  }
+  bool logged(const std::string& line) const { return log_.logged(line); }
   // The scheduled-by names of the power manager's entries.
   std::vector<std::string> entries() const {
     std::vector<std::string> names;
@@ -110,11 +87,8 @@ class DateTimeControllerTest : public nightjar::testing::PortsFixture {
   }
 
   ScopedZone zone_{"UTC"};
-  nightjar::testing::RecordingLogSink log_;
-  fakes::FakeTimerFactory pauses_{clock_};
   fakes::FakeTimerFactory warnings_{clock_};
   fakes::FakePowerManager power_;
-  nightjar::testing::FakeDistributedCenter broadcasts_;
   QueueController* controller_ = nullptr;
   int zoneRefreshes_ = 0;
 };
@@ -134,6 +108,12 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
             (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 1800, "once")}));
   EXPECT_EQ(warnedFor("daily"), kTen);
   EXPECT_EQ(warnedFor("once"), kStart + 1800);
+  // Modifying moves them.
+  add(onceEvent("once", kStart + 2400, "shutdown"));
+  EXPECT_EQ(entries(),
+            (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 2370, "once")}));
+  EXPECT_EQ(warnedFor("once"), kStart + 2400);
+  EXPECT_EQ(timer().nextFireDate(), kStart + 2400);
 
   // Removing takes back the entries and the warning, and re-arms the timer.
   model::eventListRemove(model::eventListGet(), S("once"));
@@ -142,6 +122,11 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
   EXPECT_EQ(timer().nextFireDate(), kTen);
   model::eventListRemove(model::eventListGet(), S("daily"));
   EXPECT_TRUE(entries().empty());
+  EXPECT_TRUE(timer().parked());
+  // A once event in the past is not queued, but stays listed.
+  add(onceEvent("past", kStart - 60));
+  EXPECT_FALSE(queued("past"));
+  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("past")));
   EXPECT_TRUE(timer().parked());
 }
 
@@ -160,15 +145,6 @@ TEST_F(DateTimeControllerTest, ArmingMakesTheFirstEventsEntriesAgain) {
     arm();
     EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen, "first")});
   }
-}
-
-TEST_F(DateTimeControllerTest, OnceInThePastIsDroppedButStaysListed) {
-  add(onceEvent("past", kStart - 60));
-  EXPECT_FALSE(queued("past"));
-  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("past")));
-  EXPECT_TRUE(logged("Dropped event: past as trigger time: " +
-                     plist::describeValue(Value::date(kStart - 60)) + ", has past."));
-  EXPECT_TRUE(timer().parked());
 }
 
 TEST_F(DateTimeControllerTest, PerformsOnceThenReschedulesFromTheCompletion) {
@@ -200,20 +176,18 @@ TEST_F(DateTimeControllerTest, PerformsOnceThenReschedulesFromTheCompletion) {
                                       "event.didperform"}));
 }
 
-TEST_F(DateTimeControllerTest, WakeKindsCompleteAtOnce) {
+// A wake kind completes at once; a clock stepped forward performs late, once.
+TEST_F(DateTimeControllerTest, WakeKindsCompleteAtOnceAndLateOnesRunOnce) {
   add(dailyEvent("wake", hms(10, 0), "wake"));
-  fireAt(kTen + 0.5);
-  EXPECT_EQ(performed(), (std::vector<std::string>{"wake"}));
+  add(dailyEvent("daily", hms(10, 0, 1)));
+  fireAt(kTen + 3 * 3600);
   EXPECT_EQ(triggerDate("wake"), kTen + kDay);
   EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + kDay, "wake")}));
-}
-
-TEST_F(DateTimeControllerTest, ClockSteppedForwardPerformsLateOnce) {
-  add(dailyEvent("daily", hms(10, 0)));
-  fireAt(utc(2026, 11, 3, 13));
+  ASSERT_TRUE(timer().due(clock_.now()));
+  timer().fire();
   endPause();
-  EXPECT_EQ(performed().size(), 1u);
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+  EXPECT_EQ(performed(), (std::vector<std::string>{"wake", "daily"}));
+  EXPECT_EQ(triggerDate("daily"), kTen + kDay + 1);
   EXPECT_EQ(timer().nextFireDate(), kTen + kDay);
 }
 
@@ -319,19 +293,29 @@ TEST_F(DateTimeControllerTest, DelayAndCancelStoreTheWarnedCopy) {
   }
 }
 
-TEST_F(DateTimeControllerTest, WakeReschedulesPassedEventsWithoutPerforming) {
-  add(dailyEvent("daily", hms(10, 0)));
-  add(onceEvent("once", kTen + 60));
-  add(onceEvent("later", kTen + 7200));
-  clock_.set(kTen + 3600);  // slept through both
-  postWake();
-  EXPECT_TRUE(performed().empty());
-  EXPECT_TRUE(logged("Rescheduling event: daily."));
-  EXPECT_TRUE(logged("Rescheduling event: once."));
-  EXPECT_FALSE(logged("Rescheduling event: later."));
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
-  EXPECT_FALSE(queued("once"));
-  EXPECT_EQ(timer().nextFireDate(), kTen + 7200);
+// After a sleep, and for a queue restored after the daemon was down, what
+// passed meanwhile is rescheduled, never performed.
+TEST_F(DateTimeControllerTest, WakeAndRestoreReschedulePassedEventsWithoutPerforming) {
+  const std::function<void()> catchUps[] = {
+      [] { postWake(); },
+      [this] { queueControllerReplaceAll(controller_, queueControllerCopyEvents(controller_)); }};
+  for (const auto& catchUp : catchUps) {
+    clock_.set(kStart);
+    add(dailyEvent("daily", hms(10, 0)));
+    add(onceEvent("once", kTen + 60));
+    add(onceEvent("later", kTen + 7200));
+    log_.lines.clear();
+    clock_.set(kTen + 3600);  // slept, or was down, through two
+    catchUp();
+    EXPECT_TRUE(performed().empty());
+    EXPECT_TRUE(logged("Rescheduling event: daily."));
+    EXPECT_TRUE(logged("Rescheduling event: once."));
+    EXPECT_FALSE(logged("Rescheduling event: later."));
+    EXPECT_EQ(triggerDate("daily"), kTen + kDay);
+    EXPECT_FALSE(queued("once"));
+    EXPECT_EQ(timer().nextFireDate(), kTen + 7200);
+    model::eventListRemoveAll(model::eventListGet());
+  }
 }
 
 TEST_F(DateTimeControllerTest, WakeWhilePerformingLeavesThatOccurrenceToItsCompletion) {
@@ -347,19 +331,6 @@ TEST_F(DateTimeControllerTest, WakeWhilePerformingLeavesThatOccurrenceToItsCompl
   EXPECT_EQ(triggerDate("daily"), kTen + kDay);
 }
 
-TEST_F(DateTimeControllerTest, RestoredQueueReschedulesWhatPassedWhileDown) {
-  add(dailyEvent("daily", hms(10, 0)));
-  add(onceEvent("once", kTen + 7200));
-  const Value saved = queueControllerCopyEvents(controller_);
-  clock_.set(kTen + 60);
-  queueControllerReplaceAll(controller_, saved);
-  EXPECT_TRUE(logged("Rescheduling event: daily."));
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
-  EXPECT_EQ(triggerDate("once"), kTen + 7200);
-  EXPECT_EQ(timer().nextFireDate(), kTen + 7200);
-  EXPECT_TRUE(performed().empty());
-}
-
 TEST_F(DateTimeControllerTest, DestroyReleasesOnlyAFirstShutdownEntry) {
   add(onceEvent("halt", kTen, "shutdown"));
   add(onceEvent("restart", kTen + 60, "restart"));
@@ -369,15 +340,6 @@ TEST_F(DateTimeControllerTest, DestroyReleasesOnlyAFirstShutdownEntry) {
   // The handlers went with the controller.
   nc::notificationControllerCancel(nc::notificationControllerGet(), S("restart"));
   EXPECT_EQ(timers_.timer(0), nullptr);
-}
-
-TEST_F(DateTimeControllerTest, ModifyingMovesEntriesWarningAndTimer) {
-  add(onceEvent("once", kTen, "shutdown"));
-  add(onceEvent("once", kTen + 3600, "shutdown"));
-  EXPECT_EQ(triggerDate("once"), kTen + 3600);
-  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + 3570, "once")}));
-  EXPECT_EQ(warnedFor("once"), kTen + 3600);
-  EXPECT_EQ(timer().nextFireDate(), kTen + 3600);
 }
 
 }  // namespace

@@ -11,18 +11,12 @@
 #include <string>
 #include <utility>
 
-#include "plist/describe.h"
-#include "plist/value.h"
+#include "model/model_testing.h"
 #include "runloop/clock.h"
-
-namespace nightjar::plist {
-inline void PrintTo(const Value& value, std::ostream* out) {
-  *out << describeValue(value);
-}
-}  // namespace nightjar::plist
 
 namespace nightjar::scheduling::testing {
 
+using model::testing::S;
 using plist::AbsoluteTime;
 using plist::Value;
 
@@ -37,11 +31,7 @@ class ScopedZone {
     tzset();
   }
   ~ScopedZone() {
-    if (saved_) {
-      setenv("TZ", saved_->c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
+    saved_ ? setenv("TZ", saved_->c_str(), 1) : unsetenv("TZ");
     tzset();
   }
   ScopedZone(const ScopedZone&) = delete;
@@ -70,9 +60,6 @@ inline AbsoluteTime utc(int year, int month, int day, int hour = 0, int minute =
   return runloop::fromUnixSeconds(static_cast<double>(timegm(&fields)));
 }
 
-inline Value S(std::string text) {
-  return Value::string(std::move(text));
-}
 inline Value days(std::initializer_list<const char*> names) {
   plist::Array out;
   for (const char* name : names)
@@ -90,21 +77,17 @@ inline Value event(const std::string& id, Value trigger, const std::string& acti
                             {"trigger", std::move(trigger)},
                             {"action", Value::dictionary({{"type", S(action)}})}});
 }
-inline Value onceTrigger(AbsoluteTime date) {
-  return Value::dictionary({{"type", S("once")}, {"date", Value::date(date)}});
-}
-inline Value dailyTrigger(std::int64_t secondsFromMidnight, Value weekdays = everyDay()) {
-  return Value::dictionary({{"type", S("daily")},
-                            {"secondsfrommidnight", Value::integer(secondsFromMidnight)},
-                            {"days", std::move(weekdays)}});
-}
 inline Value onceEvent(const std::string& id, AbsoluteTime date,
                        const std::string& action = "sleep") {
-  return event(id, onceTrigger(date), action);
+  return event(id, Value::dictionary({{"type", S("once")}, {"date", Value::date(date)}}), action);
 }
 inline Value dailyEvent(const std::string& id, std::int64_t secondsFromMidnight,
                         const std::string& action = "sleep", Value weekdays = everyDay()) {
-  return event(id, dailyTrigger(secondsFromMidnight, std::move(weekdays)), action);
+  return event(id,
+               Value::dictionary({{"type", S("daily")},
+                                  {"secondsfrommidnight", Value::integer(secondsFromMidnight)},
+                                  {"days", std::move(weekdays)}}),
+               action);
 }
 
 inline constexpr std::int64_t hms(int hour, int minute, int second = 0) {

@@ -110,23 +110,5 @@ TEST_F(DateTimeTrigger, APerformedOccurrenceIsNeverHandedOutAgain) {
   EXPECT_EQ(dateTimeTriggerDate(onceEvent("once", ten), now, ten - 86400), ten);
 }
 
-// A daily time inside the skipped hour of 2026-03-29 in Berlin, placed from
-// one occurrence to the next as the controller does after each perform.
-TEST_F(DateTimeTrigger, DailyAcrossSpringForwardHappensOnceEachDay) {
-  ScopedZone berlin("Europe/Berlin");
-  const Value daily = dailyEvent("daily", hms(2, 30));
-  std::optional<AbsoluteTime> t = dateTimeTriggerDate(daily, utc(2026, 3, 27, 12));
-  std::vector<AbsoluteTime> occurrences;
-  for (int i = 0; i < 4 && t; ++i) {
-    occurrences.push_back(*t);
-    t = dateTimeTriggerDate(daily, *t);
-  }
-  EXPECT_EQ(occurrences,
-            (std::vector<AbsoluteTime>{utc(2026, 3, 28, 1, 30),  // 02:30 CET
-                                       utc(2026, 3, 29, 1),      // 03:00 CEST, after the gap
-                                       utc(2026, 3, 30, 0, 30),  // 02:30 CEST
-                                       utc(2026, 3, 31, 0, 30)}));
-}
-
 }  // namespace
 }  // namespace nightjar::scheduling

@@ -1,5 +1,6 @@
 // Shared helpers of the engine tests: a recording controller whose callback
-// table the test shapes, and events of each trigger kind.
+// table the test shapes, events of each trigger kind, and a fixture for the
+// controllers that perform.
 #pragma once
 
 #include <compare>
@@ -7,8 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "fakes/fake_distributed_center.h"
+#include "fakes/ports_fixture.h"
 #include "model/event.h"
 #include "model/model_testing.h"
+#include "scheduling/event_action.h"
 #include "scheduling/queue_controller.h"
 
 namespace nightjar::scheduling::testing {
@@ -95,5 +99,36 @@ inline std::vector<std::string> queuedIds(const QueueController* controller) {
     ids.push_back(idOf(events.at(i)));
   return ids;
 }
+
+// The ports fixture with the perform sequence on fake timers, so that a test
+// decides when a perform's two-second pause ends.
+class PerformFixture : public nightjar::testing::PortsFixture {
+ protected:
+  using PortsFixture::PortsFixture;
+  void SetUp() override {
+    PortsFixture::SetUp();
+    EventActionPorts ports;
+    ports.broadcasts = &broadcasts_;
+    ports.timers = pauses_.timerFactory();
+    ports.clock = &clock_;
+    eventActionSetUp(std::move(ports));
+  }
+  void TearDown() override {
+    eventActionTearDown();
+    PortsFixture::TearDown();
+  }
+  // Ends the pause of the perform under way.
+  void endPause() {
+    ASSERT_NE(pauses_.last(), nullptr);
+    ASSERT_TRUE(pauses_.last()->due(clock_.now() + 2));
+    clock_.advance(2);
+    pauses_.last()->fire();
+  }
+  std::vector<std::string> performed() const { return log_.performed(); }
+
+  RecordingLog log_;
+  fakes::FakeTimerFactory pauses_{clock_};
+  nightjar::testing::FakeDistributedCenter broadcasts_;
+};
 
 }  // namespace nightjar::scheduling::testing

@@ -3,80 +3,45 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "fakes/fake_idle_time_source.h"
-#include "fakes/ports_fixture.h"
-#include "fakes/recording_log_sink.h"
-#include "scheduling/event_action.h"
+#include "scheduling/engine_testing.h"
 
 namespace nightjar::scheduling {
 namespace {
 
-using plist::Value;
-
-constexpr plist::AbsoluteTime kStart = testing::kPortsStart;
-
-Value inactiveEvent(const std::string& id, std::int64_t seconds) {
-  return Value::dictionary({
-      {"uniqueid", Value::string(id)},
-      {"name", Value::string(id)},
-      {"enabled", Value::boolean(true)},
-      {"trigger", Value::dictionary({{"type", Value::string("inactive")},
-                                     {"secondsofinactivity", Value::integer(seconds)}})},
-      {"action", Value::dictionary({{"type", Value::string("sleep")}})},
-  });
-}
+using namespace testing;
+constexpr plist::AbsoluteTime kStart = nightjar::testing::kPortsStart;
 
 // The controller over a fake idle time, with the perform sequence set up on
 // fake timers so that a test decides when its two-second pause ends.
-class InactivityTest : public testing::PortsFixture {
+class InactivityTest : public PerformFixture {
  protected:
   void SetUp() override {
-    PortsFixture::SetUp();
-    EventActionPorts ports;
-    ports.timers = pauses_.timerFactory();
-    ports.clock = &clock_;
-    eventActionSetUp(std::move(ports));
+    PerformFixture::SetUp();
     controller_ = inactivityQueueControllerCreate(&idle_, clock_, timers_.timerFactory());
     ASSERT_NE(controller_, nullptr);
   }
   void TearDown() override {
     queueControllerDestroy(controller_);
-    eventActionTearDown();
-    PortsFixture::TearDown();
+    PerformFixture::TearDown();
   }
 
   fakes::FakeTimer& timer() { return *timers_.timer(0); }
-  // Ends the perform under way: its pause is over.
-  void endPause() {
-    ASSERT_NE(pauses_.last(), nullptr);
-    ASSERT_TRUE(pauses_.last()->due(clock_.now() + 2));
-    clock_.advance(2);
-    pauses_.last()->fire();
-  }
-  std::vector<std::string> performed() const { return log_.performed(); }
   // Fires the timer and answers the fresh idle time that it asked for.
   void fireAndAnswer() {
     timer().fire();
     idle_.answer();
   }
 
-  testing::RecordingLogSink log_;
-  fakes::FakeTimerFactory pauses_{clock_};
   fakes::FakeIdleTimeSource idle_{clock_};
   QueueController* controller_ = nullptr;
 };
 
-TEST_F(InactivityTest, AcceptsOnlyInactiveTriggers) {
+TEST_F(InactivityTest, OnlyTheShortestPeriodIsTimedAndPerformed) {
   EXPECT_EQ(queueControllerName(controller_), "Inactivity");
   EXPECT_TRUE(queueControllerAccepts(controller_, "inactive"));
   EXPECT_FALSE(queueControllerAccepts(controller_, "daily"));
-  EXPECT_FALSE(queueControllerAccepts(controller_, "once"));
-}
-
-TEST_F(InactivityTest, OnlyTheShortestPeriodIsTimedAndPerformed) {
   queueControllerStore(controller_, inactiveEvent("long", 3600));
   queueControllerStore(controller_, inactiveEvent("short", 600));
   EXPECT_EQ(*queueControllerFirstEvent(controller_).get("uniqueid").asString(), "short");
@@ -92,16 +57,16 @@ TEST_F(InactivityTest, OnlyTheShortestPeriodIsTimedAndPerformed) {
   EXPECT_EQ(performed(), (std::vector<std::string>{"short", "short"}));
 
   // Once it leaves, the longer one is timed from the idle time so far.
-  queueControllerRemove(controller_, Value::string("short"));
+  queueControllerRemove(controller_, S("short"));
   const double idle = clock_.now() - kStart;
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() + 3601 - idle);
-  queueControllerRemove(controller_, Value::string("long"));
+  queueControllerRemove(controller_, S("long"));
   EXPECT_TRUE(timer().parked());
 }
 
 TEST_F(InactivityTest, IdleAlreadyPastThePeriodSetsTheTimerInThePast) {
   clock_.advance(1000);  // nobody has touched the machine since kStart
-  queueControllerReplaceAll(controller_, Value::array({inactiveEvent("a", 600)}));  // a restore
+  queueControllerReplaceAll(controller_, A({inactiveEvent("a", 600)}));  // a restore
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), clock_.now() - 399);
   fireAndAnswer();
   EXPECT_EQ(performed(), std::vector<std::string>{"a"});

@@ -39,17 +39,15 @@ TEST_F(QueueControllerTest, CreateHandsTheContextFromCreateToEveryCallback) {
 TEST_F(QueueControllerTest, StoreAddsThenModifiesTheControllersOwnCopy) {
   const Value event = validEvent("a");
   EXPECT_EQ(queueControllerStore(controller, event), 0);
-  EXPECT_EQ(queueControllerStore(controller, event.with("name", S("b"))), 0);
+  EXPECT_EQ(queueControllerStore(controller, event.with("name", S("a2"))), 0);
   EXPECT_EQ(recorder.calls, (Calls{"willAdd a", "didChange", "willModify a a", "didChange"}));
   // The queued copy carries what the callbacks added; the caller's is untouched.
   EXPECT_EQ(queueControllerFirstEvent(controller).get("_Test.Mark"), S("modified"));
   EXPECT_FALSE(event.get("_Test.Mark"));
   EXPECT_EQ(queueControllerIndexOf(controller, S("a")), 0);
   EXPECT_EQ(queueControllerIndexOf(controller, S("zz")), -1);
-}
-
-TEST_F(QueueControllerTest, KeepsTheQueueInComparatorOrder) {
-  for (const char* id : {"c", "a", "b"})
+  // The queue keeps the comparator's order.
+  for (const char* id : {"c", "b"})
     queueControllerStore(controller, validEvent(id));
   EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_EQ(queueControllerStore(controller, validEvent("a", "d")), 2);
@@ -80,16 +78,13 @@ TEST_F(QueueControllerTest, RefusalsLeaveTheQueueAndSkipDidChange) {
   recorder.refuseRemove = {"a"};
   EXPECT_EQ(queueControllerRemove(controller, S("a")), -1);
   EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"a"}));
-  EXPECT_EQ(recorder.calls,
-            (Calls{"willAdd a", "willAdd a", "didChange", "willModify a a", "willRemove a"}));
-}
-
-TEST_F(QueueControllerTest, EventsWithoutAnIdentifierAreNeverQueuedOrRemoved) {
+  // Events without an identifier never reach a callback.
   EXPECT_EQ(queueControllerStore(controller, validEvent("a").without("uniqueid")), -1);
   EXPECT_EQ(queueControllerStore(controller, S("not an event")), -1);
   EXPECT_EQ(queueControllerRemove(controller, Value()), -1);
   EXPECT_EQ(queueControllerRemove(controller, S("missing")), -1);
-  EXPECT_TRUE(recorder.calls.empty());
+  EXPECT_EQ(recorder.calls,
+            (Calls{"willAdd a", "willAdd a", "didChange", "willModify a a", "willRemove a"}));
 }
 
 TEST_F(QueueControllerTest, RemoveAllSendsEachEventThroughWillRemove) {
@@ -124,7 +119,7 @@ TEST_F(QueueControllerTest, DestroyRunsDestroyWithTheQueueStillThereAndNoWillRem
   EXPECT_EQ(idOf(recorder.firstAtDestroy), "a");
 }
 
-TEST(QueueControllerNull, EveryOperationAcceptsNoController) {
+TEST(QueueNull, EveryOperationAcceptsNoControllerOrTimer) {
   EXPECT_EQ(queueControllerName(nullptr), "");
   EXPECT_FALSE(queueControllerAccepts(nullptr, "once"));
   EXPECT_FALSE(queueControllerFirstEvent(nullptr));
@@ -139,6 +134,11 @@ TEST(QueueControllerNull, EveryOperationAcceptsNoController) {
   EXPECT_FALSE(queueControllerAccepts(bare, "once"));
   EXPECT_EQ(queueControllerStore(bare, validEvent("a")), 0);
   queueControllerDestroy(bare);
+  EXPECT_EQ(queueTimerCreate(bare, [](QueueTimer*) {}, {}), nullptr);
+  EXPECT_EQ(queueTimerGetTimer(nullptr), nullptr);
+  EXPECT_EQ(queueTimerGetController(nullptr), nullptr);
+  queueTimerPark(nullptr);
+  queueTimerDestroy(nullptr);
 }
 
 class QueueControllerListTest : public ::testing::Test {
@@ -273,16 +273,8 @@ TEST_F(QueueTimerTest, StartsParkedAndCallsTheCalloutWithItsHolder) {
   EXPECT_TRUE(timer->parked());
   queueTimerDestroy(holder);
   EXPECT_EQ(timers.timer(0), nullptr);
-}
-
-TEST_F(QueueTimerTest, NoTimerNoHolderAndEveryOperationAcceptsNone) {
   timers.setFailing(true);
   EXPECT_EQ(queueTimerCreate(controller, callout, timers.timerFactory()), nullptr);
-  EXPECT_EQ(queueTimerCreate(controller, callout, {}), nullptr);
-  EXPECT_EQ(queueTimerGetTimer(nullptr), nullptr);
-  EXPECT_EQ(queueTimerGetController(nullptr), nullptr);
-  queueTimerPark(nullptr);
-  queueTimerDestroy(nullptr);
 }
 
 }  // namespace

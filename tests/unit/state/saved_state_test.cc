@@ -127,14 +127,5 @@ TEST_F(SavedStateTest, ChangesAreAdmittedUpToTheLastByteOfTheLimit) {
   savedStateSizeSaved();
 }
 
-TEST_F(SavedStateTest, TheControllerKeepsItsNameWhileItExists) {
-  EXPECT_EQ(persistenceControllerName(), "");
-  persistenceControllerCreate();
-  persistenceControllerCreate();
-  EXPECT_EQ(persistenceControllerName(), "persistenceController");
-  persistenceControllerDestroy();
-  EXPECT_EQ(persistenceControllerName(), "");
-}
-
 }  // namespace
 }  // namespace nightjar::state::testing

@@ -1,10 +1,12 @@
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "plist/base64.h"
 #include "plist/scalar_text.h"
 #include "plist/xml.h"
 #include "plist/xml_toolkit.h"
+#include "plist/xml_write_cache.h"
 
 namespace nightjar::plist {
 
@@ -19,10 +21,12 @@ constexpr std::string_view kFooter = "</plist>\n";
 constexpr std::size_t kBase64LineLength = 76;
 
 // Writes values in the customary layout: one element per line, indented by one
-// tab per level of nesting below <plist>.
+// tab per level of nesting below <plist>. With a cache, the records inside
+// arrays (outside any other record) are written from their kept forms, or
+// written and kept.
 class XmlWriter {
  public:
-  explicit XmlWriter(std::string& out) : out_(out) {}
+  explicit XmlWriter(std::string& out, XmlWriteCache* cache = nullptr) : out_(out), cache_(cache) {}
 
   void write(const Value& value, std::size_t depth) {
     switch (value.kind()) {
@@ -90,9 +94,20 @@ class XmlWriter {
 
   // A none member has no XML form and is left out, as if it were absent.
   void writeMember(const Value& member, std::size_t depth) {
-    if (!member.isNone()) {
-      write(member, depth);
+    if (member.isNone()) {
+      return;
     }
+    if (cache_ == nullptr || !(member.isDictionary() || member.isArray())) {
+      return write(member, depth);
+    }
+    if (const std::string* kept = cache_->find(member, depth)) {
+      out_ += *kept;
+      return;
+    }
+    // Only the outermost records are kept: an inner one is in its record's form.
+    std::string form;
+    XmlWriter(form).write(member, depth);
+    out_ += cache_->keep(member, depth, std::move(form));
   }
 
   void writeData(const Bytes& bytes, std::size_t depth) {
@@ -104,6 +119,7 @@ class XmlWriter {
   }
 
   std::string& out_;
+  XmlWriteCache* cache_;
 };
 
 }  // namespace
@@ -115,6 +131,19 @@ std::string writeXml(const Value& value) {
   std::string out(kHeader);
   XmlWriter(out).write(value, 0);
   out += kFooter;
+  return out;
+}
+
+std::string writeXml(const Value& value, XmlWriteCache& cache) {
+  if (value.isNone()) {
+    return {};
+  }
+  std::string out;
+  out.reserve(cache.lastDocumentBytes() + cache.lastDocumentBytes() / 8);
+  out += kHeader;
+  XmlWriter(out, &cache).write(value, 0);
+  out += kFooter;
+  cache.endWrite(out.size());
   return out;
 }
 

@@ -15,6 +15,7 @@
 #include "platform/linux/atomic_file.h"
 #include "platform/linux/daemon_root.h"
 #include "plist/xml.h"
+#include "plist/xml_write_cache.h"
 
 namespace nightjar::platform::linux_adapter {
 namespace {
@@ -244,7 +245,8 @@ class FilePreferencesStore final : public PreferencesStore {
 
  private:
   bool write() {
-    std::string document = plist::writeXml(plist::Value::dictionary(values_));
+    // Only the records that changed since the last write are serialised.
+    std::string document = plist::writeXml(plist::Value::dictionary(values_), writeCache_);
     storedBytes_ = document.size();
     // What would not be read back is not written: the file keeps the last
     // state that fits. The requests refuse changes long before this.
@@ -268,6 +270,7 @@ class FilePreferencesStore final : public PreferencesStore {
   TrackedFile forced_;
   plist::Dictionary values_;
   plist::Dictionary forcedValues_;
+  plist::XmlWriteCache writeCache_;
   std::size_t storedBytes_ = 0;
   bool unsaved_ = false;  // the view holds changes that are not on disk
 };

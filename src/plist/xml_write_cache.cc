@@ -21,7 +21,7 @@ const std::string& XmlWriteCache::keep(const Value& value, std::size_t depth, st
   return entry->second.bytes;
 }
 
-void XmlWriteCache::endWrite(std::size_t documentBytes) {
+void XmlWriteCache::endWrite() {
   // A sweep visits every form: done only once enough of them are stale, so a
   // write that changed one record does not pay for all the others.
   if (kept_.size() - used_ > used_ / 8) {
@@ -30,7 +30,6 @@ void XmlWriteCache::endWrite(std::size_t documentBytes) {
   }
   ++write_;
   used_ = 0;
-  lastDocumentBytes_ = documentBytes;
 }
 
 }  // namespace nightjar::plist

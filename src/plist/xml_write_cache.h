@@ -10,9 +10,12 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "plist/value.h"
 
@@ -25,10 +28,8 @@ class XmlWriteCache {
   const std::string* find(const Value& value, std::size_t depth);
   // Keeps `bytes` as the form of `value` at `depth`; answers the kept bytes.
   const std::string& keep(const Value& value, std::size_t depth, std::string bytes);
-  // Ends a write of `documentBytes` bytes.
-  void endWrite(std::size_t documentBytes);
-  // The size of the last document written, to reserve the next one at once.
-  std::size_t lastDocumentBytes() const { return lastDocumentBytes_; }
+  // Ends a write.
+  void endWrite();
   // The forms kept.
   std::size_t size() const { return kept_.size(); }
 
@@ -52,7 +53,19 @@ class XmlWriteCache {
   std::unordered_map<Key, Form, KeyHash> kept_;
   unsigned write_ = 0;    // the write under way
   std::size_t used_ = 0;  // forms the write under way used
-  std::size_t lastDocumentBytes_ = 0;
 };
+
+// A document as the writer hands it out without joining it: its bytes are
+// those of `pieces` one after the other, views of kept forms and of `between`.
+// Valid until the cache's next write.
+struct XmlPieces {
+  std::vector<std::string_view> pieces;
+  std::deque<std::string> between;  // the bytes that are no kept form
+  std::size_t size = 0;
+};
+
+// The bytes writeXml(value) answers, as pieces: the records inside arrays come
+// from `cache` where it holds them; `cache` then holds this document's forms.
+XmlPieces writeXmlPieces(const Value& value, XmlWriteCache& cache);
 
 }  // namespace nightjar::plist

@@ -26,7 +26,17 @@ constexpr std::size_t kBase64LineLength = 76;
 // written and kept.
 class XmlWriter {
  public:
-  explicit XmlWriter(std::string& out, XmlWriteCache* cache = nullptr) : out_(out), cache_(cache) {}
+  explicit XmlWriter(std::string& out, XmlWriteCache* cache = nullptr, XmlPieces* pieces = nullptr)
+      : out_(out), cache_(cache), pieces_(pieces) {}
+
+  // With pieces: hands the bytes written since the last kept form on.
+  void flush() {
+    if (pieces_ == nullptr || out_.empty())
+      return;
+    pieces_->between.push_back(std::move(out_));
+    out_.clear();
+    pieces_->pieces.push_back(pieces_->between.back());
+  }
 
   void write(const Value& value, std::size_t depth) {
     switch (value.kind()) {
@@ -100,14 +110,23 @@ class XmlWriter {
     if (cache_ == nullptr || !(member.isDictionary() || member.isArray())) {
       return write(member, depth);
     }
-    if (const std::string* kept = cache_->find(member, depth)) {
-      out_ += *kept;
+    const std::string* kept = cache_->find(member, depth);
+    if (kept == nullptr) {
+      // Only the outermost records are kept: an inner one is in its record's form.
+      std::string form;
+      XmlWriter(form).write(member, depth);
+      kept = &cache_->keep(member, depth, std::move(form));
+    }
+    appendKept(*kept);
+  }
+
+  void appendKept(const std::string& form) {
+    if (pieces_ == nullptr) {
+      out_ += form;
       return;
     }
-    // Only the outermost records are kept: an inner one is in its record's form.
-    std::string form;
-    XmlWriter(form).write(member, depth);
-    out_ += cache_->keep(member, depth, std::move(form));
+    flush();
+    pieces_->pieces.push_back(form);
   }
 
   void writeData(const Bytes& bytes, std::size_t depth) {
@@ -120,6 +139,7 @@ class XmlWriter {
 
   std::string& out_;
   XmlWriteCache* cache_;
+  XmlPieces* pieces_;
 };
 
 }  // namespace
@@ -134,16 +154,31 @@ std::string writeXml(const Value& value) {
   return out;
 }
 
-std::string writeXml(const Value& value, XmlWriteCache& cache) {
+XmlPieces writeXmlPieces(const Value& value, XmlWriteCache& cache) {
+  XmlPieces document;
   if (value.isNone()) {
-    return {};
+    return document;
   }
-  std::string out;
-  out.reserve(cache.lastDocumentBytes() + cache.lastDocumentBytes() / 8);
-  out += kHeader;
-  XmlWriter(out, &cache).write(value, 0);
+  document.pieces.reserve(cache.size() + cache.size() / 8 + 16);
+  std::string out(kHeader);
+  XmlWriter writer(out, &cache, &document);
+  writer.write(value, 0);
   out += kFooter;
-  cache.endWrite(out.size());
+  writer.flush();
+  cache.endWrite();
+  for (std::string_view piece : document.pieces) {
+    document.size += piece.size();
+  }
+  return document;
+}
+
+std::string writeXml(const Value& value, XmlWriteCache& cache) {
+  const XmlPieces document = writeXmlPieces(value, cache);
+  std::string out;
+  out.reserve(document.size);
+  for (std::string_view piece : document.pieces) {
+    out += piece;
+  }
   return out;
 }
 

@@ -245,18 +245,20 @@ class FilePreferencesStore final : public PreferencesStore {
 
  private:
   bool write() {
-    // Only the records that changed since the last write are serialised.
-    std::string document = plist::writeXml(plist::Value::dictionary(values_), writeCache_);
-    storedBytes_ = document.size();
+    // Only the records that changed since the last write are serialised, and
+    // the document is written from its pieces, never joined.
+    const plist::XmlPieces document =
+        plist::writeXmlPieces(plist::Value::dictionary(values_), writeCache_);
+    storedBytes_ = document.size;
     // What would not be read back is not written: the file keeps the last
     // state that fits. The requests refuse changes long before this.
-    int error = document.size() > storedFileLimit() ? EFBIG : 0;
+    int error = document.size > storedFileLimit() ? EFBIG : 0;
     if (error == 0 && !store_.writable())
       error = EEXIST;
     if (error == 0)
       error = makeStoreFolder(root_);
     if (error == 0)
-      error = writeFileAtomically(folder_, store_.path, document, kFileMode);
+      error = writeFileAtomically(folder_, store_.path, document.pieces, kFileMode);
     unsaved_ = error != 0;
     // Our own write is the version now held: the next look must not re-read it.
     if (!unsaved_)

@@ -4,9 +4,11 @@
 // Values are immutable, so a node written once is written again as the same
 // bytes at the same depth. The cache keeps, per node and depth, the form of
 // every dictionary or array that is an element of an array and not inside
-// another such element (the records of a list), and holds a reference to the node, so that no other
-// node can take its address while the form is kept. A write keeps only the forms it used: the cache
-// follows the document and never grows past one document's records.
+// another such element (the records of a list). It holds a reference to each
+// node, so that no other node can take its address while the form is kept.
+// Forms a write did not use are dropped once they pass an eighth of those it
+// used: the cache follows the document and never holds much more than one
+// document's records.
 #pragma once
 
 #include <cstddef>

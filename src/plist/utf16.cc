@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdint>
 
 #include "plist/value.h"
@@ -89,6 +90,20 @@ std::size_t utf16Length(std::string_view utf8) {
 }
 
 int compareUtf16(std::string_view a, std::string_view b) {
+  // A common run of ASCII bytes is the same units on both sides, and decoding
+  // after it starts afresh: only the rest needs decoding.
+  std::size_t start = 0;
+  const std::size_t shorter = std::min(a.size(), b.size());
+  while (start < shorter && a[start] == b[start] && static_cast<std::uint8_t>(a[start]) < 0x80)
+    ++start;
+  if (start == shorter)
+    return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
+  const auto byteA = static_cast<std::uint8_t>(a[start]);
+  const auto byteB = static_cast<std::uint8_t>(b[start]);
+  if (byteA < 0x80 && byteB < 0x80)
+    return byteA < byteB ? -1 : 1;
+  a.remove_prefix(start);
+  b.remove_prefix(start);
   Utf16Units left(a);
   Utf16Units right(b);
   while (!left.done() && !right.done()) {

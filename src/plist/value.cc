@@ -64,7 +64,10 @@ Value Value::real(double number) {
   return Value(makeNode(number));
 }
 Value Value::boolean(bool flag) {
-  return Value(makeNode(flag));
+  // Two nodes serve every boolean: each event's flags cost no node of their own.
+  static const Value kTrue(makeNode(true));
+  static const Value kFalse(makeNode(false));
+  return flag ? kTrue : kFalse;
 }
 Value Value::date(AbsoluteTime seconds) {
   return Value(makeNode(DateNode{seconds}));

@@ -26,4 +26,9 @@ Value parseXml(std::string_view document, const XmlLimits& limits = {});
 // DOCTYPE, <plist version="1.0">). Answers an empty string for none.
 std::string writeXml(const Value& value);
 
+class XmlWriteCache;
+// The same bytes, with the records inside arrays taken from `cache` where it
+// holds them; `cache` then holds the forms of this document's records.
+std::string writeXml(const Value& value, XmlWriteCache& cache);
+
 }  // namespace nightjar::plist

@@ -1,10 +1,12 @@
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "plist/base64.h"
 #include "plist/scalar_text.h"
 #include "plist/xml.h"
 #include "plist/xml_toolkit.h"
+#include "plist/xml_write_cache.h"
 
 namespace nightjar::plist {
 
@@ -19,10 +21,22 @@ constexpr std::string_view kFooter = "</plist>\n";
 constexpr std::size_t kBase64LineLength = 76;
 
 // Writes values in the customary layout: one element per line, indented by one
-// tab per level of nesting below <plist>.
+// tab per level of nesting below <plist>. With a cache, the records inside
+// arrays (outside any other record) are written from their kept forms, or
+// written and kept.
 class XmlWriter {
  public:
-  explicit XmlWriter(std::string& out) : out_(out) {}
+  explicit XmlWriter(std::string& out, XmlWriteCache* cache = nullptr, XmlPieces* pieces = nullptr)
+      : out_(out), cache_(cache), pieces_(pieces) {}
+
+  // With pieces: hands the bytes written since the last kept form on.
+  void flush() {
+    if (pieces_ == nullptr || out_.empty())
+      return;
+    pieces_->between.push_back(std::move(out_));
+    out_.clear();
+    pieces_->pieces.push_back(pieces_->between.back());
+  }
 
   void write(const Value& value, std::size_t depth) {
     switch (value.kind()) {
@@ -90,9 +104,29 @@ class XmlWriter {
 
   // A none member has no XML form and is left out, as if it were absent.
   void writeMember(const Value& member, std::size_t depth) {
-    if (!member.isNone()) {
-      write(member, depth);
+    if (member.isNone()) {
+      return;
     }
+    if (cache_ == nullptr || !(member.isDictionary() || member.isArray())) {
+      return write(member, depth);
+    }
+    const std::string* kept = cache_->find(member, depth);
+    if (kept == nullptr) {
+      // Only the outermost records are kept: an inner one is in its record's form.
+      std::string form;
+      XmlWriter(form).write(member, depth);
+      kept = &cache_->keep(member, depth, std::move(form));
+    }
+    appendKept(*kept);
+  }
+
+  void appendKept(const std::string& form) {
+    if (pieces_ == nullptr) {
+      out_ += form;
+      return;
+    }
+    flush();
+    pieces_->pieces.push_back(form);
   }
 
   void writeData(const Bytes& bytes, std::size_t depth) {
@@ -104,6 +138,8 @@ class XmlWriter {
   }
 
   std::string& out_;
+  XmlWriteCache* cache_;
+  XmlPieces* pieces_;
 };
 
 }  // namespace
@@ -115,6 +151,34 @@ std::string writeXml(const Value& value) {
   std::string out(kHeader);
   XmlWriter(out).write(value, 0);
   out += kFooter;
+  return out;
+}
+
+XmlPieces writeXmlPieces(const Value& value, XmlWriteCache& cache) {
+  XmlPieces document;
+  if (value.isNone()) {
+    return document;
+  }
+  document.pieces.reserve(cache.size() + cache.size() / 8 + 16);
+  std::string out(kHeader);
+  XmlWriter writer(out, &cache, &document);
+  writer.write(value, 0);
+  out += kFooter;
+  writer.flush();
+  cache.endWrite();
+  for (std::string_view piece : document.pieces) {
+    document.size += piece.size();
+  }
+  return document;
+}
+
+std::string writeXml(const Value& value, XmlWriteCache& cache) {
+  const XmlPieces document = writeXmlPieces(value, cache);
+  std::string out;
+  out.reserve(document.size);
+  for (std::string_view piece : document.pieces) {
+    out += piece;
+  }
   return out;
 }
 

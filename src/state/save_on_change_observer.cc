@@ -8,6 +8,7 @@
 #include "logging/logging.h"
 #include "runloop/notification_center.h"
 #include "state/saved_state.h"
+#include "state/saved_state_size.h"
 
 namespace nightjar::state {
 
@@ -16,6 +17,9 @@ struct SaveOnChangeObserver {
   std::unique_ptr<runloop::ObserverHandle> runLoopObserver;
   SaveOnChangeHooks hooks;
   bool failing = false;  // the last save failed and was logged
+  // The state the last successful save wrote. Its members are shared with the
+  // modules, so comparing a new state with it costs little unless it changed.
+  plist::Value saved;
 };
 
 namespace {
@@ -60,7 +64,16 @@ SaveOnChangeObserver* saveOnChangeObserverGet() {
 void saveOnChangeObserverRunPass(SaveOnChangeObserver* observer) {
   if (observer == nullptr || !observer->dirty)
     return;
-  if (persistenceSave()) {
+  plist::Value state = persistenceCopyState();
+  // A pass that changed nothing (a request that found everything as asked)
+  // writes nothing: no write, no sync.
+  if (state == observer->saved) {
+    observer->dirty = false;
+    savedStateSizeSaved();
+    return;
+  }
+  if (persistenceSave(state)) {
+    observer->saved = std::move(state);
     observer->dirty = false;
     observer->failing = false;
   } else if (!observer->failing) {

@@ -35,8 +35,12 @@ Value persistenceCopyState() {
 }
 
 bool persistenceSave() {
-  const bool saved = persistence::preferencesSetValue(
-      persistence::kEngineKey, persistenceCopyState(), persistence::engineDefault());
+  return persistenceSave(persistenceCopyState());
+}
+
+bool persistenceSave(const Value& state) {
+  const bool saved = persistence::preferencesSetValue(persistence::kEngineKey, state,
+                                                      persistence::engineDefault());
   savedStateSizeSaved();
   return saved;
 }

@@ -22,6 +22,8 @@ plist::Value persistenceCopyState();
 // Writes persistenceCopyState() under "engine". Answers false only when the
 // store's write failed; storage then keeps the last good state.
 bool persistenceSave();
+// The same with a state already built.
+bool persistenceSave(const plist::Value& state);
 
 // Applies `state` only when it is a dictionary holding all three keys and the
 // event list, the queue controller list and the notification controller all

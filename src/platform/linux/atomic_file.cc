@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/daemon_root.h"
 #include "platform/stored_file_limit.h"
@@ -53,6 +55,33 @@ int writeAll(int fd, std::string_view bytes) {
   return 0;
 }
 
+int writeAll(int fd, std::span<const std::string_view> pieces) {
+  constexpr std::size_t kBatch = 1024;  // IOV_MAX on Linux
+  std::vector<iovec> batch;
+  std::size_t next = 0;    // the first piece not wholly written
+  std::size_t offset = 0;  // bytes of it already written
+  while (next < pieces.size()) {
+    batch.clear();
+    for (std::size_t i = next; i < pieces.size() && batch.size() < kBatch; ++i) {
+      const std::string_view piece = i == next ? pieces[i].substr(offset) : pieces[i];
+      batch.push_back({const_cast<char*>(piece.data()), piece.size()});
+    }
+    ssize_t n = ::writev(fd, batch.data(), static_cast<int>(batch.size()));
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return errno;
+    auto written = static_cast<std::size_t>(n);
+    while (next < pieces.size() && written >= pieces[next].size() - offset) {
+      written -= pieces[next].size() - offset;
+      offset = 0;
+      ++next;
+    }
+    offset += written;
+  }
+  return 0;
+}
+
 int makeFolders(std::string_view root, std::string_view absoluteFolder, mode_t mode) {
   for (std::size_t end = absoluteFolder.find('/', 1);; end = absoluteFolder.find('/', end + 1)) {
     const std::string folder = underRoot(root, absoluteFolder.substr(0, end));
@@ -68,6 +97,11 @@ int makeFolders(std::string_view root, std::string_view absoluteFolder, mode_t m
 
 int writeFileAtomically(const std::string& folder, const std::string& path, std::string_view bytes,
                         mode_t mode) {
+  return writeFileAtomically(folder, path, std::span<const std::string_view>(&bytes, 1), mode);
+}
+
+int writeFileAtomically(const std::string& folder, const std::string& path,
+                        std::span<const std::string_view> pieces, mode_t mode) {
   const std::size_t slash = path.rfind('/');
   std::string temporary =
       folder + "/." + (slash == std::string::npos ? path : path.substr(slash + 1)) + ".XXXXXX";
@@ -76,7 +110,7 @@ int writeFileAtomically(const std::string& folder, const std::string& path, std:
     return errno;
   int error = ::fchmod(fd.get(), mode) != 0 ? errno : 0;
   if (error == 0)
-    error = writeAll(fd.get(), bytes);
+    error = writeAll(fd.get(), pieces);
   if (error == 0 && ::fsync(fd.get()) != 0)
     error = errno;
   int closeError = fd.reset();

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -50,6 +51,7 @@ int readBounded(int fd, std::string& bytes, std::size_t maxBytes);
 
 // Writes every byte, retrying short writes. Answers 0 or errno.
 int writeAll(int fd, std::string_view bytes);
+int writeAll(int fd, std::span<const std::string_view> pieces);
 
 // Creates `absoluteFolder` ("/var/lib/x") and its missing parents under
 // `root`, each with `mode` (set explicitly, as mkdir's is cut by the umask).
@@ -62,6 +64,10 @@ int makeFolders(std::string_view root, std::string_view absoluteFolder, mode_t m
 // across a crash. On failure the temporary file is removed. Answers 0 or errno.
 int writeFileAtomically(const std::string& folder, const std::string& path, std::string_view bytes,
                         mode_t mode);
+// The same for the bytes of `pieces` one after the other, written as they
+// are, without joining them first.
+int writeFileAtomically(const std::string& folder, const std::string& path,
+                        std::span<const std::string_view> pieces, mode_t mode);
 
 // Moves a file the daemon cannot read out of the way, so that the next write
 // does not destroy it: `path` is renamed to "<path>.unreadable-YYYYMMDDTHHMMSSZ"

@@ -15,6 +15,7 @@
 #include "platform/linux/atomic_file.h"
 #include "platform/linux/daemon_root.h"
 #include "plist/xml.h"
+#include "plist/xml_write_cache.h"
 
 namespace nightjar::platform::linux_adapter {
 namespace {
@@ -244,17 +245,20 @@ class FilePreferencesStore final : public PreferencesStore {
 
  private:
   bool write() {
-    std::string document = plist::writeXml(plist::Value::dictionary(values_));
-    storedBytes_ = document.size();
+    // Only the records that changed since the last write are serialised, and
+    // the document is written from its pieces, never joined.
+    const plist::XmlPieces document =
+        plist::writeXmlPieces(plist::Value::dictionary(values_), writeCache_);
+    storedBytes_ = document.size;
     // What would not be read back is not written: the file keeps the last
     // state that fits. The requests refuse changes long before this.
-    int error = document.size() > storedFileLimit() ? EFBIG : 0;
+    int error = document.size > storedFileLimit() ? EFBIG : 0;
     if (error == 0 && !store_.writable())
       error = EEXIST;
     if (error == 0)
       error = makeStoreFolder(root_);
     if (error == 0)
-      error = writeFileAtomically(folder_, store_.path, document, kFileMode);
+      error = writeFileAtomically(folder_, store_.path, document.pieces, kFileMode);
     unsaved_ = error != 0;
     // Our own write is the version now held: the next look must not re-read it.
     if (!unsaved_)
@@ -268,6 +272,7 @@ class FilePreferencesStore final : public PreferencesStore {
   TrackedFile forced_;
   plist::Dictionary values_;
   plist::Dictionary forcedValues_;
+  plist::XmlWriteCache writeCache_;
   std::size_t storedBytes_ = 0;
   bool unsaved_ = false;  // the view holds changes that are not on disk
 };

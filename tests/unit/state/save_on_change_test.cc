@@ -52,10 +52,16 @@ TEST_F(SaveOnChangeTest, EachPassWithNotificationsEndsWithOneSave) {
   EXPECT_FALSE(saveOnChangeObserverIsDirty(observer_));  // saving posted nothing
   EXPECT_EQ(saved().get(kEventsKey).count(), 1u);
 
+  // A pass that leaves the state as saved writes nothing.
+  post();
+  saveOnChangeObserverRunPass(observer_);
+  EXPECT_EQ(preferences_.writes(), 1);
+  EXPECT_FALSE(saveOnChangeObserverIsDirty(observer_));
+
   // Destroyed, the observer no longer listens.
   saveOnChangeObserverDestroy();
   post();
-  EXPECT_EQ(dirtied_, 3);
+  EXPECT_EQ(dirtied_, 4);
 }
 
 TEST_F(SaveOnChangeTest, AFailedSaveKeepsTheLastFileIsLoggedOnceAndRetried) {
@@ -81,7 +87,7 @@ TEST_F(SaveOnChangeTest, AFailedSaveKeepsTheLastFileIsLoggedOnceAndRetried) {
 
   // A new fault is a new line.
   preferences_.failWrites(true);
-  post();
+  model::eventListStore(model::eventListGet(), validEvent("b"));
   saveOnChangeObserverRunPass(observer_);
   EXPECT_EQ(errorLines(log), 2);
 }
@@ -89,7 +95,7 @@ TEST_F(SaveOnChangeTest, AFailedSaveKeepsTheLastFileIsLoggedOnceAndRetried) {
 TEST_F(SaveOnChangeTest, TheRunLoopSavesBeforeSleepingAndAtExit) {
   auto first = loop_->addTimer([this] { post(); });
   auto last = loop_->addTimer([this] {
-    post();
+    model::eventListStore(model::eventListGet(), validEvent("a"));
     loop_->stop();
   });
   const double now = runloop::systemClock().now();

@@ -1,5 +1,9 @@
+#include <random>
 #include <string>
 
+#include "plist/xml.h"
+#include "plist/xml_write_cache.h"
+#include "scheduling/event_scheduler.h"
 #include "state/saved_state.h"
 #include "state/saved_state_size.h"
 #include "state_testing.h"
@@ -110,6 +114,58 @@ TEST_F(SavedStateTest, MembersOfTheWrongTypesAreSkippedWithoutHarm) {
   ASSERT_TRUE(persistenceSave());
   EXPECT_EQ(saved().get(kEventsKey).count(), 1u);
   EXPECT_TRUE(saved().get(kQueuesKey).asDictionary() != nullptr);
+}
+
+// Moves the clock to the earliest armed timer (a day at most) and fires every
+// timer then due.
+void fireNextTimers(fakes::FakeClock& clock, fakes::FakeTimerFactory& timers) {
+  double next = clock.now() + 86400;
+  for (std::size_t i = 0; i < timers.created(); ++i)
+    if (const fakes::FakeTimer* timer = timers.timer(i);
+        timer && timer->armed() && !timer->parked())
+      next = std::min(next, timer->nextFireDate());
+  next = std::max(next, clock.now());
+  clock.set(next);
+  for (std::size_t i = 0; i < timers.created(); ++i)
+    if (fakes::FakeTimer* timer = timers.timer(i); timer && timer->due(next))
+      timer->fire();
+}
+
+// Given a seeded run of set, remove, delay, cancel and perform steps, expect
+// the write from kept forms to equal a fresh write after each step, and the
+// keep to hold no more than the state's records and an eighth.
+TEST_F(SavedStateTest, AWriteFromKeptFormsEqualsAFreshWriteAfterEachChange) {
+  scheduling::eventSchedulerSetUp(model::eventListGet(), scheduling::queueControllerListGet());
+  notifications::NotificationController* warnings = notifications::notificationControllerGet();
+  const Value everyDay = A({S("monday"), S("tuesday"), S("wednesday"), S("thursday"), S("friday"),
+                            S("saturday"), S("sunday")});
+  std::mt19937 random(17);
+  auto pick = [&random](int count) { return static_cast<int>(random() % count); };
+  plist::XmlWriteCache cache;
+  for (int step = 0; step < 400; ++step) {
+    const std::string id = "e" + std::to_string(pick(8));
+    const int action = pick(6);  // 0, 1: set; 2: remove; 3: delay; 4: cancel; 5: perform
+    if (action <= 1) {
+      const Value daily =
+          Dict({{"type", S("daily")}, {"secondsfrommidnight", I(pick(86400))}, {"days", everyDay}});
+      model::eventListStore(
+          model::eventListGet(),
+          action == 0 ? validEvent(id, "n" + std::to_string(pick(4))).with("trigger", daily)
+                      : onceEvent(id, clock_.now() + pick(7200)));
+    } else if (action == 2) {
+      model::eventListRemove(model::eventListGet(), S(id));
+    } else if (action == 3) {
+      notifications::notificationControllerDelay(warnings, S(id), 60.0 * (1 + pick(5)));
+    } else if (action == 4) {
+      notifications::notificationControllerCancel(warnings, S(id));
+    } else {
+      fireNextTimers(clock_, timers_);
+    }
+    const Value document = Dict({{"engine", persistenceCopyState()}, {"setting", R(900)}});
+    ASSERT_EQ(plist::writeXml(document, cache), plist::writeXml(document)) << "step " << step;
+    EXPECT_LE(cache.size(), 27u) << "step " << step;  // 8 events, 3 copies each
+  }
+  scheduling::eventSchedulerTearDown();
 }
 
 // Given a limit of 16 000 bytes (15 000 less the reserve), expect a change

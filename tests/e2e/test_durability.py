@@ -2,16 +2,12 @@
 
 import os
 import random
-import re
 import signal
-import subprocess
 import threading
 import time
 
-import pytest
-
 from nightjar_client import OK, ConnectionClosed, dict_message
-from nightjar_harness import STATE_FILE, once_event, saved_ids, utc_in
+from nightjar_harness import once_event, saved_ids, utc_in
 
 CRASH_KILLS = int(os.environ.get("NIGHTJAR_CRASH_KILLS", "200"))
 SEED = 20261123
@@ -56,49 +52,6 @@ def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root
         listed = {e["uniqueid"] for e in client.call("scheduler.events")["response"]}
     missing = set(acknowledged) - listed
     assert not missing, f"seed {SEED}: not listed after restart: {sorted(missing)[:10]}"
-
-
-def mount_read_only(folder):
-    """Bind-mounts `folder` read-only over itself; answers whether that worked."""
-    if subprocess.run(["mount", "--bind", "-o", "ro", str(folder), str(folder)],
-                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode:
-        return False
-    try:
-        (folder / ".probe").write_text("x")
-    except OSError:
-        return True
-    (folder / ".probe").unlink()
-    subprocess.run(["umount", str(folder)], check=True)
-    return False
-
-
-def test_a_read_only_state_folder_keeps_the_last_good_file_and_logs_once(
-        logind, daemon, client, root):
-    folder = root / "var/lib/nightjar"
-    date = utc_in(86400)
-    client.ok("scheduler.set", once_event("before", "restart", date))
-    good = (root / STATE_FILE).read_bytes()
-    if not mount_read_only(folder):
-        pytest.skip("a read-only bind mount is not possible here")
-    try:
-        since = len(daemon.lines())
-        for name in ("ro-1", "ro-2", "ro-3"):
-            client.ok("scheduler.set", once_event(name, "restart", date))
-        assert (root / STATE_FILE).read_bytes() == good
-        # Let any later pass's retry log too, if it (wrongly) would.
-        time.sleep(0.2)
-        assert client.call("scheduler.events")["status"] == 200
-        # At error level or worse, but for the "API: " trace every request has.
-        faults = [line for line in daemon.lines()[since:]
-                  if re.match(r"^<[0-3]>", line) and not line[3:].startswith("API: ")]
-        # One line per fault: the failed save, and maybe the wake-entry file beside it.
-        assert len([f for f in faults if "save" in f.lower()]) == 1, faults
-        assert len(set(faults)) == len(faults), faults
-    finally:
-        subprocess.run(["umount", str(folder)], check=True)
-    client.ok("scheduler.set", once_event("after", "restart", date))
-    assert saved_ids(root) == {"before", "ro-1", "ro-2", "ro-3", "after"}
-    assert daemon.process.poll() is None
 
 
 def flood(daemon, started, stop):

@@ -1,4 +1,4 @@
-"""Acknowledged changes reach the disk before their reply, and a failing save is survivable."""
+"""Acknowledged changes reach the disk before their reply, whatever else the socket carries."""
 
 import os
 import random

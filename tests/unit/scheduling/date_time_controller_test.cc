@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "core/clock_change.h"
 #include "date_time_testing.h"
 #include "fakes/fake_distributed_center.h"
 #include "fakes/fake_power_manager.h"
@@ -13,6 +15,7 @@
 #include "fakes/recording_log_sink.h"
 #include "model/event_list.h"
 #include "notifications/notification_controller.h"
+#include "runloop/run_loop.h"
 #include "scheduling/date_time_trigger.h"
 #include "scheduling/event_action.h"
 #include "scheduling/event_scheduler.h"
@@ -251,6 +254,55 @@ TEST_F(DateTimeControllerTest, ClockSteppedBackNeverPerformsAnOccurrenceTwice) {
   eventSchedulerResync(eventSchedulerGet());
   EXPECT_EQ(triggerDate("daily"), kTen - 2 * kDay);
   EXPECT_EQ(triggerDate("once"), kTen + 600);
+}
+
+// The daemon's reaction to a step of the clock, posted after the timers the
+// step made due have fired: a daily and a once wake (new ones each case), the
+// clock run to `before`, set to `after`, then run on for three hours.
+TEST_F(DateTimeControllerTest, ClockChangesPerformEachOccurrenceOnceAndLoseNone) {
+  int loop = 0;
+  core::followClockChanges(eventSchedulerGet(), &loop);
+  const struct {
+    const char* name;
+    AbsoluteTime before, after, daily;
+    std::optional<AbsoluteTime> once;    // its trigger date, when queued
+    std::vector<std::string> performed;  // from the step on
+  } cases[] = {
+      {"forward over both", kStart, kTen + 3 * 3600, kTen + kDay, {}, {"daily", "once"}},
+      {"back over both", kTen + 5400, kStart, kTen + kDay, {}, {}},
+      {"back over one", kTen + 1800, kTen - 60, kTen + kDay, kTen + 3600, {"once"}},
+      // Set back by more than a day, the clock is taken as right.
+      {"back by days", kTen + 5400, kStart - 2 * kDay, kTen - 2 * kDay, kTen + 3600, {"daily"}},
+  };
+  const auto runTo = [this](AbsoluteTime now) {
+    clock_.set(now);
+    for (int i = 0; i < 9 && timer().due(now); ++i)
+      timer().fire();
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string daily = std::string(c.name) + "d", once = std::string(c.name) + "o";
+    clock_.set(kStart);
+    add(dailyEvent(daily, hms(10, 0), "wake").with("name", S("daily")));
+    add(onceEvent(once, kTen + 3600, "wake").with("name", S("once")));
+    runTo(c.before);
+    log_.lines.clear();
+    runTo(c.after);
+    runloop::localCenter().post(runloop::kClockChangedNotification, &loop);
+    EXPECT_TRUE(logged("The system clock was set; rescheduling events."));
+    EXPECT_EQ(triggerDate(daily), c.daily);
+    EXPECT_EQ(triggerDate(once), c.once);
+    EXPECT_EQ(timer().nextFireDate(), std::min(c.daily, c.once.value_or(c.daily)));
+    std::vector<std::string> wanted{entry(c.daily, daily)}, listed = entries();
+    if (c.once)
+      wanted.push_back(entry(*c.once, once));
+    std::ranges::sort(wanted), std::ranges::sort(listed);
+    EXPECT_EQ(listed, wanted);
+    runTo(c.after + 3 * 3600);
+    EXPECT_EQ(performed(), c.performed);
+    model::eventListRemove(model::eventListGet(), S(daily));
+    model::eventListRemove(model::eventListGet(), S(once));
+  }
 }
 
 TEST_F(DateTimeControllerTest, DelaysAddUpAndMoveEntriesAndWarnings) {

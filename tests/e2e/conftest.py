@@ -1,10 +1,14 @@
 """Fixtures shared by every end-to-end test: see nightjar_harness for the pieces."""
 
+import re
+
 import pytest
 
 from nightjar_client import Client, socket_path
 from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
                               install_rights, make_root)
+
+SANITIZER_REPORT = re.compile(r"ERROR: (Address|Leak)Sanitizer|runtime error:")
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -64,6 +68,13 @@ def start_daemon(root, system_bus):
     yield start
     for daemon in started:
         daemon.stop()
+    # Under the sanitizer build a leak, an overflow or undefined behaviour shows
+    # as a report on standard error: it fails the test.
+    for daemon in started:
+        lines = daemon.lines()
+        first = next((n for n, line in enumerate(lines) if SANITIZER_REPORT.search(line)), None)
+        if first is not None:
+            pytest.fail("nightjard: sanitizer report\n" + "\n".join(lines[first:first + 60]))
 
 
 @pytest.fixture

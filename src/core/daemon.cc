@@ -5,6 +5,7 @@
 
 #include "api/authorization.h"
 #include "api/request_handler.h"
+#include "core/clock_change.h"
 #include "core/notification_relay.h"
 #include "logging/logging.h"
 #include "model/event_list.h"
@@ -68,8 +69,9 @@ void createMonitors(Daemon& daemon) {
 }
 
 // Wake entries: the entry file and the RTC, whose alarm is spent once it has
-// fired, so it is set again on every wake, and written out before a sleep
-// while the sleep delay lock still holds the system awake.
+// fired, so it is set again on every wake and after a step of the clock, and
+// written out before a sleep while the sleep delay lock still holds the
+// system awake.
 void createPowerManager(Daemon& daemon) {
   daemon.powerManager = adapter::makeFilePowerManager(daemon.root, daemon.loop.get());
   adapter::FilePowerManager* manager = daemon.powerManager.get();
@@ -87,6 +89,11 @@ void createPowerManager(Daemon& daemon) {
         manager->flush();
       },
       std::string(monitors::kSleepNotification), monitor);
+  // After a step of the clock the alarm is set again too: the entry it was
+  // set for may have passed, or may lie ahead once more.
+  runloop::localCenter().addObserver(
+      manager, [manager](std::string_view, const void*, const plist::Value&) { manager->rearm(); },
+      std::string(runloop::kClockChangedNotification), daemon.loop.get());
 }
 
 void createActions(Daemon& daemon) {
@@ -145,6 +152,7 @@ void createControllers(Daemon& daemon) {
   scheduling::eventSchedulerSetUp(model::eventListGet(), scheduling::queueControllerListGet());
   scheduling::eventSchedulerObserveTimeZone(scheduling::eventSchedulerGet(),
                                             monitors::systemMonitorGet());
+  followClockChanges(scheduling::eventSchedulerGet(), daemon.loop.get());
 }
 
 void createRelay(Daemon& daemon) {

@@ -42,6 +42,7 @@ std::unique_ptr<RunLoop> RunLoop::create() {
   if (!loop->addPassSources()) {
     return nullptr;
   }
+  loop->watchClockChanges();
   currentLoop = loop.get();
   return loop;
 }
@@ -52,6 +53,7 @@ RunLoop::~RunLoop() {
   }
   beforeWaiting_.reset();
   exit_.reset();
+  clockChange_.reset();
   // Sources still held elsewhere keep the sd_event alive until they go.
   sd_event_unref(event_);
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string_view>
 
 #include "runloop/clock.h"
 #include "runloop/timer.h"
@@ -28,6 +29,13 @@ class Source {
 };
 
 enum class Activity { BeforeWaiting, Exit };
+
+// Posted on the local center, with the run loop as object, each time the wall
+// clock is set (stepped), after the timers the step made due have fired and
+// before the end of that pass. Dates computed from the earlier clock (the next
+// occurrence of a daily time, an inactivity deadline, the wake alarm) are
+// then to be computed again.
+inline constexpr std::string_view kClockChangedNotification = "runloop.clockchanged";
 
 // The steps of the end of a pass, in the order in which they run, whatever the
 // order in which their observers were added. Everything a change causes
@@ -94,6 +102,9 @@ class RunLoop {
   explicit RunLoop(sd_event* event);
   // Adds the sources that end a pass: a post source and an exit source.
   bool addPassSources();
+  // Adds the source that posts kClockChangedNotification. Without it (false)
+  // the timers still fire at their dates; only the reaction to a step is lost.
+  bool watchClockChanges();
   // Runs every observer, stage by stage.
   void endPass(Activity activity);
   static int onBeforeWaiting(sd_event_source* source, void* userdata);
@@ -103,6 +114,7 @@ class RunLoop {
   std::shared_ptr<PassObservers> observers_;
   std::unique_ptr<Source> beforeWaiting_;
   std::unique_ptr<Source> exit_;
+  std::unique_ptr<Source> clockChange_;
   unsigned dispatchesSincePass_ = 0;
   std::uint64_t passes_ = 0;
 };

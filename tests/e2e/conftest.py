@@ -1,5 +1,7 @@
 """Fixtures shared by every end-to-end test: see nightjar_harness for the pieces."""
 
+import re
+
 import pytest
 
 from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
@@ -60,6 +62,11 @@ def start_daemon(root, system_bus):
     yield start
     for daemon in started:
         daemon.stop()
+    # A sanitizer build's report (leak, overflow, undefined behaviour) fails the test.
+    for daemon in started:
+        text = "\n".join(daemon.lines())
+        if re.search(r"ERROR: (Address|Leak)Sanitizer|runtime error:", text):
+            pytest.fail("nightjard: sanitizer report\n" + text[-8000:])
 
 
 @pytest.fixture

@@ -20,7 +20,7 @@ import dbus
 import dbus.mainloop.glib
 from gi.repository import GLib
 
-from nightjar_client import Client, socket_path
+from nightjar_client import TIMEOUT_FACTOR, Client, socket_path
 
 BUILD_DIR = Path(os.environ.get("NIGHTJAR_BUILD_DIR",
                                 Path(__file__).resolve().parents[2] / "build" / "release"))
@@ -39,7 +39,7 @@ echo "$0 $*" >> "{log}"
 
 def wait_until(predicate, timeout=5.0, interval=0.01):
     """Polls `predicate` until it answers something true or `timeout` passes."""
-    deadline = time.monotonic() + timeout
+    deadline = time.monotonic() + timeout * TIMEOUT_FACTOR
     while True:
         result = predicate()
         if result or time.monotonic() >= deadline:

@@ -7,5 +7,5 @@ nightjar_unit_test(date_time_test
     ${CMAKE_CURRENT_LIST_DIR}/date_time_trigger_test.cc
     ${CMAKE_CURRENT_LIST_DIR}/date_time_controller_test.cc
     ${CMAKE_CURRENT_LIST_DIR}/date_time_sweep_test.cc
-  LIBS nightjar_scheduling
+  LIBS nightjar_scheduling nightjar_core
 )

@@ -2,14 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "core/clock_change.h"
 #include "date_time_testing.h"
 #include "fakes/fake_power_manager.h"
 #include "model/event_list.h"
 #include "notifications/notification_controller.h"
+#include "runloop/run_loop.h"
 #include "scheduling/date_time_trigger.h"
 #include "scheduling/engine_testing.h"
 #include "scheduling/event_scheduler.h"
@@ -225,6 +228,51 @@ TEST_F(DateTimeControllerTest, ClockSteppedBackNeverPerformsAnOccurrenceTwice) {
   eventSchedulerResync(eventSchedulerGet());
   EXPECT_EQ(triggerDate("daily"), kTen - 2 * kDay);
   EXPECT_EQ(triggerDate("once"), kTen + 600);
+}
+
+// A step of the clock, posted after what it made due fired: a daily and a once
+// wake, the clock run to `before`, set to `after`, then on for three hours.
+TEST_F(DateTimeControllerTest, ClockChangesPerformEachOccurrenceOnceAndLoseNone) {
+  core::followClockChanges(eventSchedulerGet(), this);
+  const struct {
+    const char* name;
+    AbsoluteTime before, after, daily;
+    std::optional<AbsoluteTime> once;    // its trigger date, when queued
+    std::vector<std::string> performed;  // from the step on
+  } cases[] = {
+      {"forward over both", kStart, kTen + 3 * 3600, kTen + kDay, {}, {"daily", "once"}},
+      {"back over both", kTen + 5400, kStart, kTen + kDay, {}, {}},
+      {"back over one", kTen + 1800, kTen - 60, kTen + kDay, kTen + 3600, {"once"}},
+      // Set back by more than a day, the clock is taken as right.
+      {"back by days", kTen + 5400, kStart - 2 * kDay, kTen - 2 * kDay, kTen + 3600, {"daily"}},
+  };
+  const auto runTo = [this](AbsoluteTime now) {
+    clock_.set(now);
+    for (int i = 0; i < 9 && timer().due(now); ++i)
+      timer().fire();
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string daily = std::string(c.name) + "d", once = std::string(c.name) + "o";
+    clock_.set(kStart);
+    add(dailyEvent(daily, hms(10, 0), "wake").with("name", S("daily")));
+    add(onceEvent(once, kTen + 3600, "wake").with("name", S("once")));
+    runTo(c.before);
+    log_.lines.clear();
+    runTo(c.after);
+    runloop::localCenter().post(runloop::kClockChangedNotification, this);
+    EXPECT_TRUE(logged("The system clock was set; rescheduling events."));
+    EXPECT_EQ(triggerDate(daily), c.daily);
+    EXPECT_EQ(triggerDate(once), c.once);
+    EXPECT_EQ(timer().nextFireDate(), std::min(c.daily, c.once.value_or(c.daily)));
+    std::vector<std::string> wanted{entry(c.daily, daily), entry(c.once.value_or(0), once)};
+    wanted.resize(c.once ? 2 : 1);
+    EXPECT_EQ(entries(), wanted);
+    runTo(c.after + 3 * 3600);
+    EXPECT_EQ(performed(), c.performed);
+    model::eventListRemove(model::eventListGet(), S(daily));
+    model::eventListRemove(model::eventListGet(), S(once));
+  }
 }
 
 TEST_F(DateTimeControllerTest, DelaysAddUpAndMoveEntriesAndWarnings) {

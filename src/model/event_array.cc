@@ -126,11 +126,6 @@ void EventArray::clear() {
   assign({});
 }
 
-void EventArray::move(int from, int to) {
-  changed();
-  tree_.move(tree_.nodeAt(from), to);
-}
-
 // Rebuilds the tree and the index from `members`, in order.
 void EventArray::assign(plist::Array members) {
   changed();

@@ -52,8 +52,30 @@ class EventArray {
   void replace(int index, plist::Value event);
   void erase(int index);
   void clear();
-  // Moves the member at `from` to `to`, shifting the members between by one.
-  void move(int from, int to);
+  // Moves the member at `from` to the index that place(others) answers, where
+  // `others` is the array without that member, searchable (Others) until
+  // place returns.
+  class Others {
+   public:
+    explicit Others(const MemberTree& tree) : tree_(tree) {}
+    // As MemberTree::partitionPoint.
+    template <typename Predicate>
+    int partitionPoint(Predicate predicate) const {
+      return tree_.partitionPoint(predicate);
+    }
+    const plist::Value& member(int index) const { return tree_.nodeAt(index)->value; }
+    int size() const { return tree_.size(); }
+
+   private:
+    const MemberTree& tree_;
+  };
+  template <typename Place>
+  void reposition(int from, Place place) {
+    changed();
+    MemberTree::Node* node = tree_.nodeAt(from);
+    tree_.takeOut(node);
+    tree_.putBack(node, place(Others(tree_)));
+  }
   // Stable sort by `less`, a strict weak order on members.
   template <typename Less>
   void sort(Less less) {

@@ -53,8 +53,8 @@ bool EventQueue::less(const plist::Value& a, const plist::Value& b) const {
 // in order before the store, so the changed member is moved to its place among
 // them: after the equal members that stood before it and before those that
 // stood after it. That is exactly where a stable sort of the whole array puts
-// it, at the cost of a binary search of a tree. After a replace-all the order is unknown:
-// the others are checked once, and sorted as a whole when out of order.
+// it, at the cost of one descent of the tree. After a replace-all the order is
+// unknown: the others are checked once, and sorted as a whole when out of order.
 void EventQueue::resort(int changed) {
   const int restCount = events_.size() - 1;
   if (!ordered_) {
@@ -70,14 +70,15 @@ void EventQueue::resort(int changed) {
       }
     }
   }
-  const auto rest = [&](int k) -> const plist::Value& {
-    return events_.member(k < changed ? k : k + 1);
-  };
-  const plist::Value& event = events_.member(changed);
-  const int low = partitionPoint(0, restCount, [&](int k) { return less(rest(k), event); });
-  // The members equal to the event, usually none, follow `low`.
-  const int high = gallopPoint(low, restCount, [&](int k) { return !less(event, rest(k)); });
-  events_.move(changed, std::clamp(changed, low, std::max(low, high)));
+  const plist::Value event = events_.member(changed);
+  events_.reposition(changed, [&](const EventArray::Others& rest) {
+    const int low =
+        rest.partitionPoint([&](const plist::Value& other) { return less(other, event); });
+    // The members equal to the event, usually none, follow `low`.
+    const int high =
+        gallopPoint(low, rest.size(), [&](int k) { return !less(event, rest.member(k)); });
+    return std::clamp(changed, low, std::max(low, high));
+  });
 }
 
 std::unique_ptr<EventQueue> eventQueueCreate(EventComparator comparator, void* context) {

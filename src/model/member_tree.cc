@@ -102,14 +102,14 @@ int MemberTree::indexOf(const Node* node) const {
   return index;
 }
 
-void MemberTree::attach(Node* node, int index) {
+void MemberTree::putBack(Node* node, int index) {
   node->left = node->right = node->parent = nullptr;
   node->count = 1;
   const Halves halves = split(root_, index);
   root_ = merge(merge(halves.front, node), halves.back);
 }
 
-void MemberTree::detach(Node* node) {
+void MemberTree::takeOut(Node* node) {
   const Halves before = split(root_, indexOf(node));
   const Halves after = split(before.back, 1);
   root_ = merge(before.front, after.back);
@@ -117,17 +117,12 @@ void MemberTree::detach(Node* node) {
 
 MemberTree::Node* MemberTree::insert(int index, plist::Value value) {
   Node* node = new Node(std::move(value), nextPriority());
-  attach(node, index);
+  putBack(node, index);
   return node;
 }
 
-void MemberTree::move(Node* node, int index) {
-  detach(node);
-  attach(node, index);
-}
-
 void MemberTree::erase(Node* node) {
-  detach(node);
+  takeOut(node);
   delete node;
 }
 

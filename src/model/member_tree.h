@@ -44,10 +44,28 @@ class MemberTree {
   int indexOf(const Node* node) const;
   // A new node holding `value` at `index` (0 to size()).
   Node* insert(int index, plist::Value value);
-  // Takes `node` out and puts it back at `index` of the sequence without it.
-  void move(Node* node, int index);
+  // Takes `node` out, keeping it: the tree is then the sequence without it
+  // until the node is put back at `index` of that sequence.
+  void takeOut(Node* node);
+  void putBack(Node* node, int index);
   void erase(Node* node);
   void clear();
+
+  // The first index at which predicate(value) turns false, for a predicate
+  // that is true on a prefix of the sequence and false after it.
+  template <typename Predicate>
+  int partitionPoint(Predicate predicate) const {
+    int index = 0;
+    for (const Node* node = root_; node != nullptr;) {
+      if (predicate(node->value)) {
+        index += countOf(node->left) + 1;
+        node = node->right;
+      } else {
+        node = node->left;
+      }
+    }
+    return index;
+  }
 
   // Calls visit(node) for every node in sequence order.
   template <typename Visit>
@@ -70,8 +88,6 @@ class MemberTree {
   static Node* leftmost(Node* node);
   static Node* successor(Node* node);
 
-  void attach(Node* node, int index);
-  void detach(Node* node);
   std::uint32_t nextPriority();
 
   Node* root_ = nullptr;

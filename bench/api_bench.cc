@@ -25,6 +25,8 @@
 
 #include "api/dispatcher.h"
 #include "api/socket_server.h"
+#include "model/event_list.h"
+#include "plist/xml.h"
 #include "runloop/descriptors.h"
 #include "runloop/run_loop.h"
 #include "wire/framing.h"
@@ -34,9 +36,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-plist::Value versionRequest() {
-  return plist::Value::dictionary({{"Request", plist::Value::string("build.version")},
+plist::Value request(const char* name) {
+  return plist::Value::dictionary({{"Request", plist::Value::string(name)},
                                    {"Authorization", plist::Value::data(plist::Bytes(32, 0))}});
+}
+
+plist::Value versionRequest() {
+  return request("build.version");
 }
 
 plist::Value versionReply() {
@@ -155,13 +161,21 @@ bool readMessage(int fd, std::string& buffer) {
                             header->length - framing::kHeaderLength) == 0;
 }
 
-// One client sending `request` and waiting for each reply.
-void runClient(benchmark::State& state, int fd, const std::string& request) {
+// Parses the reply's payload, as a client does before it can use the reply.
+bool parseReply(const std::string& reply) {
+  const framing::Frame frame = framing::decodeReply(
+      {reinterpret_cast<const std::uint8_t*>(reply.data()), reply.size()}, UINT32_MAX);
+  return frame.status == framing::FrameStatus::Ready && !plist::parseXml(frame.payload).isNone();
+}
+
+// One client sending `request` and waiting for each reply, which it parses
+// when `parses` is set.
+void runClient(benchmark::State& state, int fd, const std::string& request, bool parses = false) {
   Latencies latencies;
   std::string reply;
   for (auto _ : state) {
     const Clock::time_point start = Clock::now();
-    if (!writeAll(fd, request) || !readMessage(fd, reply)) {
+    if (!writeAll(fd, request) || !readMessage(fd, reply) || (parses && !parseReply(reply))) {
       state.SkipWithError("the connection failed");
       break;
     }
@@ -171,7 +185,7 @@ void runClient(benchmark::State& state, int fd, const std::string& request) {
 }
 
 void runServerBench(benchmark::State& state, SocketRequestHandler handler,
-                    const std::string& request) {
+                    const std::string& request, bool parses = false) {
   BenchRoot root;
   const std::string path = root.path + std::string(kSocketPath);
   ServerThread server(std::move(handler), path);
@@ -182,7 +196,7 @@ void runServerBench(benchmark::State& state, SocketRequestHandler handler,
     }
     return;
   }
-  runClient(state, fd, request);
+  runClient(state, fd, request, parses);
   close(fd);
 }
 
@@ -194,19 +208,63 @@ void BM_SocketRequest(benchmark::State& state) {
       *framing::encodeRequest(1, versionRequest()));
 }
 
-// "build.version" through the real dispatcher (form checks, routing, the
-// "API: %@ > %@" log line) with a rights check that grants at once, as it does
-// for root.
+// The real dispatcher (form checks, routing, the "API: %@ > %@" log line)
+// with a rights check that grants at once, as it does for root.
+void dispatchGranted(const Request& request, Responder responder) {
+  dispatchRequest(
+      request.value, [](const plist::Value&, std::string, AuthorizationDone done) { done(true); },
+      [responder](plist::Value reply) { responder.reply(std::move(reply)); });
+}
+
+// "build.version" through the dispatcher.
 void BM_DispatchVersion(benchmark::State& state) {
-  runServerBench(
-      state,
-      [](const Request& request, Responder responder) {
-        dispatchRequest(
-            request.value,
-            [](const plist::Value&, std::string, AuthorizationDone done) { done(true); },
-            [responder](plist::Value reply) { responder.reply(std::move(reply)); });
-      },
-      *framing::encodeRequest(1, versionRequest()));
+  runServerBench(state, dispatchGranted, *framing::encodeRequest(1, versionRequest()));
+}
+
+// A daily event with a name of 255 characters, the longest a client may give.
+plist::Value longNamedEvent(int i) {
+  plist::Array days;
+  for (const char* day : {"monday", "tuesday", "wednesday", "thursday", "friday"}) {
+    days.push_back(plist::Value::string(day));
+  }
+  std::string name = "Event " + std::to_string(i);
+  name.resize(255, 'n');
+  return plist::Value::dictionary(
+      {{"uniqueid", plist::Value::string("event-" + std::to_string(i))},
+       {"name", plist::Value::string(name)},
+       {"enabled", plist::Value::boolean(true)},
+       {"trigger",
+        plist::Value::dictionary({{"type", plist::Value::string("daily")},
+                                  {"secondsfrommidnight", plist::Value::integer(i * 7919 % 86400)},
+                                  {"days", plist::Value::array(std::move(days))}})},
+       {"action", plist::Value::dictionary({{"type", plist::Value::string("sleep")}})}});
+}
+
+// The event list of `count` long-named events, for as long as it lives.
+struct EventListOf {
+  explicit EventListOf(int count) {
+    model::eventListSetUp();
+    for (int i = 0; i < count; ++i) {
+      model::eventListStore(model::eventListGet(), longNamedEvent(i));
+    }
+  }
+  ~EventListOf() { model::eventListTearDown(); }
+};
+
+// "scheduler.events" through the dispatcher, the reply parsed by the client.
+void BM_DispatchEvents(benchmark::State& state) {
+  EventListOf list(static_cast<int>(state.range(0)));
+  runServerBench(state, dispatchGranted, *framing::encodeRequest(1, request("scheduler.events")),
+                 /*parses=*/true);
+}
+
+// The reference of BM_DispatchEvents: the same array through the XML writer.
+void BM_WriteEventsXml(benchmark::State& state) {
+  EventListOf list(static_cast<int>(state.range(0)));
+  const plist::Value events = model::eventListCopyPublic(model::eventListGet());
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(plist::writeXml(events));
+  }
 }
 
 // The framing alone: a NOOP and its 20-byte reply.
@@ -240,6 +298,8 @@ BENCHMARK(BM_BareEcho)->UseRealTime();
 BENCHMARK(BM_SocketNoop)->UseRealTime();
 BENCHMARK(BM_SocketRequest)->UseRealTime();
 BENCHMARK(BM_DispatchVersion)->UseRealTime();
+BENCHMARK(BM_WriteEventsXml)->Arg(1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DispatchEvents)->Arg(1000)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace nightjar::api

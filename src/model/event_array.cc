@@ -33,16 +33,24 @@ bool sameId(const std::string* a, const std::string* b) {
 // Any other identifier, or an array holding repeated identifiers, is searched
 // linearly until the array is next cleared or re-sorted.
 
-plist::Value EventArray::at(int index) const {
-  if (index < 0 || index >= size()) {
-    return {};
+const plist::Array& EventArray::members() const {
+  if (!membersBuilt_) {
+    members_.reserve(static_cast<std::size_t>(size()));
+    tree_.forEach([this](const MemberTree::Node& node) { members_.push_back(node.value); });
+    membersBuilt_ = true;
   }
-  return members_[static_cast<std::size_t>(index)];
+  return members_;
+}
+
+plist::Value EventArray::at(int index) const {
+  const MemberTree::Node* node = tree_.nodeAt(index);
+  return node == nullptr ? plist::Value() : node->value;
 }
 
 int EventArray::scanFor(const plist::Value& id) const {
-  for (std::size_t i = 0; i < members_.size(); ++i) {
-    if (eventUniqueID(members_[i]) == id) {
+  const plist::Array& all = members();
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (eventUniqueID(all[i]) == id) {
       return static_cast<int>(i);
     }
   }
@@ -58,7 +66,7 @@ int EventArray::indexOf(const plist::Value& id) const {
     return scanFor(id);
   }
   const auto found = firstAt_.find(std::string_view(*text));
-  return found == firstAt_.end() ? -1 : static_cast<int>(found->second - bias_);
+  return found == firstAt_.end() ? -1 : tree_.indexOf(found->second);
 }
 
 int EventArray::indexOfEqual(const plist::Value& event) const {
@@ -66,11 +74,13 @@ int EventArray::indexOfEqual(const plist::Value& event) const {
   // event's identifier can be equal to it.
   const plist::Value id = eventUniqueID(event);
   if (indexed_ && id.isString()) {
-    const int index = indexOf(id);
-    return index >= 0 && members_[static_cast<std::size_t>(index)] == event ? index : -1;
+    const auto found = firstAt_.find(std::string_view(*id.asString()));
+    return found != firstAt_.end() && found->second->value == event ? tree_.indexOf(found->second)
+                                                                    : -1;
   }
-  for (std::size_t i = 0; i < members_.size(); ++i) {
-    if (eventUniqueID(members_[i]) == id && members_[i] == event) {
+  const plist::Array& all = members();
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (eventUniqueID(all[i]) == id && all[i] == event) {
       return static_cast<int>(i);
     }
   }
@@ -78,115 +88,65 @@ int EventArray::indexOfEqual(const plist::Value& event) const {
 }
 
 void EventArray::append(plist::Value event) {
-  const std::string* id = stringIdOf(event);
-  members_.push_back(std::move(event));
-  ids_.push_back(id);
-  slots_.push_back(nullptr);
-  if (indexed_ && id != nullptr) {
-    const auto [entry, added] =
-        firstAt_.try_emplace(*id, static_cast<long>(members_.size() - 1) + bias_);
-    if (added) {
-      slots_.back() = &entry->second;
-    } else {
-      dropIndex();
-    }
+  changed();
+  MemberTree::Node* node = tree_.insert(size(), std::move(event));
+  node->id = stringIdOf(node->value);
+  if (indexed_ && node->id != nullptr && !firstAt_.try_emplace(*node->id, node).second) {
+    dropIndex();
   }
 }
 
+// A member that keeps its identifier keeps its entry; one that changes it
+// trades its entry for the new one, which may turn out to be shared.
 void EventArray::replace(int index, plist::Value event) {
-  const auto at = static_cast<std::size_t>(index);
+  changed();
+  MemberTree::Node* node = tree_.nodeAt(index);
   const std::string* id = stringIdOf(event);
-  const bool keepsId = sameId(ids_[at], id);
-  members_[at] = std::move(event);
-  ids_[at] = id;
-  if (!keepsId) {
-    reindex();
+  const bool keepsId = sameId(node->id, id);
+  if (indexed_ && !keepsId && node->id != nullptr) {
+    firstAt_.erase(firstAt_.find(std::string_view(*node->id)));
+  }
+  node->value = std::move(event);
+  node->id = id;
+  if (indexed_ && !keepsId && id != nullptr && !firstAt_.try_emplace(*id, node).second) {
+    dropIndex();
   }
 }
 
 void EventArray::erase(int index) {
-  const auto at = static_cast<std::size_t>(index);
-  if (indexed_) {
-    if (ids_[at] != nullptr) {
-      firstAt_.erase(firstAt_.find(std::string_view(*ids_[at])));
-    }
-    shiftAfterErase(index);
+  changed();
+  MemberTree::Node* node = tree_.nodeAt(index);
+  if (indexed_ && node->id != nullptr) {
+    firstAt_.erase(firstAt_.find(std::string_view(*node->id)));
   }
-  members_.erase(members_.begin() + index);
-  ids_.erase(ids_.begin() + index);
-  slots_.erase(slots_.begin() + index);
-}
-
-// Members after `index` move one place forward. Either their entries are
-// decremented, or the entries before `index` are incremented together with
-// the bias: whichever touches fewer entries.
-void EventArray::shiftAfterErase(int index) {
-  const int count = size();
-  const bool front = index < count - 1 - index;
-  const int begin = front ? 0 : index + 1;
-  const int end = front ? index : count;
-  const long step = front ? 1 : -1;
-  for (int i = begin; i < end; ++i) {
-    if (long* slot = slots_[static_cast<std::size_t>(i)]) {
-      *slot += step;
-    }
-  }
-  if (front) {
-    bias_ += 1;
-  }
+  tree_.erase(node);
 }
 
 void EventArray::clear() {
-  members_.clear();
-  ids_.clear();
-  reindex();
+  assign({});
 }
 
-void EventArray::move(int from, int to) {
-  const int low = std::min(from, to);
-  const int high = std::max(from, to);
-  const auto rotate = [&](auto& items) {
-    const auto first = items.begin();
-    if (from < to) {
-      std::rotate(first + from, first + from + 1, first + to + 1);
-    } else {
-      std::rotate(first + to, first + from, first + from + 1);
-    }
-  };
-  rotate(members_);
-  rotate(ids_);
-  rotate(slots_);
-  for (int i = low; i <= high; ++i) {
-    if (long* slot = slots_[static_cast<std::size_t>(i)]) {
-      *slot = i + bias_;
-    }
+// Rebuilds the tree and the index from `members`, in order.
+void EventArray::assign(plist::Array members) {
+  changed();
+  tree_.clear();
+  firstAt_.clear();
+  indexed_ = true;
+  for (plist::Value& member : members) {
+    append(std::move(member));
   }
 }
 
-void EventArray::reindex() {
-  ids_.resize(members_.size());
-  slots_.assign(members_.size(), nullptr);
-  firstAt_.clear();
-  bias_ = 0;
-  indexed_ = true;
-  for (std::size_t i = 0; i < members_.size(); ++i) {
-    ids_[i] = stringIdOf(members_[i]);
-    if (ids_[i] == nullptr) {
-      continue;
-    }
-    const auto [entry, added] = firstAt_.try_emplace(*ids_[i], static_cast<long>(i));
-    if (!added) {
-      dropIndex();
-      return;
-    }
-    slots_[i] = &entry->second;
+void EventArray::changed() {
+  if (membersBuilt_) {
+    members_.clear();
+    membersBuilt_ = false;
   }
 }
 
 void EventArray::dropIndex() {
   indexed_ = false;
   firstAt_.clear();
-  slots_.assign(members_.size(), nullptr);
 }
 
 int eventArrayIndexOf(const EventArray& array, const plist::Value& id) {

@@ -6,7 +6,8 @@
 // (possible only through an unchecked append) always answers the earlier one.
 //
 // Lookups by a string identifier go through a hash index instead of a linear
-// search; the answers are the same (see event_array.cc).
+// search; the answers are the same (see event_array.cc). Edits anywhere in
+// the array cost a logarithmic time (member_tree.h).
 #pragma once
 
 #include <algorithm>
@@ -15,9 +16,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
+#include <utility>
 
 #include "model/event.h"
+#include "model/member_tree.h"
 #include "plist/value.h"
 
 namespace nightjar::model {
@@ -25,12 +27,19 @@ namespace nightjar::model {
 class EventArray {
  public:
   EventArray() = default;
+  EventArray(const EventArray&) = delete;
+  EventArray& operator=(const EventArray&) = delete;
 
-  const plist::Array& members() const { return members_; }
-  int size() const { return static_cast<int>(members_.size()); }
-  bool empty() const { return members_.empty(); }
+  // The members in order, borrowed: valid until the array next changes. Built
+  // on demand after a change, so a caller that only needs one member asks
+  // at() instead.
+  const plist::Array& members() const;
+  int size() const { return tree_.size(); }
+  bool empty() const { return size() == 0; }
   // The member at `index`, or none when the index is out of range.
   plist::Value at(int index) const;
+  // The member at `index`, which must be in range, borrowed as members().
+  const plist::Value& member(int index) const { return tree_.nodeAt(index)->value; }
 
   // Index of the first member whose "uniqueid" equals `id`, or -1.
   int indexOf(const plist::Value& id) const;
@@ -43,13 +52,36 @@ class EventArray {
   void replace(int index, plist::Value event);
   void erase(int index);
   void clear();
-  // Moves the member at `from` to `to`, shifting the members between by one.
-  void move(int from, int to);
+  // Moves the member at `from` to the index that place(others) answers, where
+  // `others` is the array without that member, searchable (Others) until
+  // place returns.
+  class Others {
+   public:
+    explicit Others(const MemberTree& tree) : tree_(tree) {}
+    // As MemberTree::partitionPoint.
+    template <typename Predicate>
+    int partitionPoint(Predicate predicate) const {
+      return tree_.partitionPoint(predicate);
+    }
+    const plist::Value& member(int index) const { return tree_.nodeAt(index)->value; }
+    int size() const { return tree_.size(); }
+
+   private:
+    const MemberTree& tree_;
+  };
+  template <typename Place>
+  void reposition(int from, Place place) {
+    changed();
+    MemberTree::Node* node = tree_.nodeAt(from);
+    tree_.takeOut(node);
+    tree_.putBack(node, place(Others(tree_)));
+  }
   // Stable sort by `less`, a strict weak order on members.
   template <typename Less>
   void sort(Less less) {
-    std::stable_sort(members_.begin(), members_.end(), less);
-    reindex();
+    plist::Array sorted = members();
+    std::stable_sort(sorted.begin(), sorted.end(), less);
+    assign(std::move(sorted));
   }
 
  private:
@@ -61,23 +93,19 @@ class EventArray {
   };
 
   int scanFor(const plist::Value& id) const;
-  void shiftAfterErase(int index);
-  void reindex();
+  void assign(plist::Array members);
+  void changed();
   void dropIndex();
 
-  plist::Array members_;
-  // ids_[i]: the string identifier of members_[i] (inside the held record), or
-  // nullptr when it has none or a non-string one.
-  std::vector<const std::string*> ids_;
-  // The first position of each string identifier, stored as position + bias_
-  // so that an erase near the front shifts the few entries before it.
-  std::unordered_map<std::string, long, Hash, std::equal_to<>> firstAt_;
-  // slots_[i]: members_[i]'s entry in firstAt_, or nullptr when it has none.
-  // Map entries never move, so a shift updates positions without hashing.
-  std::vector<long*> slots_;
-  long bias_ = 0;
+  MemberTree tree_;
+  // The first member holding each string identifier, while indexed_. Nodes
+  // keep their addresses, so a member moving never touches this map.
+  std::unordered_map<std::string, MemberTree::Node*, Hash, std::equal_to<>> firstAt_;
   // False while two members share a string identifier: lookups then scan.
   bool indexed_ = true;
+  // members() as last built; emptied by any change.
+  mutable plist::Array members_;
+  mutable bool membersBuilt_ = true;
 };
 
 // Index of the first member whose "uniqueid" equals `id`, or -1.

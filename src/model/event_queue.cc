@@ -13,12 +13,10 @@ void postUpdate(const EventQueue* queue, const plist::Value& userInfo = {}) {
   runloop::localCenter().post(kQueueUpdateNotification, queue, userInfo);
 }
 
-// The first index in [0, count) at which `predicate` turns false, for a
+// The first index in [low, high) at which `predicate` turns false, for a
 // predicate that is true on a prefix and false after it.
 template <typename Predicate>
-int partitionPoint(int count, Predicate predicate) {
-  int low = 0;
-  int high = count;
+int partitionPoint(int low, int high, Predicate predicate) {
   while (low < high) {
     const int middle = low + (high - low) / 2;
     if (predicate(middle)) {
@@ -28,6 +26,21 @@ int partitionPoint(int count, Predicate predicate) {
     }
   }
   return low;
+}
+
+// As partitionPoint over [begin, count), probing 1, 2, 4... places ahead of
+// `begin` first: a short true prefix costs a few calls whatever `count` is.
+template <typename Predicate>
+int gallopPoint(int begin, int count, Predicate predicate) {
+  int low = begin;
+  for (int step = 1; low < count; step *= 2) {
+    const int probe = std::min(low + step - 1, count - 1);
+    if (!predicate(probe)) {
+      return partitionPoint(low, probe, predicate);
+    }
+    low = probe + 1;
+  }
+  return count;
 }
 
 }  // namespace
@@ -40,16 +53,16 @@ bool EventQueue::less(const plist::Value& a, const plist::Value& b) const {
 // in order before the store, so the changed member is moved to its place among
 // them: after the equal members that stood before it and before those that
 // stood after it. That is exactly where a stable sort of the whole array puts
-// it, at the cost of a binary search. After a replace-all the order is unknown:
-// the others are checked once, and sorted as a whole when out of order.
+// it, at the cost of one descent of the tree. After a replace-all the order is
+// unknown: the others are checked once, and sorted as a whole when out of order.
 void EventQueue::resort(int changed) {
-  const plist::Array& members = events_.members();
   const int restCount = events_.size() - 1;
-  const auto rest = [&](int k) -> const plist::Value& {
-    return members[static_cast<std::size_t>(k < changed ? k : k + 1)];
-  };
   if (!ordered_) {
     ordered_ = true;
+    const plist::Array& members = events_.members();
+    const auto rest = [&](int k) -> const plist::Value& {
+      return members[static_cast<std::size_t>(k < changed ? k : k + 1)];
+    };
     for (int k = 1; k < restCount; ++k) {
       if (less(rest(k), rest(k - 1))) {
         events_.sort([this](const plist::Value& a, const plist::Value& b) { return less(a, b); });
@@ -57,10 +70,15 @@ void EventQueue::resort(int changed) {
       }
     }
   }
-  const plist::Value& event = members[static_cast<std::size_t>(changed)];
-  const int low = partitionPoint(restCount, [&](int k) { return less(rest(k), event); });
-  const int high = partitionPoint(restCount, [&](int k) { return !less(event, rest(k)); });
-  events_.move(changed, std::clamp(changed, low, std::max(low, high)));
+  const plist::Value event = events_.member(changed);
+  events_.reposition(changed, [&](const EventArray::Others& rest) {
+    const int low =
+        rest.partitionPoint([&](const plist::Value& other) { return less(other, event); });
+    // The members equal to the event, usually none, follow `low`.
+    const int high =
+        gallopPoint(low, rest.size(), [&](int k) { return !less(event, rest.member(k)); });
+    return std::clamp(changed, low, std::max(low, high));
+  });
 }
 
 std::unique_ptr<EventQueue> eventQueueCreate(EventComparator comparator, void* context) {

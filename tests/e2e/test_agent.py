@@ -129,7 +129,10 @@ def test_delay_cancel_and_remove_close_their_notices_and_a_second_agent_exits(de
     desktop.invoke(ids["Boot"], CANCEL[0])
     assert wait_until(lambda: "boot" not in desktop.pending())
     subprocess.run([str(CTL), "remove", "gone"], env=desktop.env, check=True, timeout=20)
-    assert wait_until(lambda: desktop.notices() == {})
+    # The delayed event is warned again at once (its new date is still within the
+    # period); whether its notice comes back is not what this test is about.
+    assert wait_until(lambda: not [body for _, body, _ in desktop.notices().values()
+                                    if not body.startswith("Halt:")])
 
 
 def test_a_restarted_daemon_leaves_one_notice_per_warning(desktop, start_daemon):

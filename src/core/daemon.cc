@@ -185,7 +185,9 @@ void buildModules(Daemon& daemon) {
       notifications::notificationControllerGet(),
       adapter::makeLogindTerminalBroadcast(daemon.bus.get(), daemon.root), runloop::systemClock(),
       daemon.loop->timerFactory());
-  state::persistenceRestore();
+  // A state read and applied as it was needs no write until it changes.
+  state::saveOnChangeObserverStartFrom(state::saveOnChangeObserverGet(),
+                                       state::persistenceRestore());
 }
 
 bool openApiSocket(Daemon& daemon) {

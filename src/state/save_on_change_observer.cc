@@ -17,7 +17,8 @@ struct SaveOnChangeObserver {
   std::unique_ptr<runloop::ObserverHandle> runLoopObserver;
   SaveOnChangeHooks hooks;
   bool failing = false;  // the last save failed and was logged
-  // The state the last successful save wrote. Its members are shared with the
+  // The state the last successful save wrote, or the one read at start-up,
+  // or the last equal state built since. Its members are shared with the
   // modules, so comparing a new state with it costs little unless it changed.
   plist::Value saved;
 };
@@ -61,6 +62,11 @@ SaveOnChangeObserver* saveOnChangeObserverGet() {
   return gObserver.get();
 }
 
+void saveOnChangeObserverStartFrom(SaveOnChangeObserver* observer, plist::Value stored) {
+  if (observer != nullptr && !stored.isNone())
+    observer->saved = std::move(stored);
+}
+
 void saveOnChangeObserverRunPass(SaveOnChangeObserver* observer) {
   if (observer == nullptr || !observer->dirty)
     return;
@@ -68,6 +74,9 @@ void saveOnChangeObserverRunPass(SaveOnChangeObserver* observer) {
   // A pass that changed nothing (a request that found everything as asked)
   // writes nothing: no write, no sync.
   if (state == observer->saved) {
+    // Kept instead of the equal one: it shares its members with the modules,
+    // so later comparisons stay cheap.
+    observer->saved = std::move(state);
     observer->dirty = false;
     savedStateSizeSaved();
     return;

@@ -12,6 +12,7 @@
 
 #include <functional>
 
+#include "plist/value.h"
 #include "runloop/run_loop.h"
 
 namespace nightjar::state {
@@ -28,6 +29,11 @@ bool saveOnChangeObserverCreate(runloop::RunLoop* loop, SaveOnChangeHooks hooks 
 // Stops observing the center and the loop; does nothing without an observer.
 void saveOnChangeObserverDestroy();
 SaveOnChangeObserver* saveOnChangeObserverGet();
+
+// Takes `stored` as what storage holds already: a start from the state read
+// at start-up, so that a pass whose state still equals it writes nothing.
+// Does nothing without an observer or when `stored` is none.
+void saveOnChangeObserverStartFrom(SaveOnChangeObserver* observer, plist::Value stored);
 
 // What the run-loop observer does at the end of a pass and at exit: saves when
 // dirty. Exposed so that tests can drive passes by hand.

@@ -45,14 +45,14 @@ bool persistenceSave(const Value& state) {
   return saved;
 }
 
-void persistenceApplyState(const Value& state) {
+bool persistenceApplyState(const Value& state) {
   if (!hasAllKeys(state))
-    return;
+    return false;
   model::EventList* events = model::eventListGet();
   scheduling::QueueControllerList* queues = scheduling::queueControllerListGet();
   notifications::NotificationController* controller = notifications::notificationControllerGet();
   if (events == nullptr || queues == nullptr || controller == nullptr)
-    return;
+    return false;
   // A member of the wrong type would empty its module; it is skipped instead.
   if (const Value saved = state.get(kEventsKey); saved.asArray() != nullptr)
     model::eventListReplaceAll(events, saved);
@@ -60,13 +60,15 @@ void persistenceApplyState(const Value& state) {
     notifications::notificationControllerApplyState(controller, saved);
   if (const Value saved = state.get(kQueuesKey); saved.asDictionary() != nullptr)
     scheduling::queueControllerListRestoreQueues(queues, saved);
+  return true;
 }
 
-void persistenceRestore() {
+Value persistenceRestore() {
   const Value saved =
       persistence::preferencesCopyValue(persistence::kEngineKey, persistence::engineDefault());
-  if (saved != persistence::engineDefault())
-    persistenceApplyState(saved);
+  if (saved != persistence::engineDefault() && persistenceApplyState(saved))
+    return saved;
+  return {};
 }
 
 }  // namespace nightjar::state

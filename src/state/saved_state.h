@@ -30,11 +30,12 @@ bool persistenceSave(const plist::Value& state);
 // exist: events, then notifications, then queues. A member of the wrong type
 // ("events" or "notifications" not an array, "queues" not a dictionary) is
 // skipped and leaves its module as it is; the other members still apply.
-void persistenceApplyState(const plist::Value& state);
+// Answers whether the state applied.
+bool persistenceApplyState(const plist::Value& state);
 
 // Reads "engine" (default: the empty dictionary) and applies it unless it is
-// the empty dictionary.
-void persistenceRestore();
+// the empty dictionary. Answers the state it applied, else none.
+plist::Value persistenceRestore();
 
 // The module's process-wide marker, kept from create to destroy.
 void persistenceControllerCreate();

@@ -69,7 +69,10 @@ ReadResult readDictionaryFile(const std::string& path) {
   const std::size_t limit = storedFileLimit();
   if (static_cast<std::uint64_t>(st.st_size) > limit) {
     result.outcome = ReadOutcome::TooLarge;
-  } else if (int error = readBounded(fd.get(), bytes, limit); error != 0) {
+    return result;
+  }
+  bytes.reserve(static_cast<std::size_t>(st.st_size));  // one buffer: the read never regrows it
+  if (int error = readBounded(fd.get(), bytes, limit); error != 0) {
     result.error = error;
     result.outcome = ReadOutcome::Unreadable;
   } else if (bytes.size() > limit) {

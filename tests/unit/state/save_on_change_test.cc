@@ -92,6 +92,17 @@ TEST_F(SaveOnChangeTest, AFailedSaveKeepsTheLastFileIsLoggedOnceAndRetried) {
   EXPECT_EQ(errorLines(log), 2);
 }
 
+TEST_F(SaveOnChangeTest, AStartFromTheReadStateWritesOnlyWhatLoadingChanged) {
+  const Value read = persistenceCopyState();  // loading gives the second its queues
+  for (const Value& engine : {read, read.with(kQueuesKey, Dict({}))}) {
+    preferences_.changeExternally(persistence::kEngineKey, engine);
+    saveOnChangeObserverStartFrom(observer_, persistenceRestore());
+    post();
+    saveOnChangeObserverRunPass(observer_);
+    EXPECT_EQ(preferences_.writes(), engine == read ? 0 : 1);
+  }
+}
+
 TEST_F(SaveOnChangeTest, TheRunLoopSavesBeforeSleepingAndAtExit) {
   auto first = loop_->addTimer([this] { post(); });
   auto last = loop_->addTimer([this] {

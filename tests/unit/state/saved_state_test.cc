@@ -77,7 +77,7 @@ TEST_F(SavedStateTest, AnIncompleteStateOrEngineRestoresNothing) {
   persistenceApplyState(full.without(kEventsKey));
   persistenceApplyState(full.without(kQueuesKey));
   persistenceApplyState(A({full}));
-  persistenceApplyState(Value());
+  EXPECT_FALSE(persistenceApplyState(Value()));
   EXPECT_TRUE(eventIds().empty());
 
   // Every module must exist.
@@ -88,10 +88,10 @@ TEST_F(SavedStateTest, AnIncompleteStateOrEngineRestoresNothing) {
 
   // A stored engine that is not a dictionary reads as the default.
   preferences_.changeExternally(persistence::kEngineKey, A({full}));
-  persistenceRestore();
+  EXPECT_TRUE(persistenceRestore().isNone());
   EXPECT_TRUE(eventIds().empty());
   preferences_.changeExternally(persistence::kEngineKey, full);
-  persistenceRestore();
+  EXPECT_EQ(persistenceRestore(), full);
   EXPECT_EQ(eventIds(), (std::vector<std::string>{"a"}));
 }
 

@@ -35,6 +35,7 @@ import random
 import statistics
 import sys
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -43,7 +44,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 from nightjar_client import Client, authorization_form, socket_path  # noqa: E402
 from nightjar_harness import (STATE_FILE, WAKE_ENTRIES_FILE, BroadcastListener,  # noqa: E402
                               Daemon, DbusMock, PrivateBus, daily_event, epoch, install_rights,
-                              make_root, utc_in)
+                              make_root, utc_in, wait_until)
+from gi.repository import GLib  # noqa: E402
 
 NAME_LENGTH = 255
 NOTIFY_PERIOD = 86400.0
@@ -63,15 +65,34 @@ def milliseconds(seconds):
 
 
 class TimedListener(BroadcastListener):
-    """The daemon's broadcasts, each with the wall-clock time it arrived."""
+    """The daemon's broadcasts, each with the wall-clock time it arrived: a thread
+    of its own dispatches them as they come, so the times are not those of a poll."""
 
     def __init__(self, bus):
         self.arrivals = []
         super().__init__(bus)
+        self._connection.add_signal_receiver(
+            lambda name, info: self.arrivals.append((time.time(), str(name), str(info))),
+            signal_name="Notification", dbus_interface="quillon.nightjar",
+            path="/quillon/nightjar")
+        self._stopping = threading.Event()
+        self._pump = threading.Thread(target=self._dispatch, daemon=True)
+        self._pump.start()
 
-    def _on_signal(self, name, user_info):
-        self.arrivals.append((time.time(), str(name), str(user_info)))
-        super()._on_signal(name, user_info)
+    def _dispatch(self):
+        context = GLib.MainContext.default()
+        while not self._stopping.is_set():
+            if not context.iteration(False):
+                time.sleep(0.0005)
+
+    def wait_for(self, name, count=1, timeout=5.0):
+        return wait_until(lambda: [n for _, n, _ in self.arrivals].count(name) >= count,
+                          timeout)
+
+    def stop(self):
+        self._stopping.set()
+        self._pump.join()
+        super().stop()
 
 
 class Workload:

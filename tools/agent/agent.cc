@@ -168,7 +168,8 @@ void Agent::answer(const std::string& uniqueid, std::string_view key) {
   }
   auto send = [this, uniqueid, request, parameter](bool) {
     const plist::Value reply = call(request, parameter);
-    if (reply && !client::succeeded(reply))
+    const bool answered = reply && client::succeeded(reply);
+    if (reply && !answered)
       for (const std::string& line : client::describeFailure(request, reply))
         complain(line);
     const auto it = notices_.find(uniqueid);
@@ -176,6 +177,12 @@ void Agent::answer(const std::string& uniqueid, std::string_view key) {
       return;
     if (it->second.id != 0 && !it->second.dismissed)
       server_.close(it->second.id);
+    if (answered) {
+      // The answered warning is over. The event comes back, if at all, as a new
+      // warning, whose "metadatanotified" may fall in the same second as this one.
+      notices_.erase(it);
+      return;
+    }
     it->second.id = 0;
     it->second.dismissed = true;
   };

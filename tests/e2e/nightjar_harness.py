@@ -323,6 +323,12 @@ WAKE_ENTRIES_FILE = "var/lib/nightjar/powerevents.plist"
 RTC_ALARM_FILE = "sys/class/rtc/rtc0/wakealarm"
 
 
+def inhibitors(logind, what):
+    """The daemon's inhibitors of `what` ("sleep", "idle") that logind's mock holds."""
+    listed = logind.object(LOGIND_PATH).ListInhibitors(dbus_interface=LOGIND_MANAGER)
+    return [i for i in listed if str(i[0]) == what and str(i[1]) == "nightjard"]
+
+
 def utc_in(seconds):
     """A naive UTC date `seconds` ahead, whole seconds (the XML form keeps no fraction)."""
     now = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0, tzinfo=None)

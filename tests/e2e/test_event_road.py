@@ -81,11 +81,6 @@ def test_events_due_together_are_performed_one_after_another(daemon, client, roo
     assert daemon.process.poll() is None
 
 
-def inhibitors(logind, what):
-    listed = logind.object(LOGIND_PATH).ListInhibitors(dbus_interface=LOGIND_MANAGER)
-    return [i for i in listed if str(i[0]) == what and str(i[1]) == "nightjard"]
-
-
 def test_an_inactivity_event_is_performed_once_the_user_is_idle(client, root, logind, broadcasts):
     idle_since = int((time.time() - 100) * 1_000_000)
     logind.object(LOGIND_PATH).UpdateProperties(

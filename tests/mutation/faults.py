@@ -61,7 +61,7 @@ FAULTS = [
           E2E + "test_saved_state.py -k sigterm_during"),
     fault("uid-connection-cap-off-by-one", "src/api/connection_quota.cc",
           "found->second >= kConnectionsPerUser", "found->second > kConnectionsPerUser",
-          ["socket_server_test"], "Socket", E2E + "test_api_socket.py"),
+          ["socket_server_test"], "Socket", "tests/stress/test_peers.py -k idle"),
     fault("unsent-reply-bound-off-by-one", "src/api/socket_client.cc",
           "replyQueue.size() >= framing::kMaxUnsentReplies",
           "replyQueue.size() > framing::kMaxUnsentReplies",

@@ -11,11 +11,10 @@ import threading
 import pytest
 
 from nightjar_client import Client, socket_path
-from nightjar_harness import (LOGIND_MANAGER, LOGIND_PATH, NOBODY, PYTHON, STATE_FILE, DbusMock,
-                              as_user, once_event, saved_ids, wait_until)
+from nightjar_harness import (NOBODY, PYTHON, STATE_FILE, BroadcastListener, DbusMock, as_user,
+                              inhibitors, once_event, saved_ids, wait_until)
 from stress_harness import FAR, fault_lines
 
-CHANGES = 20
 UNAUTHORIZED = {"error": 500, "reason": "Request must be authorized"}
 HUNG_POLKIT = """
 import sys, dbus, dbus.service, dbus.mainloop.glib
@@ -41,46 +40,38 @@ class World:
         self.root, self.bus, self.state = root, bus, root / STATE_FILE
         self.sentinel = root.parent / "sentinel"  # beside the daemon's root, never written
         self.sentinel.write_text("sentinel\n")
-        self.mocks = {}
+        self.mocks, self.mount = {}, contextlib.ExitStack()
         self.start_mocks()
 
     def start_mocks(self):
-        for name in ("logind", "polkitd"):
-            self.stop_mock(name)
-            self.mocks[name] = DbusMock(self.bus, name)
+        self.stop_mocks()
+        self.mocks = {name: DbusMock(self.bus, name) for name in ("logind", "polkitd")}
 
-    def stop_mock(self, name):
-        if name in self.mocks:
+    def stop_mocks(self, *names):
+        for name in names or list(self.mocks):
             self.mocks.pop(name).stop()
 
-    def sleep_delay_held(self):
-        """Whether logind's mock holds the daemon's sleep delay: its bus is followed."""
-        inhibitors = self.mocks["logind"].object(LOGIND_PATH).ListInhibitors(
-            dbus_interface=LOGIND_MANAGER)
-        return any(str(i[1]) == "nightjard" and str(i[3]) == "delay" for i in inhibitors)
 
-    def run(self, *command):
-        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+def run(*command):
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
 
 def mounted(world, *options):
-    folder = world.state.parent
-    if subprocess.run(["mount", *options, str(folder), str(folder)],
-                      stderr=subprocess.DEVNULL).returncode != 0:
+    folder = str(world.state.parent)
+    if subprocess.run(["mount", *options, folder, folder], stderr=subprocess.DEVNULL).returncode:
         pytest.skip(f"mount {' '.join(options)} is refused here")
     unmount = contextlib.ExitStack()
-    unmount.callback(world.run, "umount", str(folder))
+    unmount.callback(run, "umount", folder)
     return unmount
 
 
-@contextlib.contextmanager
 def read_only(world):
-    with mounted(world, "--bind", "-o", "ro"):
-        yield
+    return mounted(world, "--bind", "-o", "ro")
 
 
 @contextlib.contextmanager
 def disk_full(world):
+    """On a small tmpfs that `on_disk_full_tmpfs` mounted before the daemon started."""
     filler = world.state.parent / "filler"
     with contextlib.suppress(OSError), open(filler, "wb") as output:
         while True:
@@ -89,23 +80,21 @@ def disk_full(world):
     filler.unlink()
 
 
-@contextlib.contextmanager
-def file_size_limit(world):
-    """Disk full as a process meets it under RLIMIT_FSIZE: where a tmpfs mount is refused, the
-    stand-in; and a daemon started under such a limit."""
-    pid = str(world.daemon.process.pid)
-    # The soft limit only: root may lack the right to raise a hard one again.
-    world.run("prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:")
-    yield
-    world.run("prlimit", "--pid", pid, "--fsize=unlimited:")
-
-
 def on_disk_full_tmpfs(world):
-    """Before the daemon starts: the state folder, its files kept, on a small tmpfs."""
     kept = world.root / "kept"
     shutil.copytree(world.state.parent, kept)
     world.mount = mounted(world, "-t", "tmpfs", "-o", "size=256k")
     shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
+
+
+@contextlib.contextmanager
+def file_size_limit(world):
+    """Disk full as a process meets it under RLIMIT_FSIZE (the soft limit only: root may lack
+    the right to raise a hard one again)."""
+    pid = str(world.daemon.process.pid)
+    run("prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:")
+    yield
+    run("prlimit", "--pid", pid, "--fsize=unlimited:")
 
 
 def replaced(make):
@@ -128,8 +117,7 @@ def restarted(world, bus=True):
     """The system bus (the mocks go with it), or else the mocks alone, go and come back."""
     if bus:
         world.bus.restart()
-    for name in list(world.mocks):
-        world.stop_mock(name)
+    world.stop_mocks()
     yield
     world.start_mocks()
 
@@ -143,7 +131,7 @@ def next_line(process, timeout=15):
 def polkit_hung(world):
     """polkit takes the question of a non-root writer and never answers; root's changes go on
     meanwhile, and the writer is refused once polkit is gone."""
-    world.stop_mock("polkitd")
+    world.stop_mocks("polkitd")
     hung = subprocess.Popen([PYTHON, "-c", HUNG_POLKIT, world.bus.address], stdout=subprocess.PIPE)
     assert next_line(hung) == b"owned"
 
@@ -186,15 +174,6 @@ FAULTS = [
 ]
 
 
-def change(client, uniqueid, model):
-    assert client.call("scheduler.set", once_event(uniqueid, "restart", FAR)) == {"status": 200}
-    model.add(uniqueid)
-
-
-def listed(client):
-    return {event["uniqueid"] for event in client.call("scheduler.events")["response"]}
-
-
 @pytest.mark.parametrize("row,fault,logged", FAULTS, ids=[row for row, _, _ in FAULTS])
 def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, row, fault,
                                               logged):
@@ -203,35 +182,44 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
         on_disk_full_tmpfs(world)
     daemon = world.daemon = start_daemon(extra_env={"NIGHTJAR_POLKIT_TIMEOUT": "120"})
     model = set()
+
+    def change(client, uniqueid):
+        client.ok("scheduler.set", once_event(uniqueid, "restart", FAR))
+        model.add(uniqueid)
+
+    def listed(client):
+        return {event["uniqueid"] for event in client.call("scheduler.events")["response"]}
+
     try:
         assert daemon.wait_running()
         with Client(socket_path(root)) as client:
-            for uniqueid in ("before-1", "before-2"):
-                change(client, uniqueid, model)
-            assert client.call("notifications.setnotifyperiod", 90) == {"status": 200}
+            change(client, "before-1")
+            change(client, "before-2")
+            client.ok("notifications.setnotifyperiod", 90)
             since, good = len(daemon.lines()), world.state.read_bytes()
             with fault(world):
-                for number in range(CHANGES):
-                    change(client, f"during-{number}", model)
-                assert client.call("scheduler.remove", "before-2") == {"status": 200}
+                for number in range(20):
+                    change(client, f"during-{number}")
+                client.ok("scheduler.remove", "before-2")
                 model.discard("before-2")
                 assert listed(client) == model
                 if fault in (read_only, disk_full, file_size_limit):
                     assert world.state.read_bytes() == good  # the last good state
-            change(client, "after", model)
+            # Back on the bus (the sleep delay retaken), the broadcasts reach it again.
+            assert wait_until(lambda: inhibitors(world.mocks["logind"], "sleep"), timeout=15)
+            listener = BroadcastListener(system_bus)
+            change(client, "after")
+            assert listener.wait_for("scheduler.events")
+            listener.stop()
             assert listed(client) == model and saved_ids(root) == model
             assert client.call("notifications.notifyperiod") == {"status": 200, "response": 90}
         faults = fault_lines(daemon, since)
         assert len(set(faults)) == len(faults), faults
-        if logged:
-            assert len([m for m in daemon.messages()[since:] if logged in m]) == 1, faults
-        assert wait_until(world.sleep_delay_held, timeout=15)
+        assert len([m for m in daemon.messages()[since:] if logged in m]) == 1, faults
         assert world.sentinel.read_text() == "sentinel\n"
         assert daemon.process.poll() is None
     finally:
         daemon.stop()
-        for name in list(world.mocks):
-            world.stop_mock(name)
-        if getattr(world, "mount", None):
-            world.mount.close()
+        world.stop_mocks()
+        world.mount.close()
     print(f"\n{row}: survived; {len(model)} acknowledged events kept; {len(faults)} fault lines")

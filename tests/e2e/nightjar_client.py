@@ -15,22 +15,15 @@ import struct
 
 # Stretches every time-out, for a slower build of the daemon (the sanitizer one).
 TIMEOUT_FACTOR = float(os.environ.get("NIGHTJAR_TIMEOUT_FACTOR", "1"))
-MAGIC = 0x4E4A4150
-DICT = 0x44494354
-NOOP = 0x4E4F4F50
-GDBY = 0x47444259
-RPLY = 0x52504C59
-
+MAGIC, DICT, NOOP, GDBY, RPLY = 0x4E4A4150, 0x44494354, 0x4E4F4F50, 0x47444259, 0x52504C59
 HEADER = struct.Struct("<IIII")
 PAYLOAD_OFFSET = 24
-MAX_REQUEST_LENGTH = 102400
-SOCKET_PATH = "/var/tmp/quillon.nightjar/api"
 OK = {"status": 200}
 
 
 def socket_path(root):
     """The API socket under a daemon root."""
-    return os.path.join(str(root), SOCKET_PATH.lstrip("/"))
+    return os.path.join(str(root), "var/tmp/quillon.nightjar/api")
 
 
 def process_start_time(pid="self"):
@@ -40,22 +33,22 @@ def process_start_time(pid="self"):
     return int(line[line.rindex(b")") + 2:].split()[19])
 
 
-def authorization_form(pid=None, uid=None, start_time=None, magic=b"NJAZ", version=1):
+def authorization_form(pid=None, uid=None, start_time=None):
     """The 32-byte form for this process; any field may be forged for a test."""
     pid = os.getpid() if pid is None else pid
     uid = os.getuid() if uid is None else uid
     start_time = process_start_time() if start_time is None else start_time
-    return magic + struct.pack("<IIIQQ", version, pid, uid, start_time, 0)
+    return b"NJAZ" + struct.pack("<IIIQQ", 1, pid, uid, start_time, 0)
 
 
-def header(message_type, identifier, length, magic=MAGIC):
-    return HEADER.pack(magic, message_type, identifier, length)
+def header(message_type, identifier, length):
+    return HEADER.pack(MAGIC, message_type, identifier, length)
 
 
-def dict_message(identifier, payload, message_type=DICT):
-    """A DICT (or any type) carrying `payload` bytes."""
-    length = PAYLOAD_OFFSET + len(payload)
-    return header(message_type, identifier, length) + struct.pack("<II", 0, len(payload)) + payload
+def dict_message(identifier, payload):
+    """A DICT carrying `payload` bytes."""
+    return header(DICT, identifier, PAYLOAD_OFFSET + len(payload)) + \
+        struct.pack("<II", 0, len(payload)) + payload
 
 
 def encode_request(identifier, request):
@@ -66,6 +59,19 @@ def encode_request(identifier, request):
 def bare_message(message_type, identifier):
     """A header-only message: NOOP or GDBY."""
     return header(message_type, identifier, HEADER.size)
+
+
+def split_reply(data):
+    """(the first RPLY in `data`, the bytes after it), or None while it is not all there."""
+    if len(data) < HEADER.size:
+        return None
+    _, kind, identifier, length = HEADER.unpack_from(data)
+    if kind != RPLY or length < 20 or (20 < length < PAYLOAD_OFFSET):
+        raise ValueError(f"not a reply: type {kind:#x}, length {length}")
+    if len(data) < length:
+        return None
+    size = struct.unpack_from("<I", data, 20)[0] if length > 20 else 0
+    return Reply(identifier, data[PAYLOAD_OFFSET:PAYLOAD_OFFSET + size]), data[length:]
 
 
 class ConnectionClosed(Exception):
@@ -81,15 +87,14 @@ class Reply(collections.namedtuple("Reply", "identifier payload")):
 
 
 class Client:
-    """One connection to the daemon's socket."""
+    """One connection to the daemon's socket; a blocking connect waits while the daemon's
+    backlog is full."""
 
     def __init__(self, path, timeout=5.0):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        # A blocking connect waits while the daemon's backlog is full.
         self.socket.connect(str(path))
         self.socket.settimeout(timeout * TIMEOUT_FACTOR)
-        self._buffer = b""
-        self._next_identifier = 1
+        self._buffer, self._next_identifier = b"", 1
 
     def close(self):
         self.socket.close()
@@ -103,29 +108,21 @@ class Client:
     def send_raw(self, data):
         self.socket.sendall(data)
 
-    def send(self, request, identifier=None):
+    def send(self, request):
         """Sends a DICT request; answers the identifier it carries."""
-        if identifier is None:
-            identifier = self._next_identifier
-            self._next_identifier += 1
+        identifier, self._next_identifier = self._next_identifier, self._next_identifier + 1
         self.send_raw(encode_request(identifier, request))
         return identifier
 
     def receive(self):
         """The next reply; ConnectionClosed when the daemon closed instead."""
-        while True:
-            if len(self._buffer) >= HEADER.size:
-                _, kind, identifier, length = HEADER.unpack_from(self._buffer)
-                if kind != RPLY or length < 20 or (20 < length < PAYLOAD_OFFSET):
-                    raise ValueError(f"not a reply: type {kind:#x}, length {length}")
-                if len(self._buffer) >= length:
-                    message, self._buffer = self._buffer[:length], self._buffer[length:]
-                    size = struct.unpack_from("<I", message, 20)[0] if length > 20 else 0
-                    return Reply(identifier, message[PAYLOAD_OFFSET:PAYLOAD_OFFSET + size])
+        while not (split := split_reply(self._buffer)):
             chunk = self.socket.recv(65536)
             if not chunk:
                 raise ConnectionClosed()
             self._buffer += chunk
+        reply, self._buffer = split
+        return reply
 
     def request(self, request):
         """Sends `request` and answers the parsed reply to it."""
@@ -136,8 +133,7 @@ class Client:
 
     def call(self, name, parameter=None, authorization=None):
         """{"Request": name, "Authorization": this process's form[, "Parameter"]}."""
-        request = {"Request": name, "Authorization": authorization_form() if authorization is None
-                   else authorization}
+        request = {"Request": name, "Authorization": authorization or authorization_form()}
         if parameter is not None:
             request["Parameter"] = parameter
         return self.request(request)
@@ -151,18 +147,13 @@ class Client:
         self.send_raw(bare_message(NOOP, identifier))
         return self.receive()
 
-    def goodbye(self):
-        self.send_raw(bare_message(GDBY, 0))
-
     def is_closed_by_daemon(self, timeout=2.0):
         """True once the daemon closed the connection (after any pending bytes)."""
         self.socket.settimeout(timeout)
         try:
-            while True:
-                chunk = self.socket.recv(65536)
-                if not chunk:
-                    return True
+            while chunk := self.socket.recv(65536):
                 self._buffer += chunk
+            return True
         except socket.timeout:
             return False
         except ConnectionResetError:

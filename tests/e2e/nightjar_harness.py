@@ -32,10 +32,6 @@ NOBODY = 65534
 
 BUS_CONFIG = Path(__file__).resolve().parents[2] / "scripts" / "private-system-bus.conf"
 
-FAKE_TOOL = """#!/bin/sh
-echo "$0 $*" >> "{log}"
-"""
-
 
 def wait_until(predicate, timeout=5.0, interval=0.01):
     """Polls `predicate` until it answers something true or `timeout` passes."""
@@ -76,6 +72,12 @@ def as_user(uid, folder, work):
         os.waitpid(pid, 0)
 
 
+def stop(process):
+    if process.poll() is None:
+        process.terminate()
+        process.wait(timeout=10)
+
+
 def open_to_others(folder: Path):
     """Lets other users through `folder` and the folders above it, up to /tmp."""
     for each in (folder, *folder.parents[:-2]):
@@ -93,10 +95,9 @@ def make_root(base: Path) -> Path:
     os.chmod(tmp, 0o1777)
     shutil.copy("/usr/share/zoneinfo/UTC", root / "etc/localtime")
     (root / "sys/class/rtc/rtc0/wakealarm").write_text("")
-    tool_log = root / "tool-calls.log"
-    for tool in ("gracestop", "perch"):
+    for tool in ("gracestop", "perch"):  # each call logged, for tool_calls()
         path = root / "usr/local/nightjar/bin" / tool
-        path.write_text(FAKE_TOOL.format(log=tool_log))
+        path.write_text(f'#!/bin/sh\necho "$0 $*" >> "{root}/tool-calls.log"\n')
         os.chmod(path, 0o755)
     return root
 
@@ -133,9 +134,7 @@ class PrivateBus:
             return probe.connect_ex(str(self.socket)) == 0
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.terminate()
-            self.process.wait(timeout=10)
+        stop(self.process)
 
     def restart(self):
         """Kills the bus, and every connection with it, and starts a new one at the same
@@ -153,15 +152,12 @@ class DbusMock:
     NAMES = {"logind": "org.freedesktop.login1", "polkitd": "org.freedesktop.PolicyKit1",
              "notification_daemon": "org.freedesktop.Notifications"}
 
-    def __init__(self, bus: PrivateBus, template: str, parameters=None, path=None,
-                 interface=None, system=True):
-        args = [PYTHON, "-m", "dbusmock", "--system" if system else "--session"]
+    def __init__(self, bus: PrivateBus, template: str, path=None, interface=None):
+        args = [PYTHON, "-m", "dbusmock", "--system"]  # on `bus`, a system bus or not
         args += [template, path, interface] if path else ["--template", template]
-        if parameters:
-            args += ["--parameters", repr(parameters)]
-        variable = "DBUS_SYSTEM_BUS_ADDRESS" if system else "DBUS_SESSION_BUS_ADDRESS"
-        self.process = subprocess.Popen(args, env=dict(os.environ, **{variable: bus.address}),
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address)
+        self.process = subprocess.Popen(args, env=env, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL)
         self.bus = dbus.bus.BusConnection(bus.address)
         self.name = self.NAMES.get(template, template)
         if not wait_until(lambda: self.bus.name_has_owner(self.name), timeout=15):
@@ -172,9 +168,7 @@ class DbusMock:
         return self.bus.get_object(self.name, path)
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.terminate()
-            self.process.wait(timeout=10)
+        stop(self.process)
         self.bus.close()
 
 
@@ -223,11 +217,8 @@ class Daemon:
         self._notify.bind(str(notify_path))
         env["NOTIFY_SOCKET"] = str(notify_path)
         env.update(extra_env or {})
-        self.root = root
-        self.pid_file = root / "var/run/nightjard.pid"
-        self._lines, self._notified = [], []  # every line, in order
-        self._notify_seen = 0  # how many notify lines wait_for_notify has looked at
-        self._lock = threading.Lock()
+        self.root, self.pid_file = root, root / "var/run/nightjard.pid"
+        self._lines, self._notified, self._lock = [], [], threading.Lock()
         command = [str(DAEMON), *args]
         if nofile:  # (soft, hard) limits on open descriptors
             command = ["prlimit", f"--nofile={nofile[0]}:{nofile[1]}", *command]
@@ -249,9 +240,10 @@ class Daemon:
         except OSError:
             pass  # closed
 
-    def lines(self):
+    def lines(self, notified=False):
+        """Its standard error's lines, or else the lines it notified, in order."""
         with self._lock:
-            return list(self._lines)
+            return list(self._notified if notified else self._lines)
 
     def messages(self):
         """Log lines without their "<N>" priority prefix."""
@@ -260,26 +252,13 @@ class Daemon:
     def wait_for_line(self, text, timeout=5.0):
         return wait_until(lambda: any(text in line for line in self.messages()), timeout)
 
-    def wait_running(self, timeout=5.0):
-        """Waits for the daemon's READY=1; answers False if it never comes."""
-        def ready():
-            with self._lock:
-                return "READY=1" in self._notified
-        return wait_until(lambda: ready() or self.process.poll() is not None, timeout) and \
-            ready() and self.process.poll() is None
+    def wait_for_notify(self, line, timeout=5.0):
+        return wait_until(lambda: line in self.lines(notified=True), timeout)
 
-    def wait_for_notify(self, wanted, timeout=5.0):
-        """Looks at the notify lines not looked at before until `wanted(line)` holds; answers
-        that line, or None once `timeout` passed."""
-        def seen():
-            with self._lock:
-                lines = self._notified[self._notify_seen:]
-            for line in lines:
-                self._notify_seen += 1
-                if wanted(line):
-                    return line
-            return None
-        return wait_until(seen, timeout)
+    def wait_running(self, timeout=5.0):
+        """Waits for the daemon's READY=1; answers False if it exits or it never comes."""
+        return wait_until(lambda: self.process.poll() is not None or "READY=1" in self.lines(
+            notified=True), timeout) and self.process.poll() is None
 
     def signal(self, number):
         self.process.send_signal(number)
@@ -364,10 +343,6 @@ def pending_dates(client):
     return {e["uniqueid"]: e["trigger"]["date"] for e in events}
 
 
-def pending_ids(client):
-    return list(pending_dates(client))
-
-
 def saved_ids(root):
     """The unique ids under "engine" → "events"; raises if the file does not parse."""
     state = plistlib.loads((root / STATE_FILE).read_bytes())
@@ -378,12 +353,6 @@ def wake_entries(root):
     """The wake-entry file's records, [] while it does not exist."""
     saved = root / WAKE_ENTRIES_FILE
     return plistlib.loads(saved.read_bytes()) if saved.exists() else []
-
-
-def set_zone(root, zone):
-    """Replaces the root's local time zone by /usr/share/zoneinfo/`zone`."""
-    (root / "etc/localtime").unlink()
-    shutil.copy(f"/usr/share/zoneinfo/{zone}", root / "etc/localtime")
 
 
 def tool_calls(root):

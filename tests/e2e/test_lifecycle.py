@@ -81,13 +81,12 @@ def test_daemonise_detaches_and_the_child_keeps_running(start_daemon, root, broa
 def test_the_status_line_follows_the_events_and_the_watchdog_is_fed(start_daemon):
     # WATCHDOG_USEC as the unit's WatchdogSec= sets it.
     daemon = start_daemon(extra_env={"WATCHDOG_USEC": "1000000"}, running=True)
-    assert daemon.wait_for_notify(lambda line: line == "STATUS=0 events")
+    assert daemon.wait_for_notify("STATUS=0 events")
     event = {"uniqueid": "n1", "name": "Nightly\noff", "enabled": True,
              "trigger": {"type": "once", "date": datetime.datetime(2100, 1, 1, 22, 30)},
              "action": {"type": "shutdown"}}
     with daemon.client() as client:
         client.ok("scheduler.set", event)
     # The zone is the root's, UTC; a name cannot break the line.
-    assert daemon.wait_for_notify(
-        lambda line: line == "STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
-    assert daemon.wait_for_notify(lambda line: line == "WATCHDOG=1")
+    assert daemon.wait_for_notify("STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
+    assert daemon.wait_for_notify("WATCHDOG=1")

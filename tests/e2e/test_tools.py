@@ -22,32 +22,6 @@ def calls(mock_object, method):
     return [list(args) for _, args in mock_object.GetMethodCalls(method, dbus_interface=MOCK)]
 
 
-def refuse(logind, method, signature, error_name, message):
-    code = f"raise dbus.exceptions.DBusException({message!r}, name={error_name!r})"
-    logind.object(LOGIND_PATH).AddMethod(LOGIND_MANAGER, method, signature, "", code,
-                                        dbus_interface=MOCK)
-
-
-def add_session(logind, session_id, user, uid):
-    logind.object(LOGIND_PATH).AddSession(session_id, "seat0", dbus.UInt32(uid), user, True,
-                                          dbus_interface=MOCK)
-
-
-@pytest.fixture
-def display_manager(system_bus):
-    """A display manager offering org.freedesktop.DisplayManager with one seat."""
-    path = "/org/freedesktop/DisplayManager"
-    mock = DbusMock(system_bus, DISPLAY_MANAGER, path=path, interface=DISPLAY_MANAGER)
-    seat = path + "/Seat0"
-    mock.object(path).AddObject(seat, DISPLAY_MANAGER + ".Seat", {"CanSwitch": True},
-                                [("SwitchToGreeter", "", "", "")], dbus_interface=MOCK)
-    mock.object(path).AddProperty(DISPLAY_MANAGER, "Seats",
-                                  dbus.Array([dbus.ObjectPath(seat)], signature="o"),
-                                  dbus_interface=MOCK)
-    yield mock.object(seat)
-    mock.stop()
-
-
 @pytest.mark.parametrize("tool, option, method, argument, error, message", [
     ("gracestop", "-h", "PowerOff", False, "org.freedesktop.login1.BlockedByInhibitorLock",
      "Operation denied due to active block inhibitor"),
@@ -60,25 +34,37 @@ def display_manager(system_bus):
 ])
 def test_each_action_reaches_logind_without_interaction_and_a_refusal_is_reported(
         system_bus, logind, tool, option, method, argument, error, message):
-    add_session(logind, "c1", "alice", 1000)
-    add_session(logind, "c2", "bob", 1001)  # now the active one
+    manager = logind.object(LOGIND_PATH)
+    for session, user, uid in (("c1", "alice", 1000), ("c2", "bob", 1001)):  # c2 active
+        manager.AddSession(session, "seat0", dbus.UInt32(uid), user, True, dbus_interface=MOCK)
     result = run_tool(tool, system_bus.address, option)
     assert result.returncode == 0, result.stderr
-    assert calls(logind.object(LOGIND_PATH), method) == [[argument]]
-    refuse(logind, method, "b" if tool == "gracestop" else "s", error, message)
+    assert calls(manager, method) == [[argument]]
+    manager.AddMethod(LOGIND_MANAGER, method, "b" if tool == "gracestop" else "s", "",
+                      f"raise dbus.exceptions.DBusException({message!r}, name={error!r})",
+                      dbus_interface=MOCK)
     result = run_tool(tool, system_bus.address, option)
     assert result.returncode == 1
     assert f"{tool}: cannot" in result.stderr and message in result.stderr
 
 
-def test_tools_without_a_system_bus_or_logind(system_bus, tmp_path):
-    for tool, option in (("gracestop", "-r"), ("perch", "-l")):
-        result = run_tool(tool, f"unix:path={tmp_path}/no-bus", option)
-        assert result.returncode == 1
-        assert f"{tool}: cannot connect to the system bus" in result.stderr
-    result = run_tool("gracestop", system_bus.address, "-h")
-    assert result.returncode == 1
-    assert "gracestop: cannot power off: logind is not running" in result.stderr
+@pytest.mark.parametrize("tool, bus, option, wanted", [
+    ("gracestop", "no-bus", "-r", "gracestop: cannot connect to the system bus"),
+    ("perch", "no-bus", "-l", "perch: cannot connect to the system bus"),
+    ("gracestop", "bus", "-h", "gracestop: cannot power off: logind is not running"),
+    ("perch", "logind", "-l", "perch: cannot log out: no user session is active on seat0"),
+    ("perch", "logind", "-s", "perch: cannot lock the session: no user session is active on "),
+])
+def test_tools_without_a_system_bus_logind_or_user(system_bus, tmp_path, request, tool, bus,
+                                                   option, wanted):
+    if bus == "logind":
+        logind = request.getfixturevalue("logind").object(LOGIND_PATH)
+        logind.AddSeat("seat0", dbus_interface=MOCK)
+    address = f"unix:path={tmp_path}/no-bus" if bus == "no-bus" else system_bus.address
+    result = run_tool(tool, address, option)
+    assert result.returncode == 1 and wanted in result.stderr
+    if bus == "logind":
+        assert calls(logind, "TerminateSession") == calls(logind, "LockSession") == []
 
 
 @pytest.mark.parametrize("tool", ["gracestop", "perch"])
@@ -89,19 +75,21 @@ def test_bad_arguments_print_the_usage(tool, args):
     assert result.stderr.startswith(f"usage: {tool} ")
 
 
-def test_perch_without_a_user_at_the_console(system_bus, logind):
-    logind.object(LOGIND_PATH).AddSeat("seat0", dbus_interface=MOCK)
-    for option in ("-l", "-s"):
-        result = run_tool("perch", system_bus.address, option)
-        assert result.returncode == 1
-        assert "no user session is active on seat0" in result.stderr
-    assert calls(logind.object(LOGIND_PATH), "TerminateSession") == []
-    assert calls(logind.object(LOGIND_PATH), "LockSession") == []
-
-
-def test_perch_switch_goes_through_the_display_manager(system_bus, logind, display_manager):
-    add_session(logind, "c1", "alice", 1000)
-    result = run_tool("perch", system_bus.address, "-s")
-    assert result.returncode == 0, result.stderr
-    assert calls(display_manager, "SwitchToGreeter") == [[]]
-    assert calls(logind.object(LOGIND_PATH), "LockSession") == []
+def test_perch_switch_goes_through_the_display_manager(system_bus, logind):
+    path = "/org/freedesktop/DisplayManager"
+    manager = DbusMock(system_bus, DISPLAY_MANAGER, path=path, interface=DISPLAY_MANAGER)
+    seat = path + "/Seat0"
+    manager.object(path).AddObject(seat, DISPLAY_MANAGER + ".Seat", {"CanSwitch": True},
+                                   [("SwitchToGreeter", "", "", "")], dbus_interface=MOCK)
+    manager.object(path).AddProperty(DISPLAY_MANAGER, "Seats",
+                                     dbus.Array([dbus.ObjectPath(seat)], signature="o"),
+                                     dbus_interface=MOCK)
+    logind.object(LOGIND_PATH).AddSession("c1", "seat0", dbus.UInt32(1000), "alice", True,
+                                          dbus_interface=MOCK)
+    try:
+        result = run_tool("perch", system_bus.address, "-s")
+        assert result.returncode == 0, result.stderr
+        assert calls(manager.object(seat), "SwitchToGreeter") == [[]]
+        assert calls(logind.object(LOGIND_PATH), "LockSession") == []
+    finally:
+        manager.stop()

@@ -6,10 +6,9 @@ import concurrent.futures
 import os
 import re
 import socket
-import struct
 import time
 
-from nightjar_client import HEADER, Client, Reply, encode_request
+from nightjar_client import HEADER, Client, encode_request, split_reply
 from nightjar_harness import once_event, utc_in
 
 # NIGHTJAR_STRESS_SIZE=full runs the sizes meant for a run by hand; "CxR" any other load.
@@ -56,11 +55,10 @@ async def connect(path, refused):
 async def call(reader, writer, identifier, request):
     writer.write(encode_request(identifier, request))
     await writer.drain()
-    _, _, answered, length = HEADER.unpack(await reader.readexactly(HEADER.size))
-    rest = await reader.readexactly(length - HEADER.size)
-    payload = b"" if length == HEADER.size else rest[8:8 + struct.unpack_from("<I", rest, 4)[0]]
-    assert answered == identifier, (answered, identifier)
-    return Reply(answered, payload).value
+    head = await reader.readexactly(HEADER.size)
+    reply, _ = split_reply(head + await reader.readexactly(HEADER.unpack(head)[3] - HEADER.size))
+    assert reply.identifier == identifier, (reply.identifier, identifier)
+    return reply.value
 
 
 def probe(path, count, prefix="probe"):

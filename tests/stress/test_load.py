@@ -6,18 +6,13 @@ import random
 import resource
 import time
 
-from nightjar_client import Client, authorization_form, socket_path
+from nightjar_client import OK, Client, authorization_form, socket_path
 from nightjar_harness import once_event, saved_ids
 from stress_harness import CLIENTS, FAR, REQUESTS, call, connect, percentiles, rss_kib
 
 SEED = 20261125
 IDS_PER_CLIENT = 3
 VERSION = {"status": 200, "response": "nightjard v3.7.3"}
-
-
-def set_event(uniqueid, model):
-    model.add(uniqueid)
-    return "scheduler.set", once_event(uniqueid, "restart", FAR), {"status": 200}
 
 
 def remove_event(uniqueid, model):
@@ -28,11 +23,12 @@ def remove_event(uniqueid, model):
 
 # kind -> (request name, parameter, expected reply), given and updating the client's model.
 KINDS = {
-    "set": set_event,
+    "set": lambda uniqueid, model: model.add(uniqueid) or (
+        "scheduler.set", once_event(uniqueid, "restart", FAR), OK),
     "remove": remove_event,
     "read": lambda uniqueid, model: ("build.version", None, VERSION),
     "delay": lambda uniqueid, model: ("notifications.delay",
-                                      {"seconds": 60, "uniqueid": uniqueid}, {"status": 200}),
+                                      {"seconds": 60, "uniqueid": uniqueid}, OK),
 }
 
 

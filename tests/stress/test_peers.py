@@ -9,8 +9,8 @@ import time
 
 import pytest
 
-from nightjar_client import DICT, NOOP, Client, ConnectionClosed, bare_message, header, \
-    socket_path
+from nightjar_client import (DICT, NOOP, Client, ConnectionClosed, bare_message, dict_message,
+                             header, socket_path)
 from nightjar_harness import NOBODY, as_user
 from stress_harness import PROBE_REQUESTS, percentiles, probe
 
@@ -18,55 +18,49 @@ REFUSALS = 3000
 REFUSAL_LINES_PER_SECOND = 50
 
 
-def raw(path):
-    peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    peer.connect(str(path))
-    return peer
-
-
 @contextlib.contextmanager
-def never_reading(daemon, path):
-    peers = [raw(path) for _ in range(8)]
-    for peer in peers:
-        peer.setblocking(False)
-        with contextlib.suppress(BlockingIOError, ConnectionResetError, BrokenPipeError):
-            while True:
-                peer.send(bare_message(NOOP, 1) * 4096)
+def peers(path, count, start, again=False):
+    """`count` raw peers that each do `start(peer)`, and with `again` do it again until the test
+    is done."""
+    sockets, done = [socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) for _ in range(count)], \
+        threading.Event()
+    for peer in sockets:
+        peer.connect(str(path))
+        start(peer)
+
+    def repeat(peer):
+        with contextlib.suppress(OSError):
+            while not done.is_set():
+                start(peer)
+    threads = [threading.Thread(target=repeat, args=(peer,)) for peer in sockets if again]
+    for thread in threads:
+        thread.start()
     yield
-    for peer in peers:
+    done.set()
+    for thread in threads:
+        thread.join(timeout=10)
+    for peer in sockets:
         peer.close()
 
 
-@contextlib.contextmanager
-def half_messages(daemon, path):
-    peers = [raw(path) for _ in range(32)]
-    for peer in peers:
-        peer.sendall(header(DICT, 1, 400) + bytes(30))
-    yield
-    for peer in peers:
-        peer.close()
+def fill(peer):
+    """Sends until the socket's buffer is full: the peer never reads its replies."""
+    peer.setblocking(False)
+    with contextlib.suppress(BlockingIOError, ConnectionResetError, BrokenPipeError):
+        while True:
+            peer.send(bare_message(NOOP, 1) * 4096)
 
 
 @contextlib.contextmanager
 def closed_after(messages, path):
     """Peers that each send one of `messages`; each must be closed by the daemon."""
-    peers = [Client(path) for _ in messages]
-    for peer, message in zip(peers, messages):
-        peer.send_raw(message)
+    clients = [Client(path) for _ in messages]
+    for client, message in zip(clients, messages):
+        client.send_raw(message)
     yield
-    for peer, message in zip(peers, messages):
-        assert peer.is_closed_by_daemon(), message[:16]
-        peer.close()
-
-
-def bad_lengths(daemon, path):
-    return closed_after([header(DICT, 1, length) + bytes(64)
-                         for length in (0, 15, 102_401, 2**32 - 1)], path)
-
-
-def random_bytes(daemon, path):
-    rng = random.Random(20261125)
-    return closed_after([rng.randbytes(65536) for _ in range(8)], path)
+    for client, message in zip(clients, messages):
+        assert client.is_closed_by_daemon(), message[:16]
+        client.close()
 
 
 @contextlib.contextmanager
@@ -95,8 +89,7 @@ def refusals_in_a_loop(daemon, path):
         with Client("api", timeout=10) as client:
             return sum(client.call("bogus.thing")["error"] == 500 for _ in range(REFUSALS))
 
-    answers = []
-    started = time.monotonic()
+    answers, started = [], time.monotonic()
     with contextlib.ExitStack() as stack:
         thread = threading.Thread(target=lambda: answers.append(stack.enter_context(
             as_user(NOBODY, os.path.dirname(path), refuse))))
@@ -110,12 +103,21 @@ def refusals_in_a_loop(daemon, path):
     assert len(lines) <= REFUSAL_LINES_PER_SECOND * (seconds + 2)
 
 
+# Each read to its end and never answered: the flood must hold back no other reply.
+UNPARSABLE = dict_message(0, b"<plist><array>" + b"<string>unclosed</string>" * 4000) * 20
+RANDOM = random.Random(20261125).randbytes(8 * 65536)
+
 # (row, RLIMIT_NOFILE of the daemon, the peers beside the well-behaved client)
 PEERS = [
-    ("never-reading clients", None, never_reading),
-    ("half a message, then silence", None, half_messages),
-    ("lengths 0, 15, 102 401 and 2^32-1", None, bad_lengths),
-    ("random bytes", None, random_bytes),
+    ("never-reading clients", None, lambda d, p: peers(p, 8, fill)),
+    ("half a message, then silence", None, lambda d, p: peers(
+        p, 32, lambda peer: peer.sendall(header(DICT, 1, 400) + bytes(30)))),
+    ("unparsable requests without end", None, lambda d, p: peers(
+        p, 2, lambda peer: peer.sendall(UNPARSABLE), again=True)),
+    ("lengths 0, 15, 102 401 and 2^32-1", None, lambda d, p: closed_after(
+        [header(DICT, 1, length) + bytes(64) for length in (0, 15, 102_401, 2**32 - 1)], p)),
+    ("random bytes", None, lambda d, p: closed_after(
+        [RANDOM[n * 65536:(n + 1) * 65536] for n in range(8)], p)),
     ("idle connections up to the per-uid cap", None, idle_connections),
     ("low RLIMIT_NOFILE", (96, 96), lambda d, p: idle_connections(d, p, cap=False)),
     ("refused requests in a loop", None, refusals_in_a_loop),

@@ -4,15 +4,8 @@ import re
 
 import pytest
 
-from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, DAEMON,
-                              install_rights, make_root)
-
-
-@pytest.fixture(scope="session", autouse=True)
-def daemon_binary():
-    if not DAEMON.exists():
-        pytest.fail(f"{DAEMON} is missing: build first (or set NIGHTJAR_BUILD_DIR)")
-    return DAEMON
+from nightjar_harness import (BroadcastListener, Daemon, DbusMock, PrivateBus, install_rights,
+                              make_root)
 
 
 @pytest.fixture
@@ -27,22 +20,18 @@ def system_bus(tmp_path):
     bus.stop()
 
 
-def mock_fixture(template):
+def on_the_bus(name, make):
+    """A fixture of `make(system_bus)`, stopped after the test."""
     def serve(system_bus):
-        mock = DbusMock(system_bus, template)
-        yield mock
-        mock.stop()
-    return pytest.fixture(serve, name=template)
+        served = make(system_bus)
+        yield served
+        served.stop()
+    return pytest.fixture(serve, name=name)
 
 
-logind, polkitd = mock_fixture("logind"), mock_fixture("polkitd")
-
-
-@pytest.fixture
-def broadcasts(system_bus):
-    listener = BroadcastListener(system_bus)
-    yield listener
-    listener.stop()
+logind = on_the_bus("logind", lambda bus: DbusMock(bus, "logind"))
+polkitd = on_the_bus("polkitd", lambda bus: DbusMock(bus, "polkitd"))
+broadcasts = on_the_bus("broadcasts", BroadcastListener)
 
 
 @pytest.fixture
@@ -50,9 +39,9 @@ def start_daemon(root, system_bus):
     """Starts nightjard on the temporary root and the private bus; stops it after the test."""
     started = []
 
-    def start(*args, bus=True, extra_env=None, rights=True, nofile=None, running=False):
+    def start(*args, bus=True, extra_env=None, nofile=None, running=False):
         # A daemon that is to run gets the rights installed first, as `nightjard -i` would.
-        if rights and not args:
+        if not args:
             install_rights(root)
         daemon = Daemon(root, system_bus.address if bus else None, args, extra_env, nofile)
         started.append(daemon)

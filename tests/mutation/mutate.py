@@ -33,10 +33,8 @@ def build(args, targets):
 
 
 def unit_verdict(args, fault):
-    if not fault["targets"]:
-        return "-"
-    if not build(args, fault["targets"]):
-        return "BUILD FAILED"
+    if not fault["targets"] or not build(args, fault["targets"]):
+        return "BUILD FAILED" if fault["targets"] else "-"
     listed = subprocess.run(["ctest", "--test-dir", args.build_dir, "-N", "-R", fault["unit"]],
                             cwd=ROOT, capture_output=True, text=True).stdout
     if "Total Tests: 0" in listed or "Total Tests:" not in listed:
@@ -47,10 +45,8 @@ def unit_verdict(args, fault):
 
 
 def e2e_verdict(args, fault):
-    if not fault["e2e"]:
-        return "-"
-    if not build(args, ["nightjard", "nightjarctl"]):
-        return "BUILD FAILED"
+    if not fault["e2e"] or not build(args, ["nightjard", "nightjarctl"]):
+        return "BUILD FAILED" if fault["e2e"] else "-"
     env = dict(os.environ, NIGHTJAR_BUILD_DIR=os.path.abspath(args.build_dir))
     code = run(["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-p", "no:cacheprovider",
                 *shlex.split(fault["e2e"])], env=env, log=args.log)
@@ -108,9 +104,7 @@ def main():
     parser.add_argument("--list", action="store_true", help="list the faults and stop")
     args = parser.parse_args()
     if args.list:
-        for fault in FAULTS:
-            print(fault["name"])
-        return 0
+        return print("\n".join(fault["name"] for fault in FAULTS))
     unknown = set(args.names) - {fault["name"] for fault in FAULTS}
     if unknown:
         sys.exit("unknown fault: " + ", ".join(sorted(unknown)))

@@ -9,5 +9,4 @@ sys.path.insert(0, str(E2E))
 _spec = importlib.util.spec_from_file_location("e2e_fixtures", E2E / "conftest.py")
 _fixtures = importlib.util.module_from_spec(_spec)
 _spec.loader.exec_module(_fixtures)
-daemon_binary, root, system_bus, start_daemon = (
-    _fixtures.daemon_binary, _fixtures.root, _fixtures.system_bus, _fixtures.start_daemon)
+root, system_bus, start_daemon = _fixtures.root, _fixtures.system_bus, _fixtures.start_daemon

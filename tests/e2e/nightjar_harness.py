@@ -73,6 +73,7 @@ def as_user(uid, folder, work):
 
 
 def stop(process):
+    """Terminates `process` unless it is gone, and waits for it."""
     if process.poll() is None:
         process.terminate()
         process.wait(timeout=10)
@@ -278,20 +279,16 @@ class Daemon:
         return self.wait(timeout)
 
     def stop(self):
-        if self.process.poll() is None:
-            self.signal(signal.SIGTERM)
-            try:
-                self.process.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
+        try:
+            stop(self.process)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
         self.wait()
 
     def client(self, timeout=5.0):
         """A new connection to this daemon's socket."""
         return Client(socket_path(self.root), timeout)
 
-
-# What many tests share: logind's names, event records, dates, and the files the daemon writes.
 
 LOGIND_PATH = "/org/freedesktop/login1"
 LOGIND_MANAGER = "org.freedesktop.login1.Manager"

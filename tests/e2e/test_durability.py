@@ -46,9 +46,7 @@ def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root
         assert not missing, f"{context}: acknowledged but not saved: {sorted(missing)[:10]}"
 
     assert acknowledged, f"seed {SEED}: no change was ever acknowledged"
-    daemon = start_daemon()
-    assert daemon.wait_running(timeout=10)
-    with daemon.client(timeout=30.0) as client:
+    with start_daemon(running=True).client(timeout=30.0) as client:
         listed = {e["uniqueid"] for e in client.call("scheduler.events")["response"]}
     missing = set(acknowledged) - listed
     assert not missing, f"seed {SEED}: not listed after restart: {sorted(missing)[:10]}"

@@ -107,11 +107,6 @@ def replaced(make):
     return fault
 
 
-def folder(world):
-    world.state.mkdir()
-    (world.state / "inside").write_text("x")
-
-
 @contextlib.contextmanager
 def restarted(world, bus=True):
     """The system bus (the mocks go with it), or else the mocks alone, go and come back."""
@@ -123,8 +118,8 @@ def restarted(world, bus=True):
 
 
 def next_line(process, timeout=15):
-    ready, _, _ = select.select([process.stdout], [], [], timeout)
-    return process.stdout.readline().strip() if ready else b""
+    return process.stdout.readline().strip() if select.select(
+        [process.stdout], [], [], timeout)[0] else b""
 
 
 @contextlib.contextmanager
@@ -164,7 +159,8 @@ FAULTS = [
      "Preferences file corrupt"),
     ("preferences truncated", replaced(lambda w: w.state.write_bytes(b"<?xml version=")),
      "Preferences file corrupt"),
-    ("preferences replaced by a folder", replaced(folder), "Preferences file unreadable"),
+    ("preferences replaced by a folder", replaced(lambda w: (w.state.mkdir(), (
+        w.state / "inside").write_text("x"))), "Preferences file unreadable"),
     ("preferences a symlink to a sentinel", replaced(lambda w: w.state.symlink_to(w.sentinel)),
      "Preferences file corrupt"),
     ("system bus killed and started again", restarted, "Lost the system bus"),

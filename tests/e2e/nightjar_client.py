@@ -87,8 +87,7 @@ class Reply(collections.namedtuple("Reply", "identifier payload")):
 
 
 class Client:
-    """One connection to the daemon's socket; a blocking connect waits while the daemon's
-    backlog is full."""
+    """One connection to the daemon's socket (a blocking connect waits for the backlog)."""
 
     def __init__(self, path, timeout=5.0):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)

@@ -47,8 +47,7 @@ def wait_until(predicate, timeout=5.0, interval=0.01):
 def as_user(uid, folder, work):
     """Runs `work()` in a child forked under `uid`, in `folder` (so relative paths pass the
     test's private folders); yields its answer (as JSON) while the child holds what it opened."""
-    answer_read, answer_write = os.pipe()
-    release_read, release_write = os.pipe()
+    (answer_read, answer_write), (release_read, release_write) = os.pipe(), os.pipe()
     pid = os.fork()
     if pid == 0:
         try:
@@ -88,12 +87,10 @@ def open_to_others(folder: Path):
 def make_root(base: Path) -> Path:
     """Lays out a daemon root: the folders and files the daemon reads or writes."""
     root = base / "root"
-    for folder in ("var/run", "var/lib/nightjar", "etc/nightjar", "sys/class/rtc/rtc0",
-                   "usr/local/nightjar/bin", "usr/share/polkit-1/actions"):
+    for folder in ("var/run", "var/tmp", "var/lib/nightjar", "etc/nightjar",
+                   "sys/class/rtc/rtc0", "usr/local/nightjar/bin", "usr/share/polkit-1/actions"):
         (root / folder).mkdir(parents=True, exist_ok=True)
-    tmp = root / "var/tmp"
-    tmp.mkdir(parents=True, exist_ok=True)
-    os.chmod(tmp, 0o1777)
+    os.chmod(root / "var/tmp", 0o1777)
     shutil.copy("/usr/share/zoneinfo/UTC", root / "etc/localtime")
     (root / "sys/class/rtc/rtc0/wakealarm").write_text("")
     for tool in ("gracestop", "perch"):  # each call logged, for tool_calls()
@@ -116,8 +113,7 @@ class PrivateBus:
     """A dbus-daemon of its own, configured like a permissive system bus."""
 
     def __init__(self, base: Path):
-        self.socket = base / "system_bus_socket"
-        self._config = base / "bus.conf"
+        self.socket, self._config = base / "system_bus_socket", base / "bus.conf"
         self._config.write_text(BUS_CONFIG.read_text().replace("@SOCKET@", str(self.socket)))
         self.address = f"unix:path={self.socket}"
         self._start()

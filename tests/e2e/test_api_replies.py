@@ -1,9 +1,12 @@
 """Requests over the socket and their exact replies: each reply code and shape once on the
-wire, and each validation text once; the dispatcher's unit tables check every branch."""
+wire, and each validation text once; the dispatcher's unit tables check every branch. The
+socket's node, and its framing limit (every other closing rule is a unit case)."""
 
 import os
+import stat
 
-from nightjar_client import OK, authorization_form, process_start_time
+from nightjar_client import (DICT, GDBY, OK, Client, authorization_form, bare_message, header,
+                             process_start_time, socket_path)
 from nightjar_harness import wait_until
 
 AUTH = object()  # stands for this process's own authorization form
@@ -58,7 +61,6 @@ CASES = [
         start_time=process_start_time() + 1)), UNAUTHORIZED),
     (request("build.version", authorization=authorization_form(uid=os.getuid() + 1000)),
      UNAUTHORIZED),
-    (request("scheduler.events"), {"status": 200, "response": []}),
     (request("scheduler.enabled"), {"status": 200, "response": True}),
     (request("scheduler.set", EVENT), OK),
     (request("scheduler.events"), {"status": 200, "response": [EVENT]}),
@@ -103,3 +105,26 @@ def test_every_request_gets_its_exact_reply(daemon, client):
     assert wait_until(lambda: len(exchanges()) >= len(CASES))
     assert len(exchanges()) == len(CASES) and not any("NJAZ" in m for m in exchanges())
     assert daemon.wait_for_line("Authorization refused: quillon.nightjar.bogus.version")
+
+
+def test_the_node_answers_and_goes_with_the_daemon(daemon, root):
+    path = socket_path(root)
+    assert stat.S_ISSOCK(os.stat(path).st_mode)
+    assert stat.S_IMODE(os.stat(path).st_mode) == 0o777
+    assert stat.S_IMODE(os.stat(os.path.dirname(path)).st_mode) == 0o755
+    with Client(path) as client:
+        assert client.noop(7) == (7, b"")
+        assert client.call("build.version") == {"status": 200, "response": "nightjard v3.7.3"}
+    daemon.stop()
+    assert not os.path.exists(path) and os.path.isdir(os.path.dirname(path))
+
+
+def test_a_leaving_client_or_one_past_the_limit_is_closed_alone(daemon, root):
+    path = socket_path(root)
+    with Client(path) as bystander:
+        # Past the limit, closed on the header alone.
+        for number, message in enumerate((bare_message(GDBY, 1), header(DICT, 1, 102401))):
+            with Client(path) as client:
+                client.send_raw(message)
+                assert client.is_closed_by_daemon(), message
+            assert bystander.noop(number).identifier == number, message

@@ -1,4 +1,5 @@
-"""The whole road of events, driven over the API socket: warning, perform, action."""
+"""The whole road of events, driven over the API socket: warning, perform, action; and the
+wake alarm kept across a sleep."""
 
 import datetime
 import os
@@ -67,19 +68,17 @@ def test_an_inactivity_event_is_performed_once_the_user_is_idle(client, root, lo
         LOGIND_MANAGER,
         {"IdleHint": dbus.Boolean(True), "IdleSinceHint": dbus.UInt64(idle_since)},
         dbus_interface=MOCK)
-    client.ok("scheduler.setevents", [
-        {"uniqueid": uniqueid, "name": uniqueid, "enabled": True, "action": {"type": action},
-         "trigger": {"type": "inactive", "secondsofinactivity": seconds}}
-        for uniqueid, seconds, action in (("idle-long", 50, "restart"), ("idle", 30, "logout"))])
-    # Idle for 100 s already: the shortest period is due at once, and is not warned ahead.
-    # The machine may not idle-sleep while the action is under way.
+    client.ok("scheduler.set", {"uniqueid": "idle", "name": "idle", "enabled": True,
+                                "action": {"type": "logout"},
+                                "trigger": {"type": "inactive", "secondsofinactivity": 30}})
+    # Idle for 100 s already: due at once, and not warned ahead. The machine may not
+    # idle-sleep while the action is under way.
     assert pending_dates(client) == {}
     assert broadcasts.wait_for("event.willperform")
     assert wait_until(lambda: inhibitors(logind, "idle"))
     assert broadcasts.wait_for("event.didperform")
     assert wait_until(lambda: not inhibitors(logind, "idle"))
     assert wait_until(lambda: "perch -l" in tool_calls(root))
-    assert "gracestop" not in tool_calls(root)
 
 
 def step(name, parameter, *seconds):  # a request; its entries, seconds after the date
@@ -169,3 +168,23 @@ def test_a_shutdown_is_told_to_every_terminal_at_its_warning_and_a_minute_before
     assert f"The system will shut down at {when} (in 6" in first
     assert f"The system will shut down at {when} (in 60 seconds)," in second
     assert not any("pts/7" in line for line in daemon.lines())
+
+
+def test_sleep_delay_is_held_released_on_sleep_and_retaken_on_wake(logind, daemon, client,
+                                                                   root):
+    assert wait_until(lambda: len(inhibitors(logind, "sleep")) == 1)
+    date = utc_in(3 * 3600)
+    client.ok("scheduler.set", once_event("w", "wake", date))
+    alarm = root / RTC_ALARM_FILE
+    assert alarm.read_text().strip() == epoch(date)
+    # Before a sleep the alarm is written again while the delay still holds the
+    # system awake; after a wake the alarm, spent by firing, is set again.
+    for starting in (True, False):
+        alarm.write_text("0")
+        logind.object(LOGIND_PATH).EmitSignal(LOGIND_MANAGER, "PrepareForSleep", "b",
+                                              [dbus.Boolean(starting)], dbus_interface=MOCK)
+        assert wait_until(lambda: alarm.read_text().strip() == epoch(date)), starting
+        held = 0 if starting else 1  # released on sleep: the system may sleep
+        assert wait_until(lambda: len(inhibitors(logind, "sleep")) == held), starting
+    assert daemon.terminate() == 0
+    assert wait_until(lambda: not inhibitors(logind, "sleep"))

@@ -1,8 +1,10 @@
-"""The daemon's command line, start-up, signals and tear-down, seen from outside."""
+"""The daemon's command line (its rights installed and removed too), start-up, signals and
+tear-down, seen from outside."""
 
 import datetime
 import os
 import signal
+import xml.etree.ElementTree as ElementTree
 
 from nightjar_harness import wait_until
 
@@ -21,18 +23,17 @@ def test_one_shot_options_print_and_exit_without_claiming_the_lock(start_daemon,
     assert not (root / "var/run/nightjard.pid").exists()
 
 
-def test_unwritable_lock_folder_stops_with_status_1(start_daemon, root):
+def test_a_lock_folder_or_a_socket_parent_that_will_not_do_stops_with_its_status(
+        start_daemon, root, broadcasts):
     (root / "var/run").rmdir()
     (root / "var/run").write_text("")  # a file where the folder should be defeats even root
     daemon = start_daemon()
     assert daemon.wait() == 1
     assert any(line.startswith("<3>Stopping, failed to claim unique lock: ")
                and line.endswith("/var/run/nightjard.pid") for line in daemon.lines())
-
-
-def test_a_socket_folder_in_a_non_sticky_parent_stops_with_status_13(start_daemon, root,
-                                                                     broadcasts):
-    os.chmod(root / "var/tmp", 0o777)
+    (root / "var/run").unlink()
+    (root / "var/run").mkdir()
+    os.chmod(root / "var/tmp", 0o777)  # not sticky
     assert start_daemon().wait() == 13
     assert not os.path.exists(root / "var/tmp/quillon.nightjar/api")
     assert broadcasts.names() == []
@@ -84,3 +85,39 @@ def test_the_status_line_follows_the_events_and_the_watchdog_is_fed(start_daemon
     # The zone is the root's, UTC; a name cannot break the line.
     assert daemon.wait_for_notify("STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
     assert daemon.wait_for_notify("WATCHDOG=1")
+
+
+READS = ["build.version", "notifications.pending", "notifications.notifyperiod",
+         "scheduler.enabled", "scheduler.events"]
+WRITES = ["notifications.cancel", "notifications.delay", "notifications.reset",
+          "notifications.setnotifyperiod", "notifications.notify", "scheduler.setenabled",
+          "scheduler.setevents", "scheduler.set", "scheduler.remove"]
+
+
+def defaults_by_id(path):
+    return {action.get("id"): tuple((action.find("defaults").findtext(key) or "no").strip()
+                                    for key in ("allow_any", "allow_inactive", "allow_active"))
+            for action in ElementTree.parse(path).getroot().iter("action")}
+
+
+def test_install_defines_the_fourteen_rights_once_and_uninstall_removes_them(
+        start_daemon, root):
+    policy = root / "usr/share/polkit-1/actions/quillon.nightjar.policy"
+
+    def run(option):
+        daemon = start_daemon(option)
+        assert daemon.wait() == 0 and daemon.process.stdout.read() == b""
+        assert not any("Unable to" in m for m in daemon.messages()), option
+
+    run("-i")
+    assert list(defaults_by_id(policy).items()) == [
+        ("quillon.nightjar." + name, ("yes",) * 3) for name in READS] + [
+        ("quillon.nightjar." + name, ("auth_admin_keep",) * 3) for name in WRITES]
+    assert oct(policy.stat().st_mode & 0o777) == "0o644"
+    first = policy.read_bytes()
+    run("-i")
+    assert policy.read_bytes() == first
+    for _ in range(2):  # the rights removed with the file left empty of them; then nothing
+        run("-u")
+        assert not policy.exists()
+    assert not (root / "var/run/nightjard.pid").exists()

@@ -1,10 +1,7 @@
-"""The mutation sample: plausible faults, one per row, that the tests must catch.
-
-Each row: name, file, the exact text to replace (it must occur exactly once),
-its replacement, the unit test programs to build, the ctest -R pattern that
-should fail (none: only nightjard has it), and optionally the pytest arguments of the end-to-end tests that
-should fail. A row whose text is no longer found is reported, never skipped.
-"""
+"""The mutation sample: plausible faults, one per row, that the tests must catch. Each row:
+name, file, the exact text to replace (once), its replacement, the unit test programs to build,
+the ctest -R pattern that should fail (none: only nightjard has it), and the pytest arguments of
+the end-to-end (or stress) tests that should fail. A row that no longer fits is reported."""
 
 E2E = "tests/e2e/"
 
@@ -32,7 +29,7 @@ FAULTS = [
           ["state_test"], "SavedState", E2E + "test_saved_state.py"),
     fault("framing-limit-off-by-one", "src/wire/framing.cc",
           "header->length > maxLength", "header->length > maxLength + 1",
-          ["wire_test"], "Framing", E2E + "test_api_socket.py"),
+          ["wire_test"], "Framing", E2E + "test_api_replies.py"),
     fault("rtc-not-cleared", "src/platform/linux/file_power_manager.cc",
           'int error = overwrite(alarmPath_, "0");',
           'int error = target == 0 ? overwrite(alarmPath_, "0") : 0;',
@@ -54,7 +51,7 @@ FAULTS = [
           ["runloop_test"], "RunLoop", E2E + "test_event_road.py -k before_the_reply"),
     fault("reply-released-before-save", "src/core/daemon.cc",
           "runloop::PassStage::ReleaseReplies,", "runloop::PassStage::WakeEntries,",
-          [], "", E2E + "test_durability.py -k kill_9"),
+          [], "", E2E + "test_saved_state.py -k kill_9"),
     fault("write-not-waiting-during-perform", "src/api/dispatcher.cc",
           "if (waits && performWaitNeeded()) {", "if (false && waits && performWaitNeeded()) {",
           ["dispatcher_test"], "Dispatch|AuthorizeAs|Scheduler",
@@ -65,7 +62,7 @@ FAULTS = [
     fault("unsent-reply-bound-off-by-one", "src/api/socket_client.cc",
           "replyQueue.size() >= framing::kMaxUnsentReplies",
           "replyQueue.size() > framing::kMaxUnsentReplies",
-          ["socket_server_test"], "Socket", E2E + "test_api_socket.py"),
+          ["socket_server_test"], "Socket", E2E + "test_api_replies.py"),
     fault("forced-notify-period-rearms", "src/notifications/notification_controller.cc",
           "  if (controller->notifyPeriod == seconds) {\n    armTimer(controller);\n",
           "  armTimer(controller);\n  if (controller->notifyPeriod == seconds) {\n",

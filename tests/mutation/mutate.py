@@ -1,13 +1,7 @@
 #!/usr/bin/python3
-"""Applies each fault of faults.py in turn, rebuilds only what it needs, runs
-the tests named for it and tells whether they caught it. Run by hand:
-
-  /usr/bin/python3 tests/mutation/mutate.py [--build-dir DIR] [--e2e none|missed|all] [NAME...]
-
-The source file is always put back (also on Ctrl-C, SIGTERM or a failed
-build) and checked clean with git diff; the files a fault touches must be
-clean before it is applied.
-"""
+"""Applies each fault of faults.py in turn, rebuilds only what it needs, runs the tests named
+for it and tells whether they caught it; see README.md. The source file is always put back and
+checked clean with git diff."""
 import argparse, os, shlex, signal, subprocess, sys, time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))

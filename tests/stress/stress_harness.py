@@ -35,9 +35,7 @@ def rss_kib(pid):
 
 
 async def connect(path, refused):
-    """Connects as a client would: a connect refused by a full listen backlog (counted in
-    `refused[0]`) is made again as a blocking one, which waits its turn in the kernel's queue
-    however long the other clients keep the daemon busy."""
+    """Connects; refused by a full backlog (counted in `refused[0]`), waits its turn blocking."""
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     sock.setblocking(False)
     try:
@@ -62,8 +60,7 @@ async def call(reader, writer, identifier, request):
 
 
 def probe(path, count, prefix="probe"):
-    """A well-behaved client: sets and removes its own events; every reply must be right and
-    come within WELL_BEHAVED_WAIT. Answers its latencies."""
+    """A well-behaved client's latencies: each reply right and within WELL_BEHAVED_WAIT."""
     latencies = []
     with Client(path, timeout=WELL_BEHAVED_WAIT) as client:
         for number in range(count):
@@ -77,7 +74,6 @@ def probe(path, count, prefix="probe"):
 
 
 def fault_lines(daemon, since):
-    """Log lines from index `since` on at error level or worse, without the per-request
-    "API: " trace."""
+    """Log lines from index `since` on at error level or worse, but the "API: " trace."""
     return [line for line in daemon.lines()[since:]
             if re.match(r"^<[0-3]>", line) and not line[3:].startswith("API: ")]

@@ -157,8 +157,6 @@ FAULTS = [
     ("preferences corrupted", replaced(lambda w: w.state.write_bytes(
         b"<?xml version='1.0'?><plist><dict><key>engine</key><array><dict>")),
      "Preferences file corrupt"),
-    ("preferences truncated", replaced(lambda w: w.state.write_bytes(b"<?xml version=")),
-     "Preferences file corrupt"),
     ("preferences replaced by a folder", replaced(lambda w: (w.state.mkdir(), (
         w.state / "inside").write_text("x"))), "Preferences file unreadable"),
     ("preferences a symlink to a sentinel", replaced(lambda w: w.state.symlink_to(w.sentinel)),

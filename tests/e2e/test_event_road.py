@@ -6,12 +6,13 @@ import os
 import plistlib
 import select
 import shutil
+import subprocess
 import time
 
 import dbus
 import pytest
 
-from nightjar_harness import (LOGIND_MANAGER, LOGIND_PATH, MOCK, RTC_ALARM_FILE, daily_event,
+from nightjar_harness import (CTL, LOGIND_MANAGER, LOGIND_PATH, MOCK, RTC_ALARM_FILE, daily_event,
                               epoch, inhibitors, once_event, pending_dates, seconds_of_day,
                               tool_calls, utc_in, wait_until, wake_entries)
 
@@ -21,7 +22,12 @@ def logind_first(logind):
     """logind runs before the daemon starts."""
 
 
-def test_a_shutdown_event_is_warned_performed_and_started(daemon, client, root, broadcasts):
+def test_a_shutdown_event_is_warned_performed_and_started(daemon, client, root, broadcasts,
+                                                          system_bus):
+    watch = subprocess.Popen([str(CTL), "watch"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             text=True, env=dict(os.environ, NIGHTJAR_ROOT=str(root),
+                                                 DBUS_SYSTEM_BUS_ADDRESS=system_bus.address))
+    assert "Watching" in watch.stderr.readline()
     client.ok("notifications.setnotifyperiod", 2)
     date = utc_in(4)
     client.ok("scheduler.set", once_event("halt", "shutdown", date))
@@ -42,6 +48,8 @@ def test_a_shutdown_event_is_warned_performed_and_started(daemon, client, root, 
             assert (performed["uniqueid"], performed["action"]["type"]) == ("halt", "shutdown")
     assert wait_until(lambda: tool_calls(root).strip().endswith(
         "/usr/local/nightjar/bin/gracestop -h"))
+    watch.terminate()
+    assert "event.willperform  halt (" in watch.communicate(timeout=10)[0]
     # Answered inside the pause: its exchange is logged before the perform ends.
     assert daemon.wait_for_line("Dropped event: halt")
     messages = daemon.messages()

@@ -1,5 +1,5 @@
-"""nightjarctl against the real daemon: every subcommand, export and apply, watch, and the
-sentences of bad input and of refusals."""
+"""nightjarctl against the real daemon: every subcommand, export and apply, and the sentences
+of bad input and of refusals (watch: test_event_road)."""
 
 import json
 import os
@@ -161,22 +161,6 @@ def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, tmp_pat
     fleet = [e for e in json.loads(ctl("export")[1]) if e["uniqueid"] == "F1"][0]
     assert [fleet["site"], fleet["weight"], repr(fleet["count"])] == [{"base64": "AAEC"}, 1.5, "3"]
     assert apply(str(wanted)) == (0, "", "")
-
-
-def test_watch_sees_the_warning_before_an_event_is_performed(ctl, root, system_bus):
-    watch = subprocess.Popen([str(CTL), "watch"], env=ctl_env(root, system_bus),
-                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    try:
-        assert "Watching" in watch.stderr.readline()
-        add(ctl, "--at", "+2s", "--action", "shutdown", "--name", "Soon")
-        lines = []
-        while not any("event.willperform" in line for line in lines):
-            lines.append(watch.stdout.readline())
-            assert lines[-1], lines
-        assert "event.willperform  Soon (" in lines[-1]
-    finally:
-        watch.terminate()
-        watch.wait(timeout=10)
 
 
 def interactive_checks(polkitd):

@@ -7,6 +7,7 @@ import json
 import os
 import plistlib
 import re
+import select
 import shutil
 import signal
 import socket
@@ -46,7 +47,8 @@ def wait_until(predicate, timeout=5.0, interval=0.01):
 @contextlib.contextmanager
 def as_user(uid, folder, work):
     """Runs `work()` in a child forked under `uid`, in `folder` (so relative paths pass the
-    test's private folders); yields its answer (as JSON) while the child holds what it opened."""
+    test's private folders); yields answer(timeout=None): the child's answer (as JSON), or None
+    while it has none. The child keeps what it opened until the block ends."""
     (answer_read, answer_write), (release_read, release_write) = os.pipe(), os.pipe()
     pid = os.fork()
     if pid == 0:
@@ -63,10 +65,12 @@ def as_user(uid, folder, work):
             traceback.print_exc()
         os._exit(0)
     os.close(answer_write)
+    answers = os.fdopen(answer_read, "rb")
     try:
-        with os.fdopen(answer_read, "rb") as answer:
-            yield json.loads(answer.read())
+        yield lambda timeout=None: json.loads(answers.read()) if select.select(
+            [answers], [], [], timeout)[0] else None
     finally:
+        answers.close()
         os.close(release_write)
         os.waitpid(pid, 0)
 

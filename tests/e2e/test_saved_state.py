@@ -1,5 +1,6 @@
 """The engine state across a stop, a kill and a restart of the daemon."""
 
+import contextlib
 import datetime
 import os
 import plistlib
@@ -128,28 +129,21 @@ CRASH_KILLS = int(os.environ.get("NIGHTJAR_CRASH_KILLS", "200"))
 SEED = 20261123
 
 
-def send_until_closed(daemon, prefix, date, acknowledged):
-    """Sends new events until the daemon goes away; records each one answered 200."""
-    try:
-        with daemon.client() as client:
-            for number in range(1_000_000):
-                uniqueid = f"{prefix}-{number}"
-                if client.call("scheduler.set", once_event(uniqueid, "restart", date)) == OK:
-                    acknowledged.append(uniqueid)
-    except (ConnectionClosed, OSError):
-        pass
-
-
 def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root):
-    rng = random.Random(SEED)
-    date = utc_in(7 * 86400)
-    acknowledged = []
+    rng, date, acknowledged = random.Random(SEED), utc_in(7 * 86400), []
+
+    def send_until_closed(daemon, prefix):  # each event answered 200 is acknowledged
+        with contextlib.suppress(ConnectionClosed, OSError), daemon.client() as client:
+            for number in range(1_000_000):
+                if client.call("scheduler.set", once_event(f"{prefix}-{number}", "restart",
+                                                           date)) == OK:
+                    acknowledged.append(f"{prefix}-{number}")
+
     for round_number in range(CRASH_KILLS):
         context = f"seed {SEED}, round {round_number}"
         daemon = start_daemon()
         assert daemon.wait_running(timeout=10), context
-        sender = threading.Thread(target=send_until_closed,
-                                  args=(daemon, f"r{round_number}", date, acknowledged))
+        sender = threading.Thread(target=send_until_closed, args=(daemon, f"r{round_number}"))
         sender.start()
         time.sleep(rng.uniform(0.003, 0.1))
         daemon.signal(signal.SIGKILL)
@@ -159,9 +153,7 @@ def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root
         # A file that does not parse raises here: that is the fault under test too.
         missing = set(acknowledged) - (saved_ids(root) if acknowledged else set())
         assert not missing, f"{context}: acknowledged but not saved: {sorted(missing)[:10]}"
-
     assert acknowledged, f"seed {SEED}: no change was ever acknowledged"
     with start_daemon(running=True).client(timeout=30.0) as client:
         listed = {e["uniqueid"] for e in client.call("scheduler.events")["response"]}
-    missing = set(acknowledged) - listed
-    assert not missing, f"seed {SEED}: not listed after restart: {sorted(missing)[:10]}"
+    assert set(acknowledged) <= listed, f"seed {SEED}: not all listed after restart"

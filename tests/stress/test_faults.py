@@ -6,7 +6,6 @@ import os
 import select
 import shutil
 import subprocess
-import threading
 
 import pytest
 
@@ -134,18 +133,13 @@ def polkit_hung(world):
         with Client("api", timeout=120) as client:
             return client.call("scheduler.set", once_event("nobody", "restart", FAR))
 
-    answers = []
-    with contextlib.ExitStack() as stack:
-        writer = threading.Thread(target=lambda: answers.append(stack.enter_context(
-            as_user(NOBODY, os.path.dirname(socket_path(world.root)), write))))
-        writer.start()
+    with as_user(NOBODY, os.path.dirname(socket_path(world.root)), write) as answer:
         assert next_line(hung) == b"asked"
         yield
-        assert writer.is_alive() and answers == []  # root was served during the wait
+        assert answer(timeout=0) is None  # root was served during the wait
         hung.kill()
         hung.wait()
-        writer.join(timeout=30)
-    assert answers == [UNAUTHORIZED]
+        assert answer(timeout=30) == UNAUTHORIZED
     world.start_mocks()
 
 

@@ -77,7 +77,8 @@ def idle_connections(daemon, path, cap=True):
                 break
         return len(held)
 
-    with as_user(NOBODY, os.path.dirname(path), open_until_closed) as kept:
+    with as_user(NOBODY, os.path.dirname(path), open_until_closed) as answer:
+        kept = answer()
         print(f"\n{kept} idle connections held by uid {NOBODY}")
         assert kept == 64 if cap else 0 < kept < 64
         yield
@@ -89,15 +90,11 @@ def refusals_in_a_loop(daemon, path):
         with Client("api", timeout=10) as client:
             return sum(client.call("bogus.thing")["error"] == 500 for _ in range(REFUSALS))
 
-    answers, started = [], time.monotonic()
-    with contextlib.ExitStack() as stack:
-        thread = threading.Thread(target=lambda: answers.append(stack.enter_context(
-            as_user(NOBODY, os.path.dirname(path), refuse))))
-        thread.start()
+    started = time.monotonic()
+    with as_user(NOBODY, os.path.dirname(path), refuse) as answer:
         yield
-        thread.join(timeout=120)
+        assert answer(timeout=120) == REFUSALS
     seconds = time.monotonic() - started
-    assert answers == [REFUSALS]
     lines = [m for m in daemon.messages() if "Authorization refused: " in m]
     print(f"{REFUSALS} refusals in {seconds:.1f} s: {len(lines)} lines logged")
     assert len(lines) <= REFUSAL_LINES_PER_SECOND * (seconds + 2)

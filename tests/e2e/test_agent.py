@@ -14,8 +14,7 @@ from nightjar_harness import (AGENT, CTL, MOCK, NOBODY, DbusMock, PrivateBus, op
                               utc_in, wait_until)
 from nightjar_harness import once_event as any_once_event
 
-DELAY_10M, DELAY_1H, CANCEL = ("delay-600", "Delay 10 minutes"), \
-    ("delay-3600", "Delay 1 hour"), ("cancel", "Cancel")
+ACTIONS = [("delay-600", "Delay 10 minutes"), ("delay-3600", "Delay 1 hour"), ("cancel", "Cancel")]
 
 
 def once_event(uniqueid, seconds, action="shutdown"):
@@ -100,7 +99,7 @@ def test_a_warning_is_one_notice_with_three_actions_then_a_last_one(desktop, bro
     [(summary, body, actions)] = desktop.notices().values()
     assert summary.startswith("Shutdown at ")
     assert body in ("Halt: less than a minute left", "Halt: 1 minute left")
-    assert actions == [DELAY_10M, DELAY_1H, CANCEL]
+    assert actions == ACTIONS
     hints = [args[6] for _, method, args in desktop.mock.GetCalls() if method == "Notify"]
     assert hints[0]["urgency"] == 2
     assert broadcasts.wait_for("event.willperform", timeout=8)
@@ -118,12 +117,12 @@ def test_delay_cancel_and_remove_close_their_notices_and_a_second_agent_exits(de
     assert "another agent runs in this session" in second.stderr.read()
     assert first.poll() is None
     [halt], [boot] = desktop.shown("Halt:"), desktop.shown("Boot:")
-    desktop.invoke(halt, DELAY_10M[0])
+    desktop.invoke(halt, "delay-600")
     assert wait_until(lambda: desktop.pending("halt") == date + datetime.timedelta(seconds=600))
     # Still within the hour's period, the delayed event is warned again at once,
     # often within the same second as its first warning: a new notice all the same.
     assert wait_until(lambda: desktop.shown("Halt:") and halt not in desktop.shown("Halt:"))
-    desktop.invoke(boot, CANCEL[0])
+    desktop.invoke(boot, "cancel")
     assert wait_until(lambda: desktop.pending("boot") is None)
     subprocess.run([str(CTL), "remove", "gone"], env=desktop.env, check=True, timeout=20)
     assert wait_until(lambda: len(desktop.notices()) == 1 and desktop.shown("Halt:"))
@@ -153,7 +152,7 @@ def test_a_user_who_is_not_root_meets_polkit_with_interaction_first(desktop, pol
     desktop.warn(once_event("halt", 900))
     date = desktop.pending("halt")
     assert wait_until(lambda: len(desktop.notices()) == 1)
-    desktop.invoke(list(desktop.notices())[0], DELAY_10M[0])
+    desktop.invoke(list(desktop.notices())[0], "delay-600")
     assert wait_until(lambda: desktop.pending("halt") == date + datetime.timedelta(seconds=600))
     asked = [(str(args[1]), int(args[3])) for _, method, args in
              authority.GetCalls(dbus_interface=MOCK)

@@ -1,12 +1,11 @@
-"""The daemon's command line (its rights installed and removed too), start-up, signals and
-tear-down, seen from outside."""
+"""The daemon's command line, rights, start-up, signals and tear-down, seen from outside."""
 
 import datetime
 import os
 import signal
 import xml.etree.ElementTree as ElementTree
 
-from nightjar_harness import wait_until
+from nightjar_harness import once_event, wait_until
 
 
 def test_one_shot_options_print_and_exit_without_claiming_the_lock(start_daemon, root):
@@ -78,10 +77,8 @@ def test_the_status_line_follows_the_events_and_the_watchdog_is_fed(start_daemon
     daemon = start_daemon(extra_env={"WATCHDOG_USEC": "1000000"}, running=True)
     assert daemon.wait_for_notify("STATUS=0 events")
     with daemon.client() as client:
-        client.ok("scheduler.set", {
-            "uniqueid": "n1", "name": "Nightly\noff", "enabled": True,
-            "action": {"type": "shutdown"},
-            "trigger": {"type": "once", "date": datetime.datetime(2100, 1, 1, 22, 30)}})
+        client.ok("scheduler.set", once_event("n1", "shutdown", datetime.datetime(
+            2100, 1, 1, 22, 30), name="Nightly\noff"))
     # The zone is the root's, UTC; a name cannot break the line.
     assert daemon.wait_for_notify("STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
     assert daemon.wait_for_notify("WATCHDOG=1")

@@ -17,8 +17,7 @@ def run_tool(name, bus_address, *args):
                           capture_output=True, text=True, timeout=30)
 
 
-def calls(mock_object, method):
-    """The argument lists of every recorded call of `method`, as Python values."""
+def calls(mock_object, method):  # the argument lists of each recorded call
     return [list(args) for _, args in mock_object.GetMethodCalls(method, dbus_interface=MOCK)]
 
 

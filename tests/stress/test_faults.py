@@ -14,7 +14,6 @@ from nightjar_harness import (NOBODY, PYTHON, STATE_FILE, BroadcastListener, Dbu
                               inhibitors, once_event, saved_ids, wait_until)
 from stress_harness import FAR, fault_lines
 
-UNAUTHORIZED = {"error": 500, "reason": "Request must be authorized"}
 HUNG_POLKIT = """
 import sys, dbus, dbus.service, dbus.mainloop.glib
 from gi.repository import GLib
@@ -139,7 +138,7 @@ def polkit_hung(world):
         assert answer(timeout=0) is None  # root was served during the wait
         hung.kill()
         hung.wait()
-        assert answer(timeout=30) == UNAUTHORIZED
+        assert answer(timeout=30) == {"error": 500, "reason": "Request must be authorized"}
     world.start_mocks()
 
 

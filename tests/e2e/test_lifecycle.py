@@ -3,9 +3,10 @@
 import datetime
 import os
 import signal
+import subprocess
 import xml.etree.ElementTree as ElementTree
 
-from nightjar_harness import once_event, wait_until
+from nightjar_harness import PYTHON, once_event, wait_until
 
 
 def test_one_shot_options_print_and_exit_without_claiming_the_lock(start_daemon, root):
@@ -55,6 +56,28 @@ def test_each_signal_is_logged_and_the_quitting_ones_tear_down(start_daemon, bro
     daemon = start_daemon(bus=False, running=True)  # without a system bus too
     daemon.signal(signal.SIGINT)
     assert daemon.wait() == 0 and "Caught 2 signal, quitting" in daemon.messages()
+
+
+HUNG_LOGIND = """
+import sys, time, dbus
+bus = dbus.bus.BusConnection(sys.argv[1])
+bus.request_name("org.freedesktop.login1")
+print("owned", flush=True)
+time.sleep(60)  # owns the name, never answers
+"""
+
+
+def test_a_logind_that_never_answers_does_not_hold_up_start_up(start_daemon, system_bus):
+    hung = subprocess.Popen([PYTHON, "-c", HUNG_LOGIND, system_bus.address],
+                            stdout=subprocess.PIPE)
+    try:
+        assert hung.stdout.readline().strip() == b"owned"
+        daemon = start_daemon()
+        assert daemon.wait_running(timeout=15)
+        assert daemon.terminate() == 0
+    finally:
+        hung.kill()
+        hung.wait()
 
 
 def test_daemonise_detaches_and_the_child_keeps_running(start_daemon, root, broadcasts):

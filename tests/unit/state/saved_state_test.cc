@@ -1,15 +1,84 @@
+// The saved state and the save-on-change observer, over the ports fixture and
+// every module the state is made of, real, with a fake idle time and a run loop.
+#include "state/saved_state.h"
+
 #include <random>
 #include <string>
+#include <vector>
 
+#include "fakes/fake_idle_time_source.h"
+#include "fakes/ports_fixture.h"
+#include "model/event_list.h"
+#include "model/model_testing.h"
+#include "notifications/notification_controller.h"
 #include "plist/xml.h"
 #include "plist/xml_write_cache.h"
+#include "runloop/notification_center.h"
+#include "runloop/run_loop.h"
+#include "scheduling/date_time_queue_controller.h"
 #include "scheduling/event_scheduler.h"
-#include "state/saved_state.h"
+#include "scheduling/inactivity_queue_controller.h"
+#include "scheduling/queue_controller.h"
+#include "state/save_on_change_observer.h"
 #include "state/saved_state_size.h"
-#include "state_testing.h"
 
 namespace nightjar::state::testing {
 namespace {
+
+using namespace nightjar::model::testing;
+
+constexpr plist::AbsoluteTime kStart = nightjar::testing::kPortsStart;
+
+class SavedStateTest : public nightjar::testing::PortsFixture {
+ protected:
+  void SetUp() override {
+    PortsFixture::SetUp();
+    setUpModules();
+    loop_ = runloop::RunLoop::create();
+    ASSERT_TRUE(saveOnChangeObserverCreate(loop_.get(), {[this] { ++dirtied_; }}));
+    observer_ = saveOnChangeObserverGet();
+  }
+  void TearDown() override {
+    saveOnChangeObserverDestroy();
+    tearDownModules();
+    PortsFixture::TearDown();
+  }
+
+  // Main's order: event list, notification controller, queue controllers.
+  void setUpModules() {
+    model::eventListSetUp();
+    notifications::notificationControllerCreate(clock_, timers_.timerFactory(),
+                                                [](const Value&) {});
+    scheduling::queueControllerListSetUp();
+    scheduling::QueueControllerList* list = scheduling::queueControllerListGet();
+    scheduling::queueControllerListAppend(
+        list, scheduling::dateTimeQueueControllerCreate(clock_, timers_.timerFactory(), {}));
+    scheduling::queueControllerListAppend(
+        list, scheduling::inactivityQueueControllerCreate(&idle_, clock_, timers_.timerFactory()));
+  }
+  void tearDownModules() {
+    model::eventListTearDown();
+    scheduling::queueControllerListTearDown();
+    notifications::notificationControllerDestroy();
+  }
+
+  // The controller that takes `event`: "DateTime" for daily and once events.
+  scheduling::QueueController* controllerFor(const Value& event) {
+    return scheduling::queueControllerListFindForEvent(scheduling::queueControllerListGet(), event);
+  }
+  Value saved() { return preferences_.disk().get(persistence::kEngineKey); }
+  std::vector<std::string> eventIds() {
+    return idsOf(model::eventListCopyPublic(model::eventListGet()));
+  }
+
+  void post() { runloop::localCenter().post("test.change", this); }
+  void pass() { saveOnChangeObserverRunPass(observer_); }
+
+  fakes::FakeIdleTimeSource idle_{clock_};
+  std::unique_ptr<runloop::RunLoop> loop_;
+  SaveOnChangeObserver* observer_ = nullptr;
+  int dirtied_ = 0;
+};
 
 TEST_F(SavedStateTest, AnEmptyEngineStillHoldsTheThreeKeys) {
   EXPECT_TRUE(persistenceSave());
@@ -132,9 +201,8 @@ TEST_F(SavedStateTest, AWriteFromKeptFormsEqualsAFreshWriteAfterEachChange) {
   scheduling::eventSchedulerTearDown();
 }
 
-// Given a limit of 16 000 bytes (15 000 less the reserve), expect a change
-// admitted up to the limit's last byte and not one byte further, until a save
-// measures the state afresh.
+// Under a limit of 16 000 bytes (15 000 less the reserve), changes are admitted to its
+// last byte and not one further, until a save measures the state afresh.
 TEST_F(SavedStateTest, ChangesAreAdmittedUpToTheLastByteOfTheLimit) {
   preferences_.limitStoredBytes(16000);
   savedStateSizeSaved();
@@ -145,6 +213,74 @@ TEST_F(SavedStateTest, ChangesAreAdmittedUpToTheLastByteOfTheLimit) {
   savedStateSizeSaved();
   EXPECT_TRUE(savedStateAdmits(1));
   savedStateSizeSaved();
+}
+
+TEST_F(SavedStateTest, EachPassWithNotificationsEndsWithOneSave) {
+  EXPECT_TRUE(saveOnChangeObserverCreate(loop_.get()));  // a second create changes nothing
+  EXPECT_EQ(saveOnChangeObserverGet(), observer_);
+  pass();
+  EXPECT_EQ(preferences_.writes(), 0);
+  model::eventListStore(model::eventListGet(), validEvent("a"));  // posts "events.add"
+  post();
+  EXPECT_EQ(dirtied_, 2);
+  pass();
+  pass();
+  EXPECT_EQ(preferences_.writes(), 1);
+  EXPECT_FALSE(saveOnChangeObserverIsDirty(observer_));  // saving posted nothing
+  // A pass that leaves the state as saved writes nothing.
+  post();
+  EXPECT_TRUE(saveOnChangeObserverIsDirty(observer_));
+  pass();
+  EXPECT_EQ(preferences_.writes(), 1);
+  EXPECT_FALSE(saveOnChangeObserverIsDirty(observer_));
+  // Destroyed, the observer no longer listens.
+  saveOnChangeObserverDestroy();
+  post();
+  EXPECT_EQ(dirtied_, 3);
+}
+
+TEST_F(SavedStateTest, AFailedSaveKeepsTheLastFileIsLoggedOnceAndRetried) {
+  RecordingLog log;
+  post();
+  pass();
+  const Value good = saved();
+  preferences_.failWrites(true);
+  model::eventListStore(model::eventListGet(), validEvent("a"));
+  pass();
+  pass();  // retried without a new change
+  EXPECT_EQ(preferences_.writes(), 3);
+  EXPECT_EQ(saved(), good);
+  EXPECT_EQ(log.lines.size(), 1u);
+  preferences_.failWrites(false);
+  pass();
+  EXPECT_EQ(saved().get(kEventsKey).count(), 1u);
+  EXPECT_FALSE(saveOnChangeObserverIsDirty(observer_));
+  // A new fault is a new line.
+  preferences_.failWrites(true);
+  model::eventListStore(model::eventListGet(), validEvent("b"));
+  pass();
+  EXPECT_EQ(log.lines.size(), 2u);
+}
+
+TEST_F(SavedStateTest, AStartFromTheReadStateWritesOnlyWhatLoadingChanged) {
+  const Value read = persistenceCopyState();  // loading gives the second its queues
+  for (const Value& engine : {read, read.with(kQueuesKey, Dict({}))}) {
+    preferences_.changeExternally(persistence::kEngineKey, engine);
+    saveOnChangeObserverStartFrom(observer_, persistenceRestore());
+    post();
+    pass();
+    EXPECT_EQ(preferences_.writes(), engine == read ? 0 : 1);
+  }
+}
+
+TEST_F(SavedStateTest, TheRunLoopSavesAtTheEndOfAPass) {
+  auto timer = loop_->addTimer([this] {
+    model::eventListStore(model::eventListGet(), validEvent("a"));
+    loop_->stop();
+  });
+  timer->setNextFireDate(runloop::systemClock().now());
+  EXPECT_EQ(loop_->run(), 0);
+  EXPECT_EQ(preferences_.writes(), 1);
 }
 
 }  // namespace

@@ -74,7 +74,7 @@ std::string logThroughStandardError(bool closedAtOpen) {
   closedAtOpen ? close(STDERR_FILENO) : dup2(pipeFds[1], STDERR_FILENO);
   openLog();
   dup2(pipeFds[1], STDERR_FILENO);
-  logMessage(LOG_ERR, "logging_test: a line");
+  logMessage(LOG_INFO, "logging_test: a line");
   openSystemLog();
   logMessage(LOG_INFO, "logging_test: to the system log");
   closeLog();
@@ -91,7 +91,7 @@ std::string logThroughStandardError(bool closedAtOpen) {
 
 // A line must never land on a descriptor 2 closed at opening and then reused.
 TEST(LogOpen, StandardErrorIsUsedOnlyWhileItIsOpen) {
-  EXPECT_EQ(logThroughStandardError(false), "<3>logging_test: a line\n");
+  EXPECT_EQ(logThroughStandardError(false), "<6>logging_test: a line\n");
   EXPECT_EQ(logThroughStandardError(true), "");
 }
 

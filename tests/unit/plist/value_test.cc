@@ -21,7 +21,7 @@ V sampleDictionary() {
 // Reals are never truncated, dates and booleans are no numbers, numbers
 // compare by exact value across integer and real, containers deeply.
 TEST(ValueTest, TypedViewsAndEquality) {
-  EXPECT_EQ(V::integer(5).numberAsDouble(), 5.0);
+  EXPECT_EQ(V::integer(5).asBoolean(), std::nullopt);
   EXPECT_EQ(V::real(2.5).asInteger(), std::nullopt);
   EXPECT_EQ(V::date(10.0).numberAsDouble(), std::nullopt);
   constexpr std::int64_t k2To53 = std::int64_t{1} << 53;

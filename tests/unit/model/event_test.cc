@@ -220,7 +220,8 @@ TEST_F(EventQueueTest, PlacementMatchesAStableSortOfTheWholeArray) {
       std::stable_sort(reference.begin(), reference.end(),
                        [&](auto& a, auto& b) { return byDate(a, b, &calls) < 0; });
     }
-    eventQueueStore(queue.get(), event);
+    ASSERT_EQ(eventQueueStore(queue.get(), event),
+              std::find(reference.begin(), reference.end(), event) - reference.begin());
     ASSERT_EQ(members(), reference) << "step " << step;
     const Value probe = S("e" + std::to_string(random() % 40));
     const int index = indexOf(probe);

@@ -161,7 +161,6 @@ TEST(ScalarTextTest, IntegersInDecimalAndHexAndRealsReadBack) {
   EXPECT_EQ(parseRealText("-0.25"), -0.25);
   EXPECT_EQ(parseRealText("+infinity"), INFINITY);
   EXPECT_EQ(parseRealText("-infinity"), -INFINITY);
-  EXPECT_EQ(parseRealText("inf"), INFINITY);
   EXPECT_TRUE(std::isnan(parseRealText("nan").value()));
   for (const char* bad : {"", "+", "1,5", "1.5x", "+-1", "0x10", "1e999", "abc"}) {
     EXPECT_EQ(parseRealText(bad), std::nullopt) << bad;

@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <string>
 
+#include "plist/base64.h"
+#include "plist/scalar_text.h"
 #include "plist/xml_toolkit.h"
 
 namespace nightjar::plist {
@@ -28,23 +31,6 @@ std::string nestedArrays(int depth) {
   return plist(open + close);
 }
 
-Value everyKind() {
-  return Value::dictionary({
-      {"string", Value::string("a & b < c > d \"q\" 'é' \r\n\t 😀")},
-      {"empty", Value::string("")},
-      {"integer", Value::integer(-9223372036854775807 - 1)},
-      {"real", Value::real(0.1)},
-      {"infinity", Value::real(-INFINITY)},
-      {"true", Value::boolean(true)},
-      {"false", Value::boolean(false)},
-      {"date", Value::date(784111777.0)},
-      {"data", Value::data(Bytes(100, 0xA5))},
-      {"nodata", Value::data({})},
-      {"array", Value::array({Value::integer(1), Value::array({}), Value::dictionary({})})},
-      {"k<&>", Value::dictionary({{"inner", Value::string("x")}})},
-  });
-}
-
 TEST(XmlTest, WritesTheCustomaryLayout) {
   Value value =
       Value::dictionary({{"name", Value::string("a&b\"\r")},
@@ -66,7 +52,20 @@ TEST(XmlTest, WritesTheCustomaryLayout) {
 }
 
 TEST(XmlTest, EveryKindRoundTrips) {
-  const Value original = everyKind();
+  const Value original = Value::dictionary({
+      {"string", Value::string("a & b < c > d \"q\" 'é' \r\n\t 😀")},
+      {"empty", Value::string("")},
+      {"integer", Value::integer(-9223372036854775807 - 1)},
+      {"real", Value::real(0.1)},
+      {"infinity", Value::real(-INFINITY)},
+      {"true", Value::boolean(true)},
+      {"false", Value::boolean(false)},
+      {"date", Value::date(784111777.0)},
+      {"data", Value::data(Bytes(100, 0xA5))},
+      {"nodata", Value::data({})},
+      {"array", Value::array({Value::integer(1), Value::array({}), Value::dictionary({})})},
+      {"k<&>", Value::dictionary({{"inner", Value::string("x")}})},
+  });
   const std::string text = writeXml(original);
   const Value parsed = parseXml(text);
   EXPECT_EQ(parsed, original) << text;
@@ -102,21 +101,14 @@ TEST(XmlTest, NestingAndSizeLimits) {
   EXPECT_TRUE(parseXml(document, XmlLimits{.maxBytes = document.size() - 1}).isNone());
 }
 
-struct HostileCase {
-  const char* name;
-  std::string document;
-};
-
 TEST(XmlTest, RefusesHostileAndMalformedDocuments) {
   const std::string laughs =
       "<?xml version=\"1.0\"?><!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\">"
       "<!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;\">]>"
       "<plist><string>&c;</string></plist>";
-  const HostileCase cases[] = {
+  const std::pair<const char*, std::string> cases[] = {
       {"empty", ""},
-      {"mismatched", "<plist><string>x</data></plist>"},  // as any other ill-formed text
       {"billion laughs", laughs},
-      {"internal subset", "<!DOCTYPE plist [<!ELEMENT plist ANY>]><plist><true/></plist>"},
       {"external entity",
        "<!DOCTYPE plist SYSTEM \"x.dtd\" [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>"
        "<plist><string>&e;</string></plist>"},
@@ -144,12 +136,71 @@ TEST(XmlTest, RefusesHostileAndMalformedDocuments) {
       {"bad base64", plist("<data>Zm9v!</data>")},
       {"bad date", plist("<date>2026-13-01T00:00:00Z</date>")},
       {"bad integer", plist("<integer>12abc</integer>")},
-      {"integer overflow", plist("<integer>9223372036854775808</integer>")},
-      {"empty integer", plist("<integer/>")},
       {"bad real", plist("<real>1.2.3</real>")},
   };
-  for (const HostileCase& hostile : cases) {
-    EXPECT_TRUE(parseXml(hostile.document).isNone()) << hostile.name;
+  for (const auto& [name, document] : cases) {
+    EXPECT_TRUE(parseXml(document).isNone()) << name;
+  }
+}
+
+constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+
+TEST(ScalarTextTest, IntegersInDecimalAndHexAndRealsReadBack) {
+  EXPECT_EQ(parseIntegerText("-42"), -42);
+  EXPECT_EQ(parseIntegerText("+42"), 42);
+  EXPECT_EQ(parseIntegerText("0x1F"), 31);
+  EXPECT_EQ(parseIntegerText("-0X10"), -16);
+  EXPECT_EQ(parseIntegerText("9223372036854775807"), kMax);
+  EXPECT_EQ(parseIntegerText("-9223372036854775808"), kMin);
+  for (const char* bad : {"", "-", "+", "0x", "1.5", "12a", " 1", "--1", "9223372036854775808",
+                          "-9223372036854775809", "0x8000000000000000", "99999999999999999999"}) {
+    EXPECT_EQ(parseIntegerText(bad), std::nullopt) << bad;
+  }
+  EXPECT_EQ(parseRealText("+2e3"), 2000.0);
+  EXPECT_EQ(parseRealText("-0.25"), -0.25);
+  EXPECT_EQ(parseRealText("+infinity"), INFINITY);
+  EXPECT_EQ(parseRealText("-infinity"), -INFINITY);
+  EXPECT_TRUE(std::isnan(parseRealText("nan").value()));
+  for (const char* bad : {"", "+", "1,5", "1.5x", "+-1", "0x10", "1e999", "abc"}) {
+    EXPECT_EQ(parseRealText(bad), std::nullopt) << bad;
+  }
+  for (double number : {0.1, -1.0 / 3.0, 1e300, 5e-324, 900.0, -0.0, 123456789.123456789}) {
+    const std::string text = formatRealText(number);
+    EXPECT_EQ(parseRealText(text), number) << text;
+  }
+  EXPECT_EQ(formatRealText(NAN), "nan");
+  EXPECT_EQ(formatRealText(INFINITY), "+infinity");
+  EXPECT_EQ(formatRealText(-INFINITY), "-infinity");
+}
+
+TEST(ScalarTextTest, DatesInUtcAndBase64InLinesDecodedStrictly) {
+  EXPECT_EQ(parseDateText("1970-01-01T00:00:00Z"), -kAbsoluteTimeIntervalSince1970);
+  EXPECT_EQ(parseDateText("2024-02-29T12:30:15Z"), 730902615.0);
+  EXPECT_EQ(formatDateText(730902615.9), "2024-02-29T12:30:15Z");  // floored
+  EXPECT_EQ(formatDateText(-0.5), "2000-12-31T23:59:59Z");
+  EXPECT_EQ(formatDateText(-1e300), "0000-01-01T00:00:00Z");
+  EXPECT_EQ(formatDateText(1e300), "9999-12-31T23:59:59Z");
+  EXPECT_EQ(formatDateText(NAN), "2001-01-01T00:00:00Z");
+  for (const char* bad :
+       {"2026-13-01T00:00:00Z", "2026-00-10T00:00:00Z", "2023-02-29T00:00:00Z",
+        "2026-04-31T00:00:00Z", "2026-01-01T24:00:00Z", "2026-01-01T00:60:00Z",
+        "2026-01-01T00:00:60Z", "2026-01-01 00:00:00Z", "2026-01-01T00:00:00",
+        "2026-1-01T00:00:00Z", "2026-01-01T00:00:00+01:00", "20x6-01-01T00:00:00Z"}) {
+    EXPECT_EQ(parseDateText(bad), std::nullopt) << bad;
+  }
+  for (const char* text : {"0000-01-01T00:00:00Z", "0001-03-01T00:00:00Z", "1900-02-28T23:59:59Z",
+                           "2000-02-29T00:00:00Z", "9999-12-31T23:59:59Z"}) {
+    EXPECT_EQ(formatDateText(parseDateText(text).value()), text);
+  }
+  EXPECT_EQ(encodeBase64({}, 76, "\t"), "");
+  EXPECT_EQ(encodeBase64({'f', 'o', 'o', 'b'}, 76, "\t"), "\tZm9vYg==\n");
+  EXPECT_EQ(encodeBase64(Bytes(6, 0xFF), 4, ""), "////\n////\n");
+  EXPECT_EQ(decodeBase64(" Zm9v\n\tYmE=\r\n"), (Bytes{'f', 'o', 'o', 'b', 'a'}));
+  EXPECT_EQ(decodeBase64(""), Bytes{});
+  for (const char* bad :
+       {"Zm9", "Zm9vY", "Zm=v", "Z===", "Zg==Zg==", "Zm9v!", "Zg=", "Zm9v====="}) {
+    EXPECT_EQ(decodeBase64(bad), std::nullopt) << bad;
   }
 }
 

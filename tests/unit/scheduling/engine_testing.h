@@ -12,11 +12,15 @@
 #include <vector>
 
 #include "fakes/fake_distributed_center.h"
+#include "fakes/fake_power_manager.h"
 #include "fakes/ports_fixture.h"
 #include "model/event.h"
+#include "model/event_list.h"
 #include "model/model_testing.h"
 #include "runloop/clock.h"
 #include "scheduling/event_action.h"
+#include "scheduling/event_scheduler.h"
+#include "scheduling/power_events.h"
 #include "scheduling/queue_controller.h"
 
 namespace nightjar::scheduling::testing {
@@ -164,6 +168,37 @@ class ScopedZone {
 
  private:
   std::optional<std::string> saved_;
+};
+
+// The controller list with a recording "DateTime" and "Inactivity" controller,
+// over the real event list, a fake preference store and a fake power manager.
+class EngineFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    persistence::preferencesSetStore(&store);
+    powerEventsSetManager(&power, &clock);
+    model::eventListSetUp();
+    queueControllerListSetUp();
+    list = queueControllerListGet();
+    queueControllerListAppend(
+        list, byDate = recordingController("DateTime", &dateTime, {"once", "daily"}));
+    queueControllerListAppend(list,
+                              byIdle = recordingController("Inactivity", &idle, {"inactive"}));
+  }
+  void TearDown() override {
+    eventSchedulerTearDown();
+    model::eventListTearDown();
+    queueControllerListTearDown();
+    powerEventsSetManager(nullptr, nullptr);
+    persistence::preferencesSetStore(nullptr);
+  }
+
+  fakes::FakePreferencesStore store;
+  fakes::FakeClock clock{1000};
+  fakes::FakePowerManager power;
+  Recorder dateTime, idle;
+  QueueController *byDate = nullptr, *byIdle = nullptr;
+  QueueControllerList* list = nullptr;
 };
 
 // The ports fixture with the perform sequence on fake timers, so that a test

@@ -170,7 +170,6 @@ TEST_F(EventActionTest, EachActionRunsTheWholeSequenceInOrder) {
     ASSERT_TRUE(pausing());
     EXPECT_EQ(pause().nextFireDate(), clock_.now() + 2.0);
     EXPECT_TRUE(eventActionBusy());
-
     pause().fire();
     Journal rest = {"post event.willperform", action, "post event.didperform", "activity down",
                     "done"};
@@ -210,13 +209,11 @@ TEST_F(EventActionTest, FailingToolsAndRefusedSleepAreLogged) {
   commands_.exit(0);
   commands_.exit(128 + 9);
   EXPECT_THAT(journal_, ElementsAre("3 gracestop error: 1", "3 gracestop error: 137"));
-
   journal_.clear();
   commands_.spawnError = ENOENT;
   perform(event("fast user switch"));
   pause().fire();
   EXPECT_THAT(journal_, ::testing::Contains("3 perch error: 2"));
-
   journal_.clear();
   sleep_.answer(0);
   sleep_.answer(EBUSY);
@@ -237,7 +234,6 @@ TEST_F(EventActionTest, PerformsRunOneAfterAnotherInOrderOfAsking) {
     perform(fourth, "fourth done");
   });
   EXPECT_EQ(journal_, concat(opening(first, "first"), {"post event.willperform"}));
-
   const auto ended = [](const std::string& tool, const std::string& label) {
     return Journal{tool, "post event.didperform", "activity down", label};
   };
@@ -272,7 +268,6 @@ TEST_F(EventActionTest, ConsoleNotifierShowsTheNoticeForThePauseAndClosesIt) {
   EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", "notice shown", "notice closed",
                                           std::string(kGracestop) + " -r", "post event.didperform",
                                           "activity down", "done"}));
-
   // No desktop to show it on: no notice, and the pause all the same.
   journal_.clear();
   notice_.reachable = false;

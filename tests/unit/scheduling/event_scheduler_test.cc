@@ -2,15 +2,8 @@
 // preference store and a fake power manager.
 #include <gtest/gtest.h>
 
-#include "fakes/fake_clock.h"
-#include "fakes/fake_power_manager.h"
-#include "fakes/fake_preferences_store.h"
-#include "model/event_list.h"
-#include "persistence/preferences.h"
 #include "runloop/notification_center.h"
 #include "scheduling/engine_testing.h"
-#include "scheduling/event_scheduler.h"
-#include "scheduling/power_events.h"
 
 namespace nightjar::scheduling {
 namespace {
@@ -19,29 +12,10 @@ using namespace testing;
 using Calls = std::vector<std::string>;
 using Ids = std::vector<std::string>;
 
-class EventSchedulerTest : public ::testing::Test {
+class EventSchedulerTest : public EngineFixture {
  protected:
-  void SetUp() override {
-    persistence::preferencesSetStore(&store);
-    powerEventsSetManager(&power, &clock);
-    model::eventListSetUp();
-    queueControllerListSetUp();
-    controllers = queueControllerListGet();
-    queueControllerListAppend(
-        controllers, byDate = recordingController("DateTime", &dateTime, {"once", "daily"}));
-    queueControllerListAppend(controllers,
-                              byIdle = recordingController("Inactivity", &idle, {"inactive"}));
-  }
-  void TearDown() override {
-    eventSchedulerTearDown();
-    model::eventListTearDown();
-    queueControllerListTearDown();
-    powerEventsSetManager(nullptr, nullptr);
-    persistence::preferencesSetStore(nullptr);
-  }
-
   EventScheduler* start() {
-    eventSchedulerSetUp(model::eventListGet(), controllers);
+    eventSchedulerSetUp(model::eventListGet(), list);
     posts = std::make_unique<PostRecorder>(eventSchedulerGet());
     return eventSchedulerGet();
   }
@@ -53,12 +27,6 @@ class EventSchedulerTest : public ::testing::Test {
   }
   std::size_t schedulerPosts() const { return posts->names().size(); }
 
-  fakes::FakePreferencesStore store;
-  fakes::FakeClock clock{1000};
-  fakes::FakePowerManager power;
-  Recorder dateTime, idle;
-  QueueController *byDate = nullptr, *byIdle = nullptr;
-  QueueControllerList* controllers = nullptr;
   std::unique_ptr<PostRecorder> posts;
   RecordingLog log;
 };

@@ -90,17 +90,6 @@ TEST_F(QueueControllerTest, RemoveAllSendsEachEventThroughWillRemove) {
             (Calls{"willRemove a", "didChange", "willRemove b", "willRemove c", "didChange"}));
 }
 
-// Taken as given: unsorted, unvalidated, without willAdd; a member without an
-// identifier is dropped.
-TEST_F(QueueControllerTest, ReplaceAllRemovesThroughTheCallbacksThenSetsTheContentUnchecked) {
-  queueControllerStore(controller, validEvent("old"));
-  recorder.calls.clear();
-  queueControllerReplaceAll(
-      controller, A({validEvent("z"), Dict({{"name", S("x")}}), Dict({{"uniqueid", S("y")}})}));
-  EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"z", "y"}));
-  EXPECT_EQ(recorder.calls, (Calls{"willRemove old", "didChange", "didReset"}));
-}
-
 TEST(QueueNull, EveryOperationAcceptsNoControllerOrTimer) {
   EXPECT_EQ(queueControllerName(nullptr), "");
   EXPECT_FALSE(queueControllerAccepts(nullptr, "once"));
@@ -123,21 +112,7 @@ TEST(QueueNull, EveryOperationAcceptsNoControllerOrTimer) {
   queueTimerDestroy(nullptr);
 }
 
-class QueueControllerListTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    queueControllerListSetUp();
-    list = queueControllerListGet();
-    queueControllerListAppend(list, byDate = recordingController("DateTime", &dateTime, {"daily"}));
-    queueControllerListAppend(list,
-                              byIdle = recordingController("Inactivity", &idle, {"inactive"}));
-  }
-  void TearDown() override { queueControllerListTearDown(); }
-
-  Recorder dateTime, idle, late;
-  QueueController *byDate = nullptr, *byIdle = nullptr;
-  QueueControllerList* list = nullptr;
-};
+using QueueControllerListTest = EngineFixture;
 
 TEST_F(QueueControllerListTest, RoutesEachEventToTheFirstControllerThatAcceptsItsTrigger) {
   EXPECT_EQ(queueControllerListFindForEvent(list, validEvent("d")), byDate);
@@ -146,6 +121,7 @@ TEST_F(QueueControllerListTest, RoutesEachEventToTheFirstControllerThatAcceptsIt
   EXPECT_EQ(queueControllerListFindForEvent(list, unknown), nullptr);
   EXPECT_EQ(queueControllerListFindForEvent(list, validEvent("n").without("trigger")), nullptr);
   // Of two that accept, list order wins.
+  Recorder late;
   queueControllerListAppend(list, recordingController("Late", &late, {"inactive", "hourly"}));
   EXPECT_EQ(queueControllerListFindForEvent(list, inactiveEvent("i")), byIdle);
   EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, unknown)), "Late");
@@ -186,9 +162,12 @@ TEST_F(QueueControllerListTest, RestoreReplacesNamedQueuesAndLeavesTheOthers) {
   queueControllerStore(byIdle, inactiveEvent("kept"));
   queueControllerStore(byDate, validEvent("gone"));
   dateTime.calls.clear();
-  queueControllerListRestoreQueues(
-      list, Dict({{"DateTime", A({validEvent("b"), validEvent("a")})}, {"Other", A({})}}));
-  EXPECT_EQ(queuedIds(byDate), (std::vector<std::string>{"b", "a"}));
+  // Taken as given: unsorted, unvalidated, without willAdd; a member without
+  // an identifier is dropped.
+  const Value restored =
+      A({validEvent("z"), Dict({{"name", S("x")}}), Dict({{"uniqueid", S("y")}})});
+  queueControllerListRestoreQueues(list, Dict({{"DateTime", restored}, {"Other", A({})}}));
+  EXPECT_EQ(queuedIds(byDate), (std::vector<std::string>{"z", "y"}));
   EXPECT_EQ(queuedIds(byIdle), (std::vector<std::string>{"kept"}));
   EXPECT_EQ(dateTime.calls, (Calls{"willRemove gone", "didChange", "didReset"}));
   queueControllerListRestoreQueues(list, A({}));  // not a dictionary: nothing

@@ -107,7 +107,6 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
             (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 1800, "once")}));
   EXPECT_EQ(warnedFor("daily"), kTen);
   EXPECT_EQ(warnedFor("once"), kStart + 1800);
-  // Modifying moves them.
   add(onceEvent("once", kStart + 2400, "shutdown"));
   EXPECT_EQ(entries(),
             (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 2370, "once")}));

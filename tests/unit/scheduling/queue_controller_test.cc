@@ -121,7 +121,7 @@ TEST_F(QueueControllerListTest, RoutesEachEventToTheFirstControllerThatAcceptsIt
   EXPECT_EQ(queueControllerListFindForEvent(list, unknown), nullptr);
   EXPECT_EQ(queueControllerListFindForEvent(list, validEvent("n").without("trigger")), nullptr);
   // Of two that accept, list order wins.
-  Recorder late;
+  static Recorder late;  // outlives the list, torn down after the test
   queueControllerListAppend(list, recordingController("Late", &late, {"inactive", "hourly"}));
   EXPECT_EQ(queueControllerListFindForEvent(list, inactiveEvent("i")), byIdle);
   EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, unknown)), "Late");

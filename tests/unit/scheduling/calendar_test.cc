@@ -6,7 +6,7 @@
 #include <limits>
 #include <tuple>
 
-#include "date_time_testing.h"
+#include "scheduling/engine_testing.h"
 
 namespace nightjar::scheduling {
 namespace {
@@ -22,6 +22,7 @@ auto fields(AbsoluteTime t) {
   return std::tuple(f.date, f.hour, f.minute, f.second, f.fraction, f.weekday, f.utcOffset);
 }
 
+// Skipped and repeated local times: the zone sweep.
 TEST(Calendar, SplitsIntoLocalFieldsWithMondayAsOneAndCountsDays) {
   ScopedZone zone("UTC");
   // 2001-01-01 was a Monday; before it the fraction still counts forward.
@@ -34,32 +35,6 @@ TEST(Calendar, SplitsIntoLocalFieldsWithMondayAsOneAndCountsDays) {
             std::tuple(LocalDay{2026, 7, 2}, 0, 30, 0, 0.0, 4, 7200L));
   EXPECT_EQ(calendarNextDay({2024, 2, 28}), (LocalDay{2024, 2, 29}));
   EXPECT_EQ(calendarNextDay({2026, 12, 31}), (LocalDay{2027, 1, 1}));
-}
-
-// 2026-03-29 in Berlin: 02:00 CET jumps to 03:00 CEST (01:00 UTC); a time in
-// the gap is the first instant after it. 2026-10-25: 03:00 CEST falls back to
-// 02:00 CET (01:00 UTC); a repeated time is its first instance, where a guess
-// from tm_isdst would pick either. Other zones' shifts: the sweep test.
-TEST(Calendar, SkippedAndRepeatedTimesFollowTheRule) {
-  ScopedZone zone("Europe/Berlin");
-  const LocalDay spring{2026, 3, 29}, fall{2026, 10, 25};
-  const struct {
-    LocalDay day;
-    std::int64_t seconds;
-    AbsoluteTime expected;
-  } cases[] = {
-      {spring, hms(1, 59, 59), utc(2026, 3, 29, 0, 59, 59)},
-      {spring, hms(2, 0), utc(2026, 3, 29, 1)},
-      {spring, hms(2, 59, 59), utc(2026, 3, 29, 1)},
-      {spring, hms(3, 0), utc(2026, 3, 29, 1)},
-      {spring, hms(3, 0, 1), utc(2026, 3, 29, 1, 0, 1)},
-      {fall, hms(1, 59, 59), utc(2026, 10, 24, 23, 59, 59)},
-      {fall, hms(2, 0), utc(2026, 10, 25, 0)},
-      {fall, hms(2, 59, 59), utc(2026, 10, 25, 0, 59, 59)},
-      {fall, hms(3, 0), utc(2026, 10, 25, 2)},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(calendarDateAt(c.day, c.seconds), c.expected) << c.day.month << " " << c.seconds;
 }
 
 TEST(Calendar, DatesWithoutACalendarAnswerNothing) {

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "core/clock_change.h"
-#include "date_time_testing.h"
 #include "fakes/fake_power_manager.h"
 #include "model/event_list.h"
 #include "notifications/notification_controller.h"
@@ -77,7 +76,6 @@ class DateTimeControllerTest : public PerformFixture {
     clock_.set(now);
     timer().fire();
   }
-  bool logged(const std::string& line) const { return log_.logged(line); }
   // The scheduled-by names of the power manager's entries.
   std::vector<std::string> entries() const {
     std::vector<std::string> names;
@@ -100,24 +98,20 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
   add(dailyEvent("daily", hms(10, 0), "shutdown"));
   add(onceEvent("once", kStart + 1800, "wake"));
   EXPECT_GE(zoneRefreshes_, 2);
-  const Value events = queueControllerCopyEvents(controller_);
-  ASSERT_EQ(events.count(), 2u);
-  EXPECT_EQ(events.at(0).get("uniqueid"), S("once"));
+  EXPECT_EQ(idsOf(queueControllerCopyEvents(controller_)),
+            (std::vector<std::string>{"once", "daily"}));
   EXPECT_EQ(triggerDate("daily"), kTen);
   EXPECT_EQ(timer().nextFireDate(), kStart + 1800);
-  EXPECT_FALSE(timer().parked());
   // A wake kind wakes at its date; an action the daemon carries out 30 s ahead.
   EXPECT_EQ(entries(),
             (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 1800, "once")}));
   EXPECT_EQ(warnedFor("daily"), kTen);
   EXPECT_EQ(warnedFor("once"), kStart + 1800);
-  // Modifying moves them.
   add(onceEvent("once", kStart + 2400, "shutdown"));
   EXPECT_EQ(entries(),
             (std::vector<std::string>{entry(kTen - 30, "daily"), entry(kStart + 2370, "once")}));
   EXPECT_EQ(warnedFor("once"), kStart + 2400);
   EXPECT_EQ(timer().nextFireDate(), kStart + 2400);
-
   // Removing takes back the entries and the warning, and re-arms the timer.
   model::eventListRemove(model::eventListGet(), S("once"));
   EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen - 30, "daily")}));
@@ -134,30 +128,25 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
 }
 
 // Each arming of the timer makes the first event's wake entry again, so an
-// entry that was lost (a failed write, a crash) comes back.
+// entry that was lost (a failed write, a crash) comes back: here after a wake
+// with nothing passed, below after a wake or a restore that reschedules.
 TEST_F(DateTimeControllerTest, ArmingMakesTheFirstEventsEntriesAgain) {
   add(onceEvent("first", kTen, "wake"));
-  add(onceEvent("later", kTen + 7200, "wake"));
-  const std::function<void()> armings[] = {
-      [this] { add(onceEvent("other", kTen + 3600)); }, [] { postWake(); },
-      [this] { queueControllerReplaceAll(controller_, queueControllerCopyEvents(controller_)); }};
-  for (const auto& arm : armings) {
-    power_.cancel(kTen, entry(kTen, "first"), platform::kWakeEntry);
-    power_.cancel(kTen + 7200, entry(kTen + 7200, "later"), platform::kWakeEntry);
-    ASSERT_TRUE(entries().empty());
-    arm();
-    EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen, "first")});
-  }
+  power_.cancel(kTen, entry(kTen, "first"), platform::kWakeEntry);
+  ASSERT_TRUE(entries().empty());
+  postWake();
+  EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen, "first")});
 }
 
+// The timer firing at the date, not yet past, or during the pause performs
+// nothing; the completion queues the event afresh from the event list.
 TEST_F(DateTimeControllerTest, PerformsOnceThenReschedulesFromTheCompletion) {
   add(dailyEvent("daily", hms(10, 0)));
   add(onceEvent("once", kTen));
+  fireAt(kTen);
+  EXPECT_TRUE(performed().empty());
   fireAt(kTen + 0.5);
   EXPECT_EQ(performed(), (std::vector<std::string>{"daily"}));
-  // The perform is pausing: the occurrence stays queued, and the timer,
-  // firing meanwhile, performs nothing more.
-  EXPECT_EQ(triggerDate("daily"), kTen);
   timer().setNextFireDate(kTen);
   fireAt(kTen + 1);
   EXPECT_EQ(performed().size(), 1u);
@@ -170,64 +159,8 @@ TEST_F(DateTimeControllerTest, PerformsOnceThenReschedulesFromTheCompletion) {
   timer().fire();
   endPause();
   EXPECT_EQ(performed(), (std::vector<std::string>{"daily", "once"}));
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
   EXPECT_FALSE(queued("once"));
-  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("once")));
   EXPECT_EQ(timer().nextFireDate(), kTen + kDay);
-  EXPECT_EQ(broadcasts_.names(),
-            (std::vector<std::string>{"event.willperform", "event.didperform", "event.willperform",
-                                      "event.didperform"}));
-}
-
-// A wake kind completes at once; a clock stepped forward performs late, once.
-TEST_F(DateTimeControllerTest, WakeKindsCompleteAtOnceAndLateOnesRunOnce) {
-  add(dailyEvent("wake", hms(10, 0), "wake"));
-  add(dailyEvent("daily", hms(10, 0, 1)));
-  fireAt(kTen + 3 * 3600);
-  EXPECT_EQ(triggerDate("wake"), kTen + kDay);
-  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + kDay, "wake")}));
-  ASSERT_TRUE(timer().due(clock_.now()));
-  timer().fire();
-  endPause();
-  EXPECT_EQ(performed(), (std::vector<std::string>{"wake", "daily"}));
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay + 1);
-  EXPECT_EQ(timer().nextFireDate(), kTen + kDay);
-}
-
-TEST_F(DateTimeControllerTest, ClockSteppedBackNeverPerformsAnOccurrenceTwice) {
-  add(dailyEvent("daily", hms(10, 0)));
-  add(onceEvent("once", kTen + 600));
-  // Fired early: the clock went back after the timer was armed.
-  fireAt(kTen - 60);
-  EXPECT_TRUE(performed().empty());
-  EXPECT_EQ(timer().nextFireDate(), kTen);
-
-  fireAt(kTen);
-  EXPECT_TRUE(performed().empty());  // not strictly past yet
-  fireAt(kTen + 1);
-  // Set back by two minutes while pausing: 10:00 lies ahead again, and the
-  // completion must not queue it a second time.
-  clock_.set(kTen - 120);
-  pauses_.last()->fire();
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
-  // Nor must a resync (as after a time-zone change) from the earlier clock.
-  eventSchedulerResync(eventSchedulerGet());
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
-
-  // The once event, performed, then the clock set back before it.
-  fireAt(kTen + 601);
-  clock_.set(kTen + 300);
-  pauses_.last()->fire();
-  EXPECT_FALSE(queued("once"));
-  eventSchedulerResync(eventSchedulerGet());
-  EXPECT_FALSE(queued("once"));
-  EXPECT_EQ(performed(), (std::vector<std::string>{"daily", "once"}));
-
-  // Set back by more than a day, the clock is taken as right.
-  clock_.set(kTen - 2 * kDay - 3600);
-  eventSchedulerResync(eventSchedulerGet());
-  EXPECT_EQ(triggerDate("daily"), kTen - 2 * kDay);
-  EXPECT_EQ(triggerDate("once"), kTen + 600);
 }
 
 // A step of the clock, posted after what it made due fired: a daily and a once
@@ -261,7 +194,7 @@ TEST_F(DateTimeControllerTest, ClockChangesPerformEachOccurrenceOnceAndLoseNone)
     log_.lines.clear();
     runTo(c.after);
     runloop::localCenter().post(runloop::kClockChangedNotification, this);
-    EXPECT_TRUE(logged("The system clock was set; rescheduling events."));
+    EXPECT_TRUE(log_.logged("The system clock was set; rescheduling events."));
     EXPECT_EQ(triggerDate(daily), c.daily);
     EXPECT_EQ(triggerDate(once), c.once);
     EXPECT_EQ(timer().nextFireDate(), std::min(c.daily, c.once.value_or(c.daily)));
@@ -270,79 +203,67 @@ TEST_F(DateTimeControllerTest, ClockChangesPerformEachOccurrenceOnceAndLoseNone)
     EXPECT_EQ(entries(), wanted);
     runTo(c.after + 3 * 3600);
     EXPECT_EQ(performed(), c.performed);
-    model::eventListRemove(model::eventListGet(), S(daily));
-    model::eventListRemove(model::eventListGet(), S(once));
+    model::eventListRemoveAll(model::eventListGet());
   }
 }
 
-TEST_F(DateTimeControllerTest, DelaysAddUpAndMoveEntriesAndWarnings) {
-  add(onceEvent("once", kTen, "shutdown"));
+// Delay and cancel store the warning's copy, moved: performed then, the event
+// still says when it was due and when it was warned; queued afresh after, it
+// keeps neither the delay nor the skip.
+TEST_F(DateTimeControllerTest, DelayAndCancelMoveTheOccurrenceAndKeepTheWarning) {
+  const struct {
+    Value event;
+    bool cancel;  // else delayed by 600 s, counted from the trigger date
+    AbsoluteTime due;
+    std::optional<AbsoluteTime> after;
+  } cases[] = {{onceEvent("once", kTen, "shutdown"), false, kTen + 600, {}},
+               {dailyEvent("daily", hms(10, 0), "shutdown"), false, kTen + 600, kTen + kDay},
+               {dailyEvent("skip", hms(10, 0), "shutdown"), true, kTen + kDay, kTen + 2 * kDay}};
   nc::NotificationController* warnings = nc::notificationControllerGet();
-  nc::notificationControllerDelay(warnings, S("once"), 600);
-  EXPECT_EQ(triggerDate("once"), kTen + 600);
-  nc::notificationControllerDelay(warnings, S("once"), 600);
-  EXPECT_EQ(triggerDate("once"), kTen + 1200);
-  EXPECT_EQ(warnedFor("once"), kTen + 1200);
-  EXPECT_EQ(entries(), (std::vector<std::string>{entry(kTen + 1170, "once")}));
-  EXPECT_EQ(timer().nextFireDate(), kTen + 1200);
-
-  // A delay shorter than the time left still counts from the trigger date.
-  add(dailyEvent("daily", hms(10, 0)));
-  nc::notificationControllerDelay(warnings, S("daily"), 300);
-  EXPECT_EQ(triggerDate("daily"), kTen + 300);
-  // Queued afresh after it is performed, the delay is gone.
-  fireAt(kTen + 301);
-  endPause();
-  EXPECT_EQ(triggerDate("daily"), kTen + kDay);
-}
-
-TEST_F(DateTimeControllerTest, CancelDropsAOnceEventAndSkipsADailyOccurrence) {
-  add(onceEvent("once", kTen, "shutdown"));
-  add(dailyEvent("daily", hms(10, 0), "sleep", days({"tuesday", "thursday"})));
-  nc::NotificationController* warnings = nc::notificationControllerGet();
-  nc::notificationControllerCancel(warnings, S("once"));
-  EXPECT_FALSE(queued("once"));
-  EXPECT_FALSE(warnedFor("once"));
-  EXPECT_TRUE(entries().empty());
-  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("once")));
-
-  nc::notificationControllerCancel(warnings, S("daily"));
-  EXPECT_EQ(triggerDate("daily"), kTen + 2 * kDay);
-  EXPECT_EQ(queued("daily").get(kTriggerConstraintKey), Value::date(kTen + 60));
-  EXPECT_EQ(warnedFor("daily"), kTen + 2 * kDay);
-  EXPECT_EQ(timer().nextFireDate(), kTen + 2 * kDay);
-}
-
-// Delay and cancel store the warning's copy: the event performed afterwards
-// still says when it was due and when it was warned.
-TEST_F(DateTimeControllerTest, DelayAndCancelStoreTheWarnedCopy) {
-  const std::pair<Value, AbsoluteTime> cases[] = {{onceEvent("delay", kTen), kTen + 600},
-                                                  {dailyEvent("cancel", hms(10, 0)), kTen + kDay}};
-  for (const auto& [event, due] : cases) {
-    const Value id = model::eventUniqueID(event);
-    SCOPED_TRACE(*id.asString());
+  add(onceEvent("twice", kTen));  // delays add up
+  nc::notificationControllerDelay(warnings, S("twice"), 600);
+  nc::notificationControllerDelay(warnings, S("twice"), 600);
+  EXPECT_EQ(triggerDate("twice"), kTen + 1200);
+  model::eventListRemoveAll(model::eventListGet());
+  for (const auto& c : cases) {
+    const Value id = model::eventUniqueID(c.event);
+    const std::string name = *id.asString();
+    SCOPED_TRACE(name);
     clock_.set(kStart);
-    add(event);
+    add(c.event);
     clock_.set(kTen - 600);
     warnings_.timer(0)->fire();
-    nc::NotificationController* n = nc::notificationControllerGet();
-    *id.asString() == "delay" ? nc::notificationControllerDelay(n, id, 600)
-                              : nc::notificationControllerCancel(n, id);
-    EXPECT_EQ(triggerDate(*id.asString()), due);
+    c.cancel ? nc::notificationControllerCancel(warnings, id)
+             : nc::notificationControllerDelay(warnings, id, 600);
+    EXPECT_EQ(triggerDate(name), c.due);
+    EXPECT_EQ(warnedFor(name), c.due);
+    EXPECT_EQ(entries(), std::vector<std::string>{entry(c.due - 30, name)});
+    EXPECT_EQ(timer().nextFireDate(), c.due);
     broadcasts_.broadcasts.clear();
-    fireAt(due + 1);
+    fireAt(c.due + 1);
     endPause();
     ASSERT_EQ(broadcasts_.broadcasts.size(), 2u);  // "event.willperform", "event.didperform"
     for (const auto& broadcast : broadcasts_.broadcasts) {
       EXPECT_EQ(broadcast.userInfo.get(nc::kTriggerDateKey), Value::date(kTen));
       EXPECT_EQ(broadcast.userInfo.get(nc::kNotifiedKey), Value::date(kTen - 600));
     }
+    EXPECT_EQ(triggerDate(name), c.after);
     model::eventListRemove(model::eventListGet(), id);
   }
+  // A cancelled once event leaves the queue, not the event list.
+  clock_.set(kStart);
+  add(onceEvent("gone", kTen, "shutdown"));
+  ASSERT_TRUE(queued("gone"));
+  nc::notificationControllerCancel(warnings, S("gone"));
+  EXPECT_FALSE(queued("gone"));
+  EXPECT_FALSE(warnedFor("gone"));
+  EXPECT_TRUE(entries().empty());
+  EXPECT_TRUE(model::eventListFind(model::eventListGet(), S("gone")));
 }
 
 // After a sleep, and for a queue restored after the daemon was down, what
-// passed meanwhile is rescheduled, never performed.
+// passed meanwhile is rescheduled, never performed; an occurrence being
+// performed is left to its completion.
 TEST_F(DateTimeControllerTest, WakeAndRestoreReschedulePassedEventsWithoutPerforming) {
   const std::function<void()> catchUps[] = {
       [] { postWake(); },
@@ -351,31 +272,31 @@ TEST_F(DateTimeControllerTest, WakeAndRestoreReschedulePassedEventsWithoutPerfor
     clock_.set(kStart);
     add(dailyEvent("daily", hms(10, 0)));
     add(onceEvent("once", kTen + 60));
-    add(onceEvent("later", kTen + 7200));
+    add(onceEvent("later", kTen + 7200, "wake"));
+    power_.cancel(kTen + 7200, entry(kTen + 7200, "later"), platform::kWakeEntry);
     log_.lines.clear();
     clock_.set(kTen + 3600);  // slept, or was down, through two
     catchUp();
+    EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen + 7200, "later")});
     EXPECT_TRUE(performed().empty());
-    EXPECT_TRUE(logged("Rescheduling event: daily."));
-    EXPECT_TRUE(logged("Rescheduling event: once."));
-    EXPECT_FALSE(logged("Rescheduling event: later."));
+    EXPECT_TRUE(log_.logged("Rescheduling event: daily."));
+    EXPECT_TRUE(log_.logged("Rescheduling event: once."));
+    EXPECT_FALSE(log_.logged("Rescheduling event: later."));
     EXPECT_EQ(triggerDate("daily"), kTen + kDay);
     EXPECT_FALSE(queued("once"));
     EXPECT_EQ(timer().nextFireDate(), kTen + 7200);
     model::eventListRemoveAll(model::eventListGet());
   }
-}
-
-TEST_F(DateTimeControllerTest, WakeWhilePerformingLeavesThatOccurrenceToItsCompletion) {
+  clock_.set(kStart);
   add(dailyEvent("daily", hms(10, 0)));
   add(onceEvent("missed", kTen + 60));
   fireAt(kTen + 3600);
+  log_.lines.clear();
   postWake();
-  EXPECT_FALSE(logged("Rescheduling event: daily."));
-  EXPECT_TRUE(logged("Rescheduling event: missed."));
+  EXPECT_FALSE(log_.logged("Rescheduling event: daily."));
+  EXPECT_TRUE(log_.logged("Rescheduling event: missed."));
   EXPECT_EQ(triggerDate("daily"), kTen);
   endPause();
-  EXPECT_EQ(performed(), (std::vector<std::string>{"daily"}));
   EXPECT_EQ(triggerDate("daily"), kTen + kDay);
 }
 

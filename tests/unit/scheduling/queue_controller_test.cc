@@ -25,8 +25,6 @@ TEST_F(QueueControllerTest, CreateHandsTheContextFromCreateToEveryCallback) {
   QueueControllerCallbacks callbacks = recordingCallbacks(&recorder);
   callbacks.create = [](QueueController*) -> void* { return &made; };
   QueueController* created = queueControllerCreate("Made", callbacks, {});
-  ASSERT_NE(created, nullptr);
-  EXPECT_EQ(queueControllerName(created), "Made");
   EXPECT_EQ(queueControllerContext(created), &made);
   queueControllerStore(created, validEvent("a"));
   queueControllerDestroy(created);
@@ -36,15 +34,20 @@ TEST_F(QueueControllerTest, CreateHandsTheContextFromCreateToEveryCallback) {
   EXPECT_EQ(queueControllerContext(controller), &recorder);
 }
 
+// An unchanged update posts nothing but still runs didChange.
 TEST_F(QueueControllerTest, StoreAddsThenModifiesTheControllersOwnCopy) {
+  PostRecorder posts(queueControllerQueue(controller));
   const Value event = validEvent("a");
   EXPECT_EQ(queueControllerStore(controller, event), 0);
-  EXPECT_EQ(queueControllerStore(controller, event.with("name", S("a2"))), 0);
-  EXPECT_EQ(recorder.calls, (Calls{"willAdd a", "didChange", "willModify a a", "didChange"}));
+  EXPECT_EQ(queueControllerStore(controller, event), 0);
+  const std::size_t postsAfterFirstModify = posts.posts.size();
+  queueControllerStore(controller, event);
+  EXPECT_EQ(posts.posts.size(), postsAfterFirstModify);
+  EXPECT_EQ(recorder.calls, (Calls{"willAdd a", "didChange", "willModify a a", "didChange",
+                                   "willModify a a", "didChange"}));
   // The queued copy carries what the callbacks added; the caller's is untouched.
   EXPECT_EQ(queueControllerFirstEvent(controller).get("_Test.Mark"), S("modified"));
   EXPECT_FALSE(event.get("_Test.Mark"));
-  EXPECT_EQ(queueControllerIndexOf(controller, S("a")), 0);
   EXPECT_EQ(queueControllerIndexOf(controller, S("zz")), -1);
   // The queue keeps the comparator's order.
   for (const char* id : {"c", "b"})
@@ -52,18 +55,6 @@ TEST_F(QueueControllerTest, StoreAddsThenModifiesTheControllersOwnCopy) {
   EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_EQ(queueControllerStore(controller, validEvent("a", "d")), 2);
   EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"b", "c", "a"}));
-}
-
-TEST_F(QueueControllerTest, AnUnchangedUpdatePostsNothingButStillRunsDidChange) {
-  PostRecorder posts(queueControllerQueue(controller));
-  queueControllerStore(controller, validEvent("a"));
-  recorder.calls.clear();
-  // willModify marks the copy "modified" once; the second store is then equal.
-  queueControllerStore(controller, validEvent("a"));
-  const std::size_t postsAfterFirstModify = posts.posts.size();
-  queueControllerStore(controller, validEvent("a"));
-  EXPECT_EQ(posts.posts.size(), postsAfterFirstModify);
-  EXPECT_EQ(recorder.calls, (Calls{"willModify a a", "didChange", "willModify a a", "didChange"}));
 }
 
 TEST_F(QueueControllerTest, RefusalsLeaveTheQueueAndSkipDidChange) {
@@ -87,36 +78,16 @@ TEST_F(QueueControllerTest, RefusalsLeaveTheQueueAndSkipDidChange) {
             (Calls{"willAdd a", "willAdd a", "didChange", "willModify a a", "willRemove a"}));
 }
 
+// A refused event stays; the ones after it still go.
 TEST_F(QueueControllerTest, RemoveAllSendsEachEventThroughWillRemove) {
   for (const char* id : {"a", "b", "c"})
     queueControllerStore(controller, validEvent(id));
   recorder.calls.clear();
   recorder.refuseRemove = {"b"};
   queueControllerRemoveAll(controller);
-  // A refused event stays; the ones after it still go.
   EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"b"}));
   EXPECT_EQ(recorder.calls,
             (Calls{"willRemove a", "didChange", "willRemove b", "willRemove c", "didChange"}));
-}
-
-TEST_F(QueueControllerTest, ReplaceAllRemovesThroughTheCallbacksThenSetsTheContentUnchecked) {
-  queueControllerStore(controller, validEvent("old"));
-  recorder.calls.clear();
-  // Taken as given: unsorted, unvalidated, without willAdd; a member without
-  // an identifier is dropped.
-  queueControllerReplaceAll(
-      controller, A({validEvent("z"), Dict({{"name", S("x")}}), Dict({{"uniqueid", S("y")}})}));
-  EXPECT_EQ(queuedIds(controller), (std::vector<std::string>{"z", "y"}));
-  EXPECT_EQ(recorder.calls, (Calls{"willRemove old", "didChange", "didReset"}));
-}
-
-TEST_F(QueueControllerTest, DestroyRunsDestroyWithTheQueueStillThereAndNoWillRemove) {
-  queueControllerStore(controller, validEvent("a"));
-  recorder.calls.clear();
-  queueControllerDestroy(controller);
-  controller = nullptr;
-  EXPECT_EQ(recorder.calls, (Calls{"destroy"}));
-  EXPECT_EQ(idOf(recorder.firstAtDestroy), "a");
 }
 
 TEST(QueueNull, EveryOperationAcceptsNoControllerOrTimer) {
@@ -141,62 +112,35 @@ TEST(QueueNull, EveryOperationAcceptsNoControllerOrTimer) {
   queueTimerDestroy(nullptr);
 }
 
-class QueueControllerListTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    queueControllerListSetUp();
-    list = queueControllerListGet();
-    queueControllerListAppend(list, recordingController("DateTime", &dateTime, {"once", "daily"}));
-    queueControllerListAppend(list, recordingController("Inactivity", &inactivity, {"inactive"}));
-  }
-  void TearDown() override { queueControllerListTearDown(); }
-
-  QueueController* named(std::string_view name) {
-    for (const Value& event : {onceEvent("x", 1), inactiveEvent("x")}) {
-      QueueController* found = queueControllerListFindForEvent(list, event);
-      if (queueControllerName(found) == name)
-        return found;
-    }
-    return nullptr;
-  }
-
-  Recorder dateTime;
-  Recorder inactivity;
-  Recorder late;
-  QueueControllerList* list = nullptr;
-};
+using QueueControllerListTest = EngineFixture;
 
 TEST_F(QueueControllerListTest, RoutesEachEventToTheFirstControllerThatAcceptsItsTrigger) {
-  EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, validEvent("d"))),
-            "DateTime");
-  EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, onceEvent("o", 5))),
-            "DateTime");
-  EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, inactiveEvent("i"))),
-            "Inactivity");
+  EXPECT_EQ(queueControllerListFindForEvent(list, validEvent("d")), byDate);
+  EXPECT_EQ(queueControllerListFindForEvent(list, inactiveEvent("i")), byIdle);
   const Value unknown = validEvent("u").with("trigger", Dict({{"type", S("hourly")}}));
   EXPECT_EQ(queueControllerListFindForEvent(list, unknown), nullptr);
   EXPECT_EQ(queueControllerListFindForEvent(list, validEvent("n").without("trigger")), nullptr);
   // Of two that accept, list order wins.
+  static Recorder late;  // outlives the list, torn down after the test
   queueControllerListAppend(list, recordingController("Late", &late, {"inactive", "hourly"}));
-  EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, inactiveEvent("i"))),
-            "Inactivity");
+  EXPECT_EQ(queueControllerListFindForEvent(list, inactiveEvent("i")), byIdle);
   EXPECT_EQ(queueControllerName(queueControllerListFindForEvent(list, unknown)), "Late");
 }
 
 TEST_F(QueueControllerListTest, FindsTheHolderAndRemovesFromEveryController) {
-  queueControllerStore(named("DateTime"), validEvent("d"));
-  queueControllerStore(named("Inactivity"), inactiveEvent("i"));
-  EXPECT_EQ(queueControllerListFindHolding(list, S("i")), named("Inactivity"));
-  EXPECT_EQ(queueControllerListFindHolding(list, S("d")), named("DateTime"));
+  queueControllerStore(byDate, validEvent("d"));
+  queueControllerStore(byIdle, inactiveEvent("i"));
+  EXPECT_EQ(queueControllerListFindHolding(list, S("i")), byIdle);
+  EXPECT_EQ(queueControllerListFindHolding(list, S("d")), byDate);
   EXPECT_EQ(queueControllerListFindHolding(list, S("none")), nullptr);
   queueControllerListRemoveAll(list);
   EXPECT_EQ(dateTime.calls.back(), "didChange");
-  EXPECT_EQ(inactivity.calls, (Calls{"willAdd i", "didChange", "willRemove i", "didChange"}));
+  EXPECT_EQ(idle.calls, (Calls{"willAdd i", "didChange", "willRemove i", "didChange"}));
   EXPECT_EQ(queueControllerListFindHolding(list, S("d")), nullptr);
 }
 
 TEST_F(QueueControllerListTest, SnapshotHoldsEachWritableQueueUnderItsName) {
-  queueControllerStore(named("DateTime"), validEvent("d"));
+  queueControllerStore(byDate, validEvent("d"));
   Value snapshot = queueControllerListCopyQueues(list);
   EXPECT_EQ(snapshot.count(), 2u);
   EXPECT_EQ(snapshot.get("DateTime").at(0).get("_Test.Mark"), S("added"));
@@ -204,68 +148,63 @@ TEST_F(QueueControllerListTest, SnapshotHoldsEachWritableQueueUnderItsName) {
   // Text that XML cannot carry (a control character, broken UTF-8) keeps a
   // queue out of the snapshot; the others stay in.
   for (const char* bad : {"bell\x07", "broken\xC3", "\xED\xA0\x80 surrogate"}) {
-    queueControllerReplaceAll(named("Inactivity"), A({inactiveEvent("i").with("name", S(bad))}));
+    queueControllerReplaceAll(byIdle, A({inactiveEvent("i").with("name", S(bad))}));
     snapshot = queueControllerListCopyQueues(list);
     EXPECT_FALSE(snapshot.get("Inactivity")) << bad;
     EXPECT_TRUE(snapshot.get("DateTime"));
   }
   queueControllerReplaceAll(
-      named("Inactivity"),
-      A({inactiveEvent("i").with("name", S("tab\tnew line\n\u00e9\U0001F600"))}));
+      byIdle, A({inactiveEvent("i").with("name", S("tab\tnew line\n\u00e9\U0001F600"))}));
   EXPECT_TRUE(queueControllerListCopyQueues(list).get("Inactivity"));
 }
 
 TEST_F(QueueControllerListTest, RestoreReplacesNamedQueuesAndLeavesTheOthers) {
-  queueControllerStore(named("Inactivity"), inactiveEvent("kept"));
-  queueControllerStore(named("DateTime"), validEvent("gone"));
+  queueControllerStore(byIdle, inactiveEvent("kept"));
+  queueControllerStore(byDate, validEvent("gone"));
   dateTime.calls.clear();
-  queueControllerListRestoreQueues(
-      list, Dict({{"DateTime", A({validEvent("b"), validEvent("a")})}, {"Other", A({})}}));
-  EXPECT_EQ(queuedIds(named("DateTime")), (std::vector<std::string>{"b", "a"}));
-  EXPECT_EQ(queuedIds(named("Inactivity")), (std::vector<std::string>{"kept"}));
+  // Taken as given: unsorted, unvalidated, without willAdd; a member without
+  // an identifier is dropped.
+  const Value restored =
+      A({validEvent("z"), Dict({{"name", S("x")}}), Dict({{"uniqueid", S("y")}})});
+  queueControllerListRestoreQueues(list, Dict({{"DateTime", restored}, {"Other", A({})}}));
+  EXPECT_EQ(queuedIds(byDate), (std::vector<std::string>{"z", "y"}));
+  EXPECT_EQ(queuedIds(byIdle), (std::vector<std::string>{"kept"}));
   EXPECT_EQ(dateTime.calls, (Calls{"willRemove gone", "didChange", "didReset"}));
   queueControllerListRestoreQueues(list, A({}));  // not a dictionary: nothing
-  EXPECT_EQ(queuedIds(named("DateTime")).size(), 2u);
+  EXPECT_EQ(queuedIds(byDate).size(), 2u);
 }
 
+// Destroy runs with the queue still there, and without willRemove.
 TEST_F(QueueControllerListTest, TearDownDestroysInListOrderWithoutWillRemove) {
-  queueControllerStore(named("DateTime"), validEvent("d"));
+  queueControllerStore(byDate, validEvent("d"));
   dateTime.calls.clear();
   queueControllerListTearDown();
   EXPECT_EQ(queueControllerListGet(), nullptr);
   EXPECT_EQ(dateTime.calls, (Calls{"destroy"}));
-  EXPECT_EQ(inactivity.calls, (Calls{"destroy"}));
+  EXPECT_EQ(idOf(dateTime.firstAtDestroy), "d");
+  EXPECT_EQ(idle.calls, (Calls{"destroy"}));
   // Appending to no list destroys the controller rather than leaking it.
   Recorder orphan;
   queueControllerListAppend(nullptr, recordingController("Orphan", &orphan, {}));
   EXPECT_EQ(orphan.calls, (Calls{"destroy"}));
 }
 
-class QueueTimerTest : public ::testing::Test {
- protected:
-  static void callout(QueueTimer* holder) { fired.push_back(holder); }
-
-  void SetUp() override { fired.clear(); }
-
+// Fired and not re-armed by the callout, the timer parks again, as a
+// repeating timer.
+TEST(QueueTimer, StartsParkedAndCallsTheCalloutWithItsHolder) {
+  static std::vector<QueueTimer*> fired;
   fakes::FakeClock clock{1000};
   fakes::FakeTimerFactory timers{clock};
   QueueController* controller = reinterpret_cast<QueueController*>(0x1);
-  static inline std::vector<QueueTimer*> fired;
-};
-
-TEST_F(QueueTimerTest, StartsParkedAndCallsTheCalloutWithItsHolder) {
+  const auto callout = [](QueueTimer* holder) { fired.push_back(holder); };
   QueueTimer* holder = queueTimerCreate(controller, callout, timers.timerFactory());
-  ASSERT_NE(holder, nullptr);
   fakes::FakeTimer* timer = timers.last();
   EXPECT_EQ(queueTimerGetTimer(holder), timer);
   EXPECT_EQ(queueTimerGetController(holder), controller);
   EXPECT_TRUE(timer->parked());
-  EXPECT_GE(timer->nextFireDate(), clock.now() + 3153600000.0);
-
   timer->setNextFireDate(1500);
   timer->fire();
   EXPECT_EQ(fired, (std::vector<QueueTimer*>{holder}));
-  // Fired and not re-armed by the callout: parked again, as a repeating timer.
   EXPECT_TRUE(timer->armed());
   EXPECT_TRUE(timer->parked());
   timer->setNextFireDate(1600);

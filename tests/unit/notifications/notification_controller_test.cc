@@ -39,8 +39,9 @@ TEST_F(NotificationControllerTest, WarnsInOrderOfWarnTimeAndArmsForTheNext) {
   EXPECT_EQ(pendingIds(controller), (std::vector<std::string>{"late", "undated", "soon"}));
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 7200 - kPeriod);
 
-  // Fired early (a clock stepped back): nothing issued, re-armed.
+  // Fired at the warn time, not later (or early, a clock stepped back): re-armed.
   posts.posts.clear();
+  clock_.set(kStart + 7200 - kPeriod);
   timer().fire();
   EXPECT_TRUE(posts.posts.empty());
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 7200 - kPeriod);
@@ -71,33 +72,6 @@ TEST_F(NotificationControllerTest, AllWarnedLeavesTheTimerAloneUntilTheListChang
   EXPECT_EQ(posts.names(),
             (std::vector<std::string>{"notifications.pending", "notifications.notify",
                                       "notifications.pending"}));
-}
-TEST_F(NotificationControllerTest, PeriodZeroWarnsOnlyAfterTheTriggerDate) {
-  NotificationController* controller = create();
-  notificationControllerSetNotifyPeriod(controller, 0);
-  notificationControllerAddPending(controller, validEvent("a"), kStart + 60);
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 60);
-  clock_.set(kStart + 60);  // not strictly later: not yet
-  timer().fire();
-  EXPECT_TRUE(pending(controller, "a").get("metadatanotified").isNone());
-  clock_.advance(1);
-  timer().fire();
-  EXPECT_EQ(pending(controller, "a").get("metadatanotified"), D(kStart + 61));
-}
-
-TEST_F(NotificationControllerTest, SettingThePeriodStoresItAnnouncesItAndRearms) {
-  NotificationController* controller = create();
-  notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
-  PostRecorder posts(controller);
-  notificationControllerSetNotifyPeriod(controller, kPeriod);  // the current value
-  notificationControllerSetNotifyPeriod(controller, std::numeric_limits<double>::infinity());
-  EXPECT_TRUE(posts.posts.empty());
-  EXPECT_EQ(preferences_.writes(), 0);
-  notificationControllerSetNotifyPeriod(controller, 300);
-  EXPECT_EQ(posts.posts, (std::vector<Post>{{"notifications.notifyperiod", plist::Value()}}));
-  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), 300);
-  EXPECT_EQ(preferences_.disk().get("notificationcontroller.notifyperiod"), R(300));
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3300);
 }
 TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
   preferences_.force("notificationcontroller.notifyperiod", R(120));
@@ -193,6 +167,65 @@ TEST_F(NotificationControllerTest, OneControllerPerProcessAndNoneWithoutATimer) 
   EXPECT_EQ(notificationControllerGetNotifyPeriod(nullptr), kPeriod);
   EXPECT_TRUE(notificationControllerCopyPendingView(nullptr).isNone());
   EXPECT_TRUE(notificationControllerCopyState(nullptr).isNone());
+}
+
+// The replies of the request operations; the dispatcher tests answer them
+// without a controller.
+const plist::Value kOk = Dict({{"status", I(200)}});
+const plist::Value kFailed = Dict({{"status", I(400)}});
+
+// Cancel, delay and reset reach a pending event's handler, and only one.
+TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
+  NotificationController* controller = create();
+  notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
+  const plist::Value held = pending(controller, "a");
+  EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);  // no handlers yet
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
+  recordHandlers(controller);
+  EXPECT_EQ(
+      notificationRequestPending(controller),
+      Dict({{"status", I(200)}, {"response", notificationControllerCopyPendingView(controller)}}));
+  EXPECT_EQ(notificationRequestNotifyPeriod(controller),
+            Dict({{"status", I(200)}, {"response", R(900)}}));
+  EXPECT_TRUE(notificationRequestNotifyPeriod(controller).get("response").isReal());
+
+  EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);
+  EXPECT_EQ(notificationRequestCancel(controller, S("not pending")), kOk);
+  EXPECT_EQ(notificationRequestCancel(controller, {}), kFailed);
+  EXPECT_EQ(notificationRequestReset(controller, S("a")), kOk);
+  EXPECT_EQ(notificationRequestReset(controller, S("not pending")), kOk);
+  EXPECT_EQ(notificationRequestReset(controller, {}), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(90.7)), kOk);  // read as 90
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(0)), kOk);     // does nothing
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(-5)), kOk);    // does nothing
+  EXPECT_EQ(notificationRequestDelay(controller, S("not pending"), I(60)), kOk);
+  EXPECT_EQ(notificationRequestDelay(controller, {}, I(60)), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(std::int64_t{1} << 40)), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), {}), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(1e300)), kFailed);
+  EXPECT_EQ(cancels_, std::vector<plist::Value>{held});
+  EXPECT_EQ(rescheduled_, std::vector<plist::Value>{S("a")});
+  EXPECT_EQ(delays_, (std::vector<std::pair<plist::Value, double>>{{held, 60}, {held, 90}}));
+
+  const plist::Value invalidSeconds = Dict({{"error", I(405)}, {"reason", S("Invalid seconds")}});
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I((std::int64_t{1} << 53) + 1)),
+            invalidSeconds);
+  EXPECT_EQ(
+      notificationRequestSetNotifyPeriod(controller, R(std::numeric_limits<double>::quiet_NaN())),
+      invalidSeconds);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, S("60")), invalidSeconds);
+  PostRecorder posts(controller);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, R(kPeriod)), kOk);  // the current value
+  notificationControllerSetNotifyPeriod(controller, std::numeric_limits<double>::infinity());
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_EQ(preferences_.writes(), 0);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, R(61.5)), kOk);
+  EXPECT_EQ(posts.posts, (std::vector<Post>{{"notifications.notifyperiod", plist::Value()}}));
+  EXPECT_EQ(preferences_.disk().get("notificationcontroller.notifyperiod"), R(61.5));
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3600 - 61.5);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I(-30)), kOk);
+  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), -30);
 }
 
 }  // namespace

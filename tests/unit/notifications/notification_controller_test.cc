@@ -50,6 +50,7 @@ TEST_F(NotificationControllerTest, WarnsInOrderOfWarnTimeAndArmsForTheNext) {
   EXPECT_EQ(pendingIds(controller), (std::vector<std::string>{"undated", "soon", "late"}));
   EXPECT_TRUE(timer().parked());
 }
+
 // Queued again (its next occurrence), an event is unwarned and timed once more;
 // a wake past its warn time issues the warning that fell due during sleep.
 TEST_F(NotificationControllerTest, AllWarnedLeavesTheTimerAloneUntilTheListChanges) {
@@ -73,6 +74,7 @@ TEST_F(NotificationControllerTest, AllWarnedLeavesTheTimerAloneUntilTheListChang
             (std::vector<std::string>{"notifications.pending", "notifications.notify",
                                       "notifications.pending"}));
 }
+
 TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
   preferences_.force("notificationcontroller.notifyperiod", R(120));
   NotificationController* controller = create();
@@ -102,6 +104,7 @@ TEST_F(NotificationControllerTest, AStoredPeriodThatIsNoFiniteNumberReadsAsTheDe
     notificationControllerDestroy();
   }
 }
+
 TEST_F(NotificationControllerTest, PendingViewShowsOnceTriggersWithoutPrivateKeys) {
   NotificationController* controller = create();
   const plist::Value daily = validEvent("d").with("_DateTimeQueueController.Trigger.Date", D(1));

@@ -74,11 +74,8 @@ TEST_F(FileWatcherTest, WatchIsReferenceCounted) {
   fileWatcherAdd(watcher_, "/missing");
   EXPECT_THAT(source_->adds, ElementsAre("/etc/", "/missing", "/missing"));
   EXPECT_EQ(source_->removes.size(), 1u);
-}
-
-TEST_F(FileWatcherTest, SlotHoldsOneWatcherUntilDestroyed) {
   EXPECT_TRUE(fileWatcherCreate(std::make_unique<testing::FakeFileChangeSource>()));
-  EXPECT_EQ(fileWatcherGet(), watcher_);
+  EXPECT_EQ(fileWatcherGet(), watcher_);  // one watcher until destroyed
   fileWatcherDestroy();
   EXPECT_EQ(fileWatcherGet(), nullptr);
   EXPECT_FALSE(fileWatcherCreate(nullptr));

@@ -95,16 +95,6 @@ TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3540);
 }
 
-TEST_F(NotificationControllerTest, AStoredPeriodThatIsNoFiniteNumberReadsAsTheDefault) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  for (double stored : {nan, std::numeric_limits<double>::infinity(), 45.0}) {
-    preferences_.setValue("notificationcontroller.notifyperiod", R(stored));
-    EXPECT_EQ(notificationControllerGetNotifyPeriod(create()),
-              std::isfinite(stored) ? stored : kPeriod);
-    notificationControllerDestroy();
-  }
-}
-
 TEST_F(NotificationControllerTest, PendingViewShowsOnceTriggersWithoutPrivateKeys) {
   NotificationController* controller = create();
   const plist::Value daily = validEvent("d").with("_DateTimeQueueController.Trigger.Date", D(1));
@@ -157,10 +147,17 @@ TEST_F(NotificationControllerTest, AnEntryDroppedByANotifyObserverStaysDropped) 
   EXPECT_TRUE(timer().parked());
 }
 
+// A stored period that is no finite number reads as the default.
 TEST_F(NotificationControllerTest, OneControllerPerProcessAndNoneWithoutATimer) {
-  NotificationController* first = create();
-  EXPECT_EQ(create(), first);
-  notificationControllerDestroy();
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (double stored : {nan, std::numeric_limits<double>::infinity(), 45.0}) {
+    preferences_.setValue("notificationcontroller.notifyperiod", R(stored));
+    NotificationController* first = create();
+    EXPECT_EQ(create(), first);
+    EXPECT_EQ(notificationControllerGetNotifyPeriod(first),
+              std::isfinite(stored) ? stored : kPeriod);
+    notificationControllerDestroy();
+  }
   EXPECT_EQ(notificationControllerGet(), nullptr);
   EXPECT_EQ(runloop::localCenter().observationCount(), 0u);
   timers_.setFailing(true);

@@ -8,7 +8,7 @@
 namespace nightjar::core {
 namespace {
 
-TEST(CommandLine, FirstOptionOtherThanDaemoniseDecides) {
+TEST(CommandLine, FirstOptionOtherThanDaemoniseDecidesAndTextsNameTheProgram) {
   struct Case {
     std::vector<std::string> words;
     Command command;
@@ -37,9 +37,6 @@ TEST(CommandLine, FirstOptionOtherThanDaemoniseDecides) {
     EXPECT_EQ(line.command, c.command);
     EXPECT_EQ(line.daemonise, c.daemonise);
   }
-}
-
-TEST(CommandLine, TextsCarryTheProgramNameAndVersion) {
   EXPECT_EQ(versionText(), "nightjard v3.7.3\n");
   const std::string usage = usageText("/opt/x/nj");
   EXPECT_EQ(usage.rfind("Usage: /opt/x/nj [-dhiuv] [-p <absolute path>]\n", 0), 0u);

@@ -39,15 +39,6 @@ class RunLoopTest : public LoopTest {
   int waits = 0;
 };
 
-TEST(RunLoopCurrentTest, IsTheLoopCreatedLastUntilDestroyed) {
-  auto first = RunLoop::create();
-  auto second = RunLoop::create();
-  first.reset();  // an older loop does not clear the slot
-  EXPECT_EQ(RunLoop::current(), second.get());
-  second.reset();
-  EXPECT_EQ(RunLoop::current(), nullptr);
-}
-
 // Work that arrives during a burst belongs to it: one end of pass after all.
 TEST_F(RunLoopTest, ObserverRunsOnceAfterTheWholeBurst) {
   std::vector<std::unique_ptr<Timer>> timers;
@@ -91,9 +82,13 @@ TEST_F(RunLoopTest, StopInsideACallbackEndsRunWithExitInsteadOfWait) {
   EXPECT_EQ(log, (std::vector<std::string>{"wait", "once", "timer", "exit"}));
 }
 
+// Also: the current loop is the one created last, until it is destroyed.
 TEST(RunLoopStagesTest, RunInTheirOrderWhateverTheOrderOfAddingAndAtExit) {
+  auto older = RunLoop::create();
   for (const std::vector<int>& adding : {std::vector{0, 1, 2, 3}, {3, 2, 1, 0}, {2, 0, 3, 1}}) {
     auto loop = RunLoop::create();
+    older.reset();  // does not clear the slot
+    EXPECT_EQ(RunLoop::current(), loop.get());
     std::string seen;
     std::vector<std::unique_ptr<ObserverHandle>> observers;
     for (int stage : adding) {
@@ -106,6 +101,7 @@ TEST(RunLoopStagesTest, RunInTheirOrderWhateverTheOrderOfAddingAndAtExit) {
     EXPECT_EQ(loop->run(), 0);
     EXPECT_EQ(seen, "w0w1w2w3x0x1x2x3");
   }
+  EXPECT_EQ(RunLoop::current(), nullptr);
 }
 
 TEST_F(RunLoopTest, ASourceThatIsAlwaysReadyCannotPostponeTheEndOfAPass) {

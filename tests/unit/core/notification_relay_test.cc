@@ -6,86 +6,50 @@
 #include <vector>
 
 #include "fakes/fake_distributed_center.h"
-#include "runloop/clock.h"
+#include "runloop/loop_fixture.h"
 
 namespace nightjar::core {
 namespace {
 
 using plist::Value;
 
-class RelayTest : public ::testing::Test {
+class RelayTest : public runloop::LoopTest {
  protected:
   void SetUp() override {
-    loop_ = runloop::RunLoop::create();
-    ASSERT_NE(loop_, nullptr);
+    LoopTest::SetUp();
     ASSERT_TRUE(relayCreate());
     relayAddCallbacks(relayGet(), distributedPoster(&center_));
     relayObserve(relayGet(), &bus_, &scheduler_);
     relayObserve(relayGet(), &bus_, &controller_);
   }
-  void TearDown() override {
-    relayDestroy();
-    loop_.reset();
-  }
-  // Runs each piece of work in a pass of its own, letting the loop reach its
-  // before-sleep point between them, then stops. A loop runs only once.
-  void runPasses(std::vector<std::function<void()>> passes) {
-    std::size_t next = 0;
-    std::unique_ptr<runloop::Timer> timer;
-    timer = loop_->addTimer([&] {
-      if (next == passes.size()) {
-        loop_->stop();
-        return;
-      }
-      passes[next++]();
-      timer->setNextFireDate(runloop::systemClock().now() + 0.01);
-    });
-    ASSERT_NE(timer, nullptr);
-    timer->setNextFireDate(runloop::systemClock().now());
-    loop_->run();
-  }
+  void TearDown() override { relayDestroy(); }
 
-  std::unique_ptr<runloop::RunLoop> loop_;
   runloop::NotificationCenter bus_;
   testing::FakeDistributedCenter center_;
   int scheduler_ = 0, controller_ = 0, eventList_ = 0;
 };
 
-TEST_F(RelayTest, ABurstLeavesAsOneBroadcastPerNameInOrderOfFirstQueueing) {
-  runPasses({[&] {
-    for (int i = 0; i < 10; ++i)
-      bus_.post("scheduler.events", &scheduler_);
-    bus_.post("notifications.pending", &controller_,
-              Value::dictionary({{"Parameter", Value::array({})}}));
+// What is queued after a flush leaves at the next: here, the end of the loop's pass.
+TEST_F(RelayTest, EachFlushBroadcastsEveryNameOnceInOrderOfFirstQueueing) {
+  relayQueue(relayGet(), "socket.open");
+  for (int i = 0; i < 3; ++i)
     bus_.post("scheduler.events", &scheduler_);
-    bus_.post("events.add", &eventList_);  // not an observed object
-  }});
+  bus_.post("notifications.pending", &controller_,
+            Value::dictionary({{"Parameter", Value::array({})}}));
+  bus_.post("scheduler.events", &scheduler_);
+  bus_.post("events.add", &eventList_);  // not an observed object
+  relayFlush(relayGet());
+  bus_.post("scheduler.events", &scheduler_);
+  stopAfter(0);
+  runLoop();
   EXPECT_EQ(center_.names(),
-            (std::vector<std::string>{"scheduler.events", "notifications.pending"}));
+            (std::vector<std::string>{"socket.open", "scheduler.events", "notifications.pending",
+                                      "scheduler.events"}));
   for (const auto& [name, info] : center_.broadcasts)
     EXPECT_EQ(info, Value::dictionary({})) << name;
 }
 
-TEST_F(RelayTest, NamesQueuedInLaterPassesLeaveAgain) {
-  runPasses({[&] { bus_.post("scheduler.events", &scheduler_); },
-             [&] { bus_.post("scheduler.events", &scheduler_); }});
-  EXPECT_EQ(center_.names(), (std::vector<std::string>{"scheduler.events", "scheduler.events"}));
-}
-
-TEST_F(RelayTest, QueuedBeforeTheLoopRunsLeavesOnTheFirstPassAndDestroyFlushesTheRest) {
-  relayQueue(relayGet(), "socket.open");
-  runPasses({});
-  EXPECT_EQ(center_.names(), std::vector<std::string>{"socket.open"});
-  relayQueue(relayGet(), "socket.closed");
-  relayQueue(relayGet(), "socket.closed");
-  relayDestroy();
-  EXPECT_EQ(relayGet(), nullptr);
-  EXPECT_EQ(center_.names(), (std::vector<std::string>{"socket.open", "socket.closed"}));
-  bus_.post("scheduler.events", &scheduler_);  // the relay no longer observes
-  EXPECT_EQ(bus_.observationCount(), 0u);
-}
-
-TEST_F(RelayTest, CallbacksStartOnRegistrationAndStopOnDestroy) {
+TEST_F(RelayTest, DestroyFlushesStopsTheCallbacksAndLeavesTheBus) {
   std::vector<std::string> calls;
   RelayCallbacks callbacks;
   callbacks.start = [&] { calls.push_back("start"); };
@@ -95,8 +59,12 @@ TEST_F(RelayTest, CallbacksStartOnRegistrationAndStopOnDestroy) {
   };
   relayAddCallbacks(relayGet(), callbacks);
   relayQueue(relayGet(), "scheduler.enabled", Value::boolean(true));
+  relayQueue(relayGet(), "scheduler.enabled");
   relayDestroy();
   EXPECT_EQ(calls, (std::vector<std::string>{"start", "scheduler.enabled", "stop"}));
+  EXPECT_EQ(center_.names(), std::vector<std::string>{"scheduler.enabled"});
+  EXPECT_EQ(relayGet(), nullptr);
+  EXPECT_EQ(bus_.observationCount(), 0u);
   relayDestroy();  // absent: nothing happens
 }
 

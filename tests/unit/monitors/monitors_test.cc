@@ -39,60 +39,43 @@ class FileWatcherTest : public ::testing::Test {
   std::optional<testing::NotificationRecorder> recorder_;
 };
 
-TEST_F(FileWatcherTest, ChangesArePostedUnderTheirPathInOrder) {
+// Paths naming one file are each posted, unless an observer drops one meanwhile.
+TEST_F(FileWatcherTest, ChangesArePostedUnderEachPathWatched) {
   fileWatcherAdd(watcher_, "/a");
-  fileWatcherAdd(watcher_, "/etc/");
-  source_->change("/etc/");
-  source_->change("/a");
-  source_->change("/etc/");
-  EXPECT_THAT(recorder_->names(), ElementsAre("/etc/", "/a", "/etc/"));
-  EXPECT_EQ(recorder_->posts[0].object, watcher_);
-  EXPECT_TRUE(recorder_->posts[0].userInfo.isNone());
-}
-
-TEST_F(FileWatcherTest, WatchIsReferenceCounted) {
-  fileWatcherAdd(watcher_, "/etc/");
-  fileWatcherAdd(watcher_, "/etc/");
-  EXPECT_THAT(source_->adds, ElementsAre("/etc/"));
-  fileWatcherRemove(watcher_, "/etc/");
-  EXPECT_THAT(source_->removes, IsEmpty());
-  source_->change("/etc/");
-
-  fileWatcherRemove(watcher_, "/etc/");
-  fileWatcherRemove(watcher_, "/etc/");  // no watch left: nothing
-  EXPECT_THAT(source_->removes, ElementsAre(source_->ids.at("/etc/")));
-  source_->change("/etc/");
-  EXPECT_EQ(recorder_->names().size(), 1u);
-}
-
-TEST_F(FileWatcherTest, UnwatchablePathIsLeftOutAndTriedAgainLater) {
-  source_->unwatchable.insert("/missing");
-  fileWatcherAdd(watcher_, "/missing");
-  fileWatcherRemove(watcher_, "/missing");
-  EXPECT_THAT(source_->removes, IsEmpty());
-  fileWatcherAdd(watcher_, "/missing");
-  EXPECT_THAT(source_->adds, ElementsAre("/missing", "/missing"));
-}
-
-TEST_F(FileWatcherTest, PathsNamingOneFileAreEachPostedUnlessDroppedMeanwhile) {
   fileWatcherAdd(watcher_, "/etc");
   source_->sameFile["/etc/"] = "/etc";
   fileWatcherAdd(watcher_, "/etc/");
   source_->change("/etc");
-  EXPECT_THAT(recorder_->names(), ElementsAre("/etc", "/etc/"));
-
-  // An observer of the first path drops the second before its turn.
+  source_->change("/a");
+  EXPECT_THAT(recorder_->names(), ElementsAre("/etc", "/etc/", "/a"));
+  EXPECT_EQ(recorder_->posts[0].object, watcher_);
+  EXPECT_TRUE(recorder_->posts[0].userInfo.isNone());
   int dropper = 0;
   runloop::localCenter().addObserver(
       &dropper, [&](auto...) { fileWatcherRemove(watcher_, "/etc/"); }, "/etc", watcher_);
   source_->change("/etc");
   runloop::localCenter().removeObserver(&dropper);
-  EXPECT_THAT(recorder_->names(), ElementsAre("/etc", "/etc/", "/etc"));
+  EXPECT_EQ(recorder_->names().back(), "/etc");
+  EXPECT_EQ(recorder_->posts.size(), 4u);
 }
 
-TEST_F(FileWatcherTest, SlotHoldsOneWatcherUntilDestroyed) {
+// An unwatchable path is left out and tried again when added again.
+TEST_F(FileWatcherTest, WatchIsReferenceCounted) {
+  fileWatcherAdd(watcher_, "/etc/");
+  fileWatcherAdd(watcher_, "/etc/");
+  fileWatcherRemove(watcher_, "/etc/");
+  EXPECT_THAT(source_->removes, IsEmpty());
+  fileWatcherRemove(watcher_, "/etc/");
+  fileWatcherRemove(watcher_, "/etc/");  // no watch left: nothing
+  EXPECT_THAT(source_->removes, ElementsAre(source_->ids.at("/etc/")));
+  source_->unwatchable.insert("/missing");
+  fileWatcherAdd(watcher_, "/missing");
+  fileWatcherRemove(watcher_, "/missing");
+  fileWatcherAdd(watcher_, "/missing");
+  EXPECT_THAT(source_->adds, ElementsAre("/etc/", "/missing", "/missing"));
+  EXPECT_EQ(source_->removes.size(), 1u);
   EXPECT_TRUE(fileWatcherCreate(std::make_unique<testing::FakeFileChangeSource>()));
-  EXPECT_EQ(fileWatcherGet(), watcher_);
+  EXPECT_EQ(fileWatcherGet(), watcher_);  // one watcher until destroyed
   fileWatcherDestroy();
   EXPECT_EQ(fileWatcherGet(), nullptr);
   EXPECT_FALSE(fileWatcherCreate(nullptr));
@@ -137,15 +120,19 @@ class SystemMonitorTest : public FileWatcherTest {
   SystemMonitor* monitor_ = nullptr;
 };
 
-TEST_F(SystemMonitorTest, ConsoleReportsBecomeLoginsAndLogouts) {
+TEST_F(SystemMonitorTest, ConsoleAndPowerReportsArePosted) {
+  EXPECT_FALSE(isConsoleUserActive());  // no monitor
   createWithFakes(watcher_);
   console_->report(testing::userSession("alice", 1000, 100));
   console_->report(testing::userSession("", 1001, std::nullopt));  // the same user again counts
   console_->report(testing::greeterSession());
   console_->report(platform::ConsoleSession{});
-  EXPECT_THAT(recorder_->names(), ElementsAre("externalevents.login", "externalevents.login",
-                                              "externalevents.logout", "externalevents.logout"));
-  EXPECT_EQ(recorder_->posts[0].object, monitor_);
+  power_->sleep();
+  power_->wake();
+  EXPECT_THAT(recorder_->names(),
+              ElementsAre("externalevents.login", "externalevents.login", "externalevents.logout",
+                          "externalevents.logout", "externalevents.sleep", "externalevents.wake"));
+  EXPECT_EQ(recorder_->posts[5].object, monitor_);
   EXPECT_EQ(recorder_->posts[0].userInfo,
             plist::Value::dictionary(Dictionary{{"username", plist::Value::string("alice")},
                                                 {"uid", plist::Value::integer(1000)},
@@ -154,24 +141,11 @@ TEST_F(SystemMonitorTest, ConsoleReportsBecomeLoginsAndLogouts) {
   EXPECT_EQ(recorder_->posts[1].userInfo,
             plist::Value::dictionary(Dictionary{{"uid", plist::Value::integer(1001)}}));
   EXPECT_TRUE(recorder_->posts[2].userInfo.isNone());
-}
-
-TEST_F(SystemMonitorTest, ConsoleUserIsActiveOnlyForAUserSession) {
-  EXPECT_FALSE(isConsoleUserActive());  // no monitor
-  createWithFakes(watcher_);
   EXPECT_FALSE(isConsoleUserActive());
   console_->session = testing::userSession("alice", 1000, 100);
   EXPECT_TRUE(isConsoleUserActive());
   console_->session = testing::greeterSession();
   EXPECT_FALSE(isConsoleUserActive());
-}
-
-TEST_F(SystemMonitorTest, SleepAndWakeArePosted) {
-  createWithFakes(watcher_);
-  power_->sleep();
-  power_->wake();
-  EXPECT_THAT(recorder_->names(), ElementsAre("externalevents.sleep", "externalevents.wake"));
-  EXPECT_EQ(recorder_->posts[1].object, monitor_);
 }
 
 TEST_F(SystemMonitorTest, IdleSleepIsRefusedWhileActivityIsAboveZero) {
@@ -182,18 +156,26 @@ TEST_F(SystemMonitorTest, IdleSleepIsRefusedWhileActivityIsAboveZero) {
   systemMonitorLowerActivity(monitor_);
   EXPECT_TRUE(guard_->held());
   systemMonitorLowerActivity(monitor_);
-  EXPECT_EQ(guard_->holds, 1);
-  EXPECT_EQ(guard_->releases, 1);
-  EXPECT_THAT(log.lines, ElementsAre(std::make_pair(LOG_INFO, "Dening idle sleep request")));
-
   systemMonitorRaiseActivity(monitor_);  // each new performance refuses again
   EXPECT_EQ(guard_->holds, 2);
-  EXPECT_EQ(log.lines.size(), 2u);
+  EXPECT_EQ(guard_->releases, 1);
+  ASSERT_EQ(log.lines.size(), 2u);
+  EXPECT_EQ(log.lines[1], std::make_pair(LOG_INFO, std::string("Dening idle sleep request")));
   EXPECT_THAT(recorder_->posts, IsEmpty());
+  // A sleep already decided is never refused.
+  EXPECT_EQ(answerPowerMessage(PowerMessage::SystemWillSleep, 1), PowerAnswer::Allow);
 }
 
-TEST_F(SystemMonitorTest, WithoutFacilitiesNothingIsPostedOrRefused) {
+// A zone is followed only with a watcher, a zone source and a readable zone.
+TEST_F(SystemMonitorTest, WithoutFacilitiesNothingIsFollowedPostedOrRefused) {
   testing::RecordingLogSink log;
+  createWithFakes(nullptr);
+  EXPECT_EQ(zone_->reads, 0);
+  systemMonitorDestroy(nullptr);
+  SystemMonitorPorts ports;
+  ports.timeZone = std::make_unique<testing::FakeTimeZoneSource>();  // unreadable
+  create(watcher_, std::move(ports));
+  systemMonitorDestroy(nullptr);
   create(watcher_, {});
   systemMonitorRaiseActivity(monitor_);
   systemMonitorLowerActivity(monitor_);
@@ -205,34 +187,23 @@ TEST_F(SystemMonitorTest, WithoutFacilitiesNothingIsPostedOrRefused) {
   EXPECT_EQ(systemMonitorGet(), monitor_);
 }
 
+// An unreadable zone is no change, and the held zone stays.
 TEST_F(SystemMonitorTest, OnlyARealZoneChangeIsPosted) {
   createWithFakes(watcher_);
   EXPECT_THAT(source_->adds, ElementsAre("/etc/"));
   source_->change("/etc/");  // say, a new entry in /etc/
-  EXPECT_THAT(recorder_->posts, IsEmpty());
-
-  zone_->zone = namedZone("Asia/Tokyo");
-  source_->change("/etc/");
-  source_->change("/etc/");
-  EXPECT_THAT(recorder_->names(), ElementsAre("externalevents.timezone"));
-
-  // An unreadable zone is no change, and the held zone stays.
   zone_->zone.reset();
   source_->change("/etc/");
+  zone_->zone = namedZone("Europe/Paris");
+  source_->change("/etc/");
+  EXPECT_THAT(recorder_->posts, IsEmpty());
   zone_->zone = namedZone("Asia/Tokyo");
   source_->change("/etc/");
-  EXPECT_EQ(recorder_->posts.size(), 1u);
-}
-
-TEST_F(SystemMonitorTest, ZoneIsFollowedOnlyWithWatcherAndReadableZone) {
-  createWithFakes(nullptr);
-  EXPECT_EQ(zone_->reads, 0);
-  systemMonitorDestroy(nullptr);
-
-  SystemMonitorPorts ports;
-  ports.timeZone = std::make_unique<testing::FakeTimeZoneSource>();  // unreadable
-  create(watcher_, std::move(ports));
-  EXPECT_THAT(source_->adds, IsEmpty());
+  source_->change("/etc/");
+  zone_->zone->data.push_back(0);  // same name, new rules: a tzdata update
+  source_->change("/etc/");
+  EXPECT_THAT(recorder_->names(),
+              ElementsAre("externalevents.timezone", "externalevents.timezone"));
 }
 
 TEST_F(SystemMonitorTest, DestroyDropsTheWatchOnlyWhenGivenTheWatcher) {
@@ -247,28 +218,6 @@ TEST_F(SystemMonitorTest, DestroyDropsTheWatchOnlyWhenGivenTheWatcher) {
   EXPECT_THAT(source_->removes, IsEmpty());
   fileWatcherRemove(watcher_, "/etc/");  // the first monitor's reference was the last
   EXPECT_EQ(source_->removes.size(), 1u);
-}
-
-TEST(MonitorDecisionsTest, IdleSleepIsRefusedOnlyWhilePerforming) {
-  using enum PowerMessage;
-  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, 0), PowerAnswer::Allow);
-  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, 1), PowerAnswer::Refuse);
-  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, 3), PowerAnswer::Refuse);
-  EXPECT_EQ(answerPowerMessage(IdleSleepQuery, -1), PowerAnswer::Allow);
-  // A sleep already decided, and a wake, are never refused.
-  EXPECT_EQ(answerPowerMessage(SystemWillSleep, 1), PowerAnswer::Allow);
-  EXPECT_EQ(answerPowerMessage(SystemHasPoweredOn, 1), PowerAnswer::Allow);
-}
-
-TEST(MonitorDecisionsTest, ZoneChangeNeedsAReadableDifferentZone) {
-  const auto paris = testing::namedZone("Europe/Paris");
-  auto updated = paris;  // same name, new rules: a tzdata update
-  updated.data.push_back(0);
-  EXPECT_FALSE(timeZoneChanged(paris, paris));
-  EXPECT_TRUE(timeZoneChanged(paris, testing::namedZone("Asia/Tokyo")));
-  EXPECT_TRUE(timeZoneChanged(paris, updated));
-  EXPECT_TRUE(timeZoneChanged(std::nullopt, paris));
-  EXPECT_FALSE(timeZoneChanged(paris, std::nullopt));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <cmath>
 #include <limits>
 
 #include "notifications/notification_testing.h"
@@ -13,122 +14,65 @@ namespace {
 
 constexpr double kPeriod = 900;
 
-TEST_F(NotificationControllerTest, WarnsAtOnceWhenAlreadyInsideThePeriod) {
-  NotificationController* controller = create();
-  ASSERT_NE(controller, nullptr);
-  RecordingLog log;
-  PostRecorder posts(controller);
-  notificationControllerAddPending(controller, validEvent("a", "Nightly sleep"), kStart + 300);
-
-  // Given a trigger 5 minutes ahead, expect the warn time 10 minutes ago.
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 300 - kPeriod);
-  EXPECT_TRUE(timer().due(clock_.now()));
-  const plist::Value held = pending(controller, "a");
-  posts.posts.clear();
-  timer().fire();
-
-  ASSERT_FALSE(posts.posts.empty());
-  EXPECT_EQ(posts.posts[0], (Post{"notifications.notify", Dict({{"Parameter", held}})}));
-  EXPECT_EQ(posts.names().back(), "notifications.pending");
-  ASSERT_EQ(log.lines.size(), 2u);
-  EXPECT_EQ(log.lines[0],
-            std::make_pair(LOG_NOTICE, std::string("Issued notification: Nightly sleep")));
-  EXPECT_EQ(pending(controller, "a").get("metadatanotified"), D(kStart));
-  EXPECT_TRUE(timer().parked());
-}
-
+// An entry without a trigger date (a hand-edited saved state) waits last.
 TEST_F(NotificationControllerTest, WarnsInOrderOfWarnTimeAndArmsForTheNext) {
   NotificationController* controller = create();
+  RecordingLog log;
   PostRecorder posts(controller);
-  // An entry without a trigger date (a hand-edited saved state) waits last.
   notificationControllerAddPending(controller, validEvent("undated"), kStart);
   notificationControllerApplyState(
       controller, A({pending(controller, "undated").without("metadatatriggerdate")}));
   notificationControllerAddPending(controller, validEvent("late"), kStart + 7200);
-  notificationControllerAddPending(controller, validEvent("soon"), kStart + 3600);
+  notificationControllerAddPending(controller, validEvent("soon", "Nightly sleep"), kStart + 300);
   EXPECT_EQ(pendingIds(controller), (std::vector<std::string>{"soon", "late", "undated"}));
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3600 - kPeriod);
-
-  // Fired early (a clock stepped back): nothing issued, re-armed.
-  clock_.advance(100);
+  // Inside the period already: the warn time has passed.
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 300 - kPeriod);
+  const plist::Value held = pending(controller, "soon");
   posts.posts.clear();
   timer().fire();
-  EXPECT_TRUE(posts.posts.empty());
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3600 - kPeriod);
-
-  clock_.set(kStart + 3600 - kPeriod + 1);
-  timer().fire();
+  EXPECT_EQ(posts.posts, (std::vector<Post>{{"notifications.notify", Dict({{"Parameter", held}})},
+                                            {"notifications.pending", plist::Value()}}));
+  ASSERT_EQ(log.lines.size(), 2u);
+  EXPECT_EQ(log.lines[0],
+            std::make_pair(LOG_NOTICE, std::string("Issued notification: Nightly sleep")));
+  EXPECT_EQ(pending(controller, "soon").get("metadatanotified"), D(kStart));
   EXPECT_EQ(pendingIds(controller), (std::vector<std::string>{"late", "undated", "soon"}));
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 7200 - kPeriod);
 
+  // Fired at the warn time, not later (or early, a clock stepped back): re-armed.
+  posts.posts.clear();
+  clock_.set(kStart + 7200 - kPeriod);
+  timer().fire();
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 7200 - kPeriod);
   clock_.set(kStart + 7200);
   timer().fire();
   EXPECT_EQ(pendingIds(controller), (std::vector<std::string>{"undated", "soon", "late"}));
   EXPECT_TRUE(timer().parked());
-  std::vector<std::string> warned;
-  for (const Post& post : posts.posts) {
-    if (post.name == "notifications.notify")
-      warned.push_back(*post.userInfo.get("Parameter").get("uniqueid").asString());
-  }
-  EXPECT_EQ(warned, (std::vector<std::string>{"soon", "late"}));
 }
 
+// Queued again (its next occurrence), an event is unwarned and timed once more;
+// a wake past its warn time issues the warning that fell due during sleep.
 TEST_F(NotificationControllerTest, AllWarnedLeavesTheTimerAloneUntilTheListChanges) {
   NotificationController* controller = create();
   notificationControllerAddPending(controller, validEvent("a"), kStart + 60);
   timer().fire();
-  ASSERT_TRUE(timer().parked());
   PostRecorder posts(controller);
   const int sets = timer().setCount();
-
   clock_.advance(5000);
   timer().fire();
   postWake();
   EXPECT_TRUE(posts.posts.empty());
   EXPECT_EQ(timer().setCount(), sets);
-  EXPECT_FALSE(timer().armed());
-
-  // Queued again (its next occurrence): unwarned, and timed once more; a wake
-  // past its warn time issues the warning that fell due during sleep.
+  EXPECT_TRUE(timer().parked());
   notificationControllerAddPending(controller, pending(controller, "a"), kStart + 86400);
   EXPECT_TRUE(pending(controller, "a").get("metadatanotified").isNone());
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 86400 - kPeriod);
   clock_.set(kStart + 86400 - 600);
-  posts.posts.clear();
   postWake();
-  ASSERT_FALSE(posts.posts.empty());
-  EXPECT_EQ(posts.posts[0].name, "notifications.notify");
-}
-
-TEST_F(NotificationControllerTest, PeriodZeroWarnsOnlyAfterTheTriggerDate) {
-  NotificationController* controller = create();
-  notificationControllerSetNotifyPeriod(controller, 0);
-  notificationControllerAddPending(controller, validEvent("a"), kStart + 60);
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 60);
-
-  clock_.set(kStart + 60);  // not strictly later: not yet
-  timer().fire();
-  EXPECT_TRUE(pending(controller, "a").get("metadatanotified").isNone());
-  clock_.advance(1);
-  timer().fire();
-  EXPECT_EQ(pending(controller, "a").get("metadatanotified"), D(kStart + 61));
-}
-
-TEST_F(NotificationControllerTest, SettingThePeriodStoresItAnnouncesItAndRearms) {
-  NotificationController* controller = create();
-  notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
-  PostRecorder posts(controller);
-
-  notificationControllerSetNotifyPeriod(controller, kPeriod);  // the current value
-  EXPECT_TRUE(posts.posts.empty());
-  EXPECT_EQ(preferences_.writes(), 0);
-
-  notificationControllerSetNotifyPeriod(controller, 300);
-  EXPECT_EQ(posts.names(), std::vector<std::string>{"notifications.notifyperiod"});
-  EXPECT_TRUE(posts.posts[0].userInfo.isNone());
-  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), 300);
-  EXPECT_EQ(preferences_.disk().get("notificationcontroller.notifyperiod"), R(300));
-  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3300);
+  EXPECT_EQ(posts.names(),
+            (std::vector<std::string>{"notifications.pending", "notifications.notify",
+                                      "notifications.pending"}));
 }
 
 TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
@@ -151,59 +95,13 @@ TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3540);
 }
 
-TEST_F(NotificationControllerTest, AStoredPeriodThatIsNoFiniteNumberReadsAsTheDefault) {
-  for (double stored :
-       {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
-    preferences_.setValue("notificationcontroller.notifyperiod", R(stored));
-    EXPECT_EQ(notificationControllerGetNotifyPeriod(create()), kPeriod);
-    notificationControllerDestroy();
-  }
-  preferences_.setValue("notificationcontroller.notifyperiod", R(45));
-  EXPECT_EQ(notificationControllerGetNotifyPeriod(create()), 45);
-  notificationControllerSetNotifyPeriod(notificationControllerGet(),
-                                        std::numeric_limits<double>::infinity());
-  EXPECT_EQ(notificationControllerGetNotifyPeriod(notificationControllerGet()), 45);
-}
-
-TEST_F(NotificationControllerTest, CancelDelayAndResetReachOnlyPendingEvents) {
-  NotificationController* controller = create();
-  recordHandlers(controller);
-  notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
-  const plist::Value held = pending(controller, "a");
-
-  notificationControllerDelay(controller, S("a"), 0);
-  notificationControllerDelay(controller, S("a"), -5);
-  notificationControllerDelay(controller, S("other"), 30);
-  notificationControllerCancel(controller, S("other"));
-  notificationControllerReset(controller, S("other"));
-  EXPECT_TRUE(delays_.empty());
-  EXPECT_TRUE(cancels_.empty());
-  EXPECT_TRUE(rescheduled_.empty());
-
-  notificationControllerDelay(controller, S("a"), 30);
-  notificationControllerCancel(controller, S("a"));
-  notificationControllerReset(controller, S("a"));
-  ASSERT_EQ(delays_.size(), 1u);
-  EXPECT_EQ(delays_[0], std::make_pair(held, 30.0));
-  EXPECT_EQ(cancels_, std::vector<plist::Value>{held});
-  EXPECT_EQ(rescheduled_, std::vector<plist::Value>{S("a")});
-
-  notificationControllerRegisterHandlers(controller, {});
-  notificationControllerDelay(controller, S("a"), 30);
-  notificationControllerCancel(controller, S("a"));
-  EXPECT_EQ(delays_.size(), 1u);
-  EXPECT_EQ(cancels_.size(), 1u);
-}
-
 TEST_F(NotificationControllerTest, PendingViewShowsOnceTriggersWithoutPrivateKeys) {
   NotificationController* controller = create();
-  PostRecorder posts(controller);
   const plist::Value daily = validEvent("d").with("_DateTimeQueueController.Trigger.Date", D(1));
   notificationControllerAddPending(controller, daily, kStart + 7200);
   notificationControllerAddPending(controller, onceEvent("o", kStart + 60), kStart + 60);
   timer().fire();  // "o" is warned and moves behind "d" in the list, not in the view
   ASSERT_EQ(pendingIds(controller), (std::vector<std::string>{"d", "o"}));
-
   const plist::Value view = notificationControllerCopyPendingView(controller);
   const plist::Value expected = A({
       onceEvent("o", kStart + 60)
@@ -214,8 +112,6 @@ TEST_F(NotificationControllerTest, PendingViewShowsOnceTriggersWithoutPrivateKey
           .with("metadatatriggerdate", D(kStart + 7200)),
   });
   EXPECT_EQ(view, expected);
-  ASSERT_FALSE(posts.posts.empty());
-  EXPECT_EQ(posts.posts.back(), (Post{"notifications.pending", plist::Value()}));
   // The list itself keeps the private key: the owner's copy is not the view.
   EXPECT_FALSE(pending(controller, "d").get("_DateTimeQueueController.Trigger.Date").isNone());
 }
@@ -230,7 +126,6 @@ TEST_F(NotificationControllerTest, StateRoundTripKeepsWarnedFlagsAndPrivateKeys)
   EXPECT_EQ(state.at(1).get("_X.Y.Z"), I(1));
   EXPECT_EQ(state.at(1).get("metadatanotified"), D(kStart));
   notificationControllerDestroy();
-
   controller = create();
   PostRecorder posts(controller);
   notificationControllerApplyState(controller, A({state.at(0), state.at(1), S("junk")}));
@@ -244,10 +139,7 @@ TEST_F(NotificationControllerTest, AnEntryDroppedByANotifyObserverStaysDropped) 
   notificationControllerAddPending(controller, validEvent("a"), kStart + 60);
   int observer = 0;
   runloop::localCenter().addObserver(
-      &observer,
-      [controller](std::string_view, const void*, const plist::Value&) {
-        notificationControllerRemovePending(controller, S("a"));
-      },
+      &observer, [controller](auto...) { notificationControllerRemovePending(controller, S("a")); },
       std::string("notifications.notify"), controller);
   timer().fire();
   runloop::localCenter().removeObserver(&observer);
@@ -255,10 +147,17 @@ TEST_F(NotificationControllerTest, AnEntryDroppedByANotifyObserverStaysDropped) 
   EXPECT_TRUE(timer().parked());
 }
 
+// A stored period that is no finite number reads as the default.
 TEST_F(NotificationControllerTest, OneControllerPerProcessAndNoneWithoutATimer) {
-  NotificationController* first = create();
-  EXPECT_EQ(create(), first);
-  notificationControllerDestroy();
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (double stored : {nan, std::numeric_limits<double>::infinity(), 45.0}) {
+    preferences_.setValue("notificationcontroller.notifyperiod", R(stored));
+    NotificationController* first = create();
+    EXPECT_EQ(create(), first);
+    EXPECT_EQ(notificationControllerGetNotifyPeriod(first),
+              std::isfinite(stored) ? stored : kPeriod);
+    notificationControllerDestroy();
+  }
   EXPECT_EQ(notificationControllerGet(), nullptr);
   EXPECT_EQ(runloop::localCenter().observationCount(), 0u);
   timers_.setFailing(true);
@@ -268,6 +167,65 @@ TEST_F(NotificationControllerTest, OneControllerPerProcessAndNoneWithoutATimer) 
   EXPECT_EQ(notificationControllerGetNotifyPeriod(nullptr), kPeriod);
   EXPECT_TRUE(notificationControllerCopyPendingView(nullptr).isNone());
   EXPECT_TRUE(notificationControllerCopyState(nullptr).isNone());
+}
+
+// The replies of the request operations; the dispatcher tests answer them
+// without a controller.
+const plist::Value kOk = Dict({{"status", I(200)}});
+const plist::Value kFailed = Dict({{"status", I(400)}});
+
+// Cancel, delay and reset reach a pending event's handler, and only one.
+TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
+  NotificationController* controller = create();
+  notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
+  const plist::Value held = pending(controller, "a");
+  EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);  // no handlers yet
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
+  recordHandlers(controller);
+  EXPECT_EQ(
+      notificationRequestPending(controller),
+      Dict({{"status", I(200)}, {"response", notificationControllerCopyPendingView(controller)}}));
+  EXPECT_EQ(notificationRequestNotifyPeriod(controller),
+            Dict({{"status", I(200)}, {"response", R(900)}}));
+  EXPECT_TRUE(notificationRequestNotifyPeriod(controller).get("response").isReal());
+
+  EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);
+  EXPECT_EQ(notificationRequestCancel(controller, S("not pending")), kOk);
+  EXPECT_EQ(notificationRequestCancel(controller, {}), kFailed);
+  EXPECT_EQ(notificationRequestReset(controller, S("a")), kOk);
+  EXPECT_EQ(notificationRequestReset(controller, S("not pending")), kOk);
+  EXPECT_EQ(notificationRequestReset(controller, {}), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(90.7)), kOk);  // read as 90
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(0)), kOk);     // does nothing
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(-5)), kOk);    // does nothing
+  EXPECT_EQ(notificationRequestDelay(controller, S("not pending"), I(60)), kOk);
+  EXPECT_EQ(notificationRequestDelay(controller, {}, I(60)), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(std::int64_t{1} << 40)), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), {}), kFailed);
+  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(1e300)), kFailed);
+  EXPECT_EQ(cancels_, std::vector<plist::Value>{held});
+  EXPECT_EQ(rescheduled_, std::vector<plist::Value>{S("a")});
+  EXPECT_EQ(delays_, (std::vector<std::pair<plist::Value, double>>{{held, 60}, {held, 90}}));
+
+  const plist::Value invalidSeconds = Dict({{"error", I(405)}, {"reason", S("Invalid seconds")}});
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I((std::int64_t{1} << 53) + 1)),
+            invalidSeconds);
+  EXPECT_EQ(
+      notificationRequestSetNotifyPeriod(controller, R(std::numeric_limits<double>::quiet_NaN())),
+      invalidSeconds);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, S("60")), invalidSeconds);
+  PostRecorder posts(controller);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, R(kPeriod)), kOk);  // the current value
+  notificationControllerSetNotifyPeriod(controller, std::numeric_limits<double>::infinity());
+  EXPECT_TRUE(posts.posts.empty());
+  EXPECT_EQ(preferences_.writes(), 0);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, R(61.5)), kOk);
+  EXPECT_EQ(posts.posts, (std::vector<Post>{{"notifications.notifyperiod", plist::Value()}}));
+  EXPECT_EQ(preferences_.disk().get("notificationcontroller.notifyperiod"), R(61.5));
+  EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3600 - 61.5);
+  EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I(-30)), kOk);
+  EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), -30);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The notification controller's tests share the ports fixture, with the
-// controller created on its clock and timers.
+// The ports fixture, with the notification controller created on its clock and timers.
 #pragma once
 
 #include <string>

@@ -20,13 +20,11 @@ class LoopTest : public ::testing::Test {
     });
     guard->setNextFireDate(systemClock().now() + 2.0);
   }
-
   // Runs the loop once; fails the test when the guard had to end it.
   void runLoop() {
     EXPECT_EQ(loop->run(), 0);
     EXPECT_FALSE(timedOut) << "the loop ran until the guard stopped it";
   }
-
   // Stops the loop `seconds` from now.
   void stopAfter(double seconds) {
     stopper = loop->addTimer([this] { loop->stop(); });

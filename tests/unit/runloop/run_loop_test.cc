@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include "loop_fixture.h"
+#include "runloop/descriptors.h"
 
 namespace nightjar::runloop {
 namespace {
@@ -27,9 +29,8 @@ class RunLoopTest : public LoopTest {
   std::unique_ptr<ObserverHandle> recordingObserver(int stopAtWait) {
     return loop->addObserver(PassStage::SaveState, [this, stopAtWait](Activity activity) {
       log.push_back(activity == Activity::Exit ? "exit" : "wait");
-      if (activity == Activity::BeforeWaiting && ++waits == stopAtWait) {
+      if (activity == Activity::BeforeWaiting && ++waits == stopAtWait)
         loop->stop();
-      }
     });
   }
 
@@ -38,48 +39,19 @@ class RunLoopTest : public LoopTest {
   int waits = 0;
 };
 
-TEST(RunLoopCurrentTest, IsTheLoopCreatedLastUntilDestroyed) {
-  auto first = RunLoop::create();
-  auto second = RunLoop::create();
-  EXPECT_EQ(RunLoop::current(), second.get());
-  first.reset();  // an older loop does not clear the slot
-  EXPECT_EQ(RunLoop::current(), second.get());
-  second.reset();
-  EXPECT_EQ(RunLoop::current(), nullptr);
-}
-
-TEST_F(RunLoopTest, FdSourceWakesTheSleepingLoop) {
-  std::uint32_t seen = 0;
-  auto source = loop->addFd(fds[0], EPOLLIN, [&](std::uint32_t revents) {
-    seen = revents;
-    loop->stop();
-  });
-  ASSERT_NE(source, nullptr);
-  auto writer = loop->addTimer([this] { writeByte(); });
-  writer->setNextFireDate(systemClock().now() + 0.005);
-  runLoop();
-  EXPECT_TRUE(seen & EPOLLIN);
-}
-
-TEST_F(RunLoopTest, FirstPassRunsObserversWithNothingElseQueued) {
-  auto observer = recordingObserver(/*stopAtWait=*/1);
-  runLoop();
-  EXPECT_EQ(log, (std::vector<std::string>{"wait", "exit"}));
-}
-
+// Work that arrives during a burst belongs to it: one end of pass after all.
 TEST_F(RunLoopTest, ObserverRunsOnceAfterTheWholeBurst) {
   std::vector<std::unique_ptr<Timer>> timers;
   for (int i = 0; i < 3; ++i) {
     timers.push_back(loop->addTimer([this] {
-      // Work that arrives during the burst belongs to it.
-      if (log.empty()) {
+      if (log.empty())
         writeByte();
-      }
       log.push_back("timer");
     }));
     timers.back()->setNextFireDate(systemClock().now() - 1);
   }
-  auto source = loop->addFd(fds[0], EPOLLIN, [this](std::uint32_t) {
+  auto source = loop->addFd(fds[0], EPOLLIN, [this](std::uint32_t revents) {
+    EXPECT_EQ(revents, EPOLLIN);
     char c;
     EXPECT_EQ(read(fds[0], &c, 1), 1);
     log.push_back("fd");
@@ -87,26 +59,36 @@ TEST_F(RunLoopTest, ObserverRunsOnceAfterTheWholeBurst) {
   auto observer = recordingObserver(/*stopAtWait=*/1);
   runLoop();
   ASSERT_EQ(log.size(), 6u);
-  EXPECT_EQ(std::count(log.begin(), log.end(), "timer"), 3);
-  EXPECT_EQ(std::vector<std::string>(log.begin() + 4, log.end()),
-            (std::vector<std::string>{"wait", "exit"}));
+  std::sort(log.begin(), log.begin() + 4);
+  EXPECT_EQ(log, (std::vector<std::string>{"fd", "timer", "timer", "timer", "wait", "exit"}));
 }
 
+// The first pass runs with nothing queued; the timer's pass exits instead of
+// waiting. A destroyed observer is never called; one may destroy its own handle.
 TEST_F(RunLoopTest, StopInsideACallbackEndsRunWithExitInsteadOfWait) {
+  recordingObserver(/*stopAtWait=*/0).reset();
   auto observer = recordingObserver(/*stopAtWait=*/0);
+  std::unique_ptr<ObserverHandle> once;
+  once = loop->addObserver(PassStage::SaveState, [&](Activity) {
+    log.push_back("once");
+    once.reset();
+  });
   auto timer = loop->addTimer([this] {
     log.push_back("timer");
     loop->stop();
   });
   timer->setNextFireDate(systemClock().now() + 0.02);
   runLoop();
-  // The first pass, then the later timer's pass, which exits instead of waiting.
-  EXPECT_EQ(log, (std::vector<std::string>{"wait", "timer", "exit"}));
+  EXPECT_EQ(log, (std::vector<std::string>{"wait", "once", "timer", "exit"}));
 }
 
+// Also: the current loop is the one created last, until it is destroyed.
 TEST(RunLoopStagesTest, RunInTheirOrderWhateverTheOrderOfAddingAndAtExit) {
+  auto older = RunLoop::create();
   for (const std::vector<int>& adding : {std::vector{0, 1, 2, 3}, {3, 2, 1, 0}, {2, 0, 3, 1}}) {
     auto loop = RunLoop::create();
+    older.reset();  // does not clear the slot
+    EXPECT_EQ(RunLoop::current(), loop.get());
     std::string seen;
     std::vector<std::unique_ptr<ObserverHandle>> observers;
     for (int stage : adding) {
@@ -119,6 +101,7 @@ TEST(RunLoopStagesTest, RunInTheirOrderWhateverTheOrderOfAddingAndAtExit) {
     EXPECT_EQ(loop->run(), 0);
     EXPECT_EQ(seen, "w0w1w2w3x0x1x2x3");
   }
+  EXPECT_EQ(RunLoop::current(), nullptr);
 }
 
 TEST_F(RunLoopTest, ASourceThatIsAlwaysReadyCannotPostponeTheEndOfAPass) {
@@ -129,22 +112,33 @@ TEST_F(RunLoopTest, ASourceThatIsAlwaysReadyCannotPostponeTheEndOfAPass) {
     if (callbacks > 0)
       loop->stop();
   });
-  runLoop();  // fails when the guard timer had to stop it
+  runLoop();
   EXPECT_LE(callbacks, RunLoop::kMaxDispatchesPerPass);
 }
 
-// A destroyed observer is never called; one may destroy its own handle.
-TEST_F(RunLoopTest, DestroyedObserversAreNotCalledAgain) {
-  recordingObserver(/*stopAtWait=*/0).reset();
-  std::unique_ptr<ObserverHandle> observer;
-  observer = loop->addObserver(PassStage::SaveState, [&](Activity) {
-    ++waits;
-    observer.reset();
-  });
-  stopAfter(0.005);
-  runLoop();
-  EXPECT_EQ(waits, 1);  // not again after the stopper's pass, nor at exit
-  EXPECT_TRUE(log.empty());
+TEST(Descriptors, ReadFullyAnswersAnErrorNumberAndHowMuchItRead) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], "abcdefgh", 8), 8);
+  char buffer[6] = {};
+  std::size_t got = 0;
+  EXPECT_EQ(readFully(fds[0], buffer, sizeof buffer, &got), 0);
+  EXPECT_EQ(std::string(buffer, got), "abcdef");
+  ASSERT_EQ(setNonBlocking(fds[0]), 0);
+  EXPECT_EQ(readFully(fds[0], buffer, sizeof buffer, &got), EAGAIN);
+  EXPECT_EQ(got, 2u);
+  EXPECT_EQ(setNonBlocking(-1), EBADF);
+
+  ASSERT_EQ(ignoreSIGPIPE(), 0);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  close(fds[1]);
+  EXPECT_EQ(readFully(fds[0], buffer, sizeof buffer), EPIPE);  // no out argument
+  close(fds[0]);
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[0]);
+  EXPECT_EQ(write(fds[1], "x", 1), -1);  // answered, instead of killing the test
+  EXPECT_EQ(errno, EPIPE);
+  close(fds[1]);
 }
 
 }  // namespace

@@ -221,21 +221,6 @@ TEST_F(DispatchTest, BuildAndNotificationRequestsAndTheirParameterChecks) {
   });
 }
 
-TEST_F(DispatchTest, NotificationRequestsWithoutAController) {
-  notifications::notificationControllerDestroy();
-  expect({
-      {"pending", request("notifications.pending"), response(200)},
-      {"notifyperiod", request("notifications.notifyperiod"), response(200)},
-      {"cancel", request("notifications.cancel", S("a")), response(400)},
-      {"reset", request("notifications.reset", S("a")), response(400)},
-      {"delay", request("notifications.delay", delay(I(60))), response(400)},
-      {"setnotifyperiod", request("notifications.setnotifyperiod", R(60)),
-       refusal(reason::kMissingNotificationController)},
-      {"checks still come first", request("notifications.cancel", I(1)),
-       invalid(Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
-  });
-}
-
 TEST_F(DispatchTest, SchedulerRequestsAndTheirParameterChecks) {
   const Value event = validEvent("a");
   expect({
@@ -396,10 +381,22 @@ TEST_F(SchedulerRequestTest, SetEnabledIsPostedForTheScheduler) {
   EXPECT_EQ(dispatch(request("scheduler.enabled")), response(200, B(true)));
 }
 
-TEST_F(SchedulerRequestTest, WithoutSchedulerOrEventList) {
+// Without their modules the requests answer 400 or nothing, but their checks
+// still come first.
+TEST_F(SchedulerRequestTest, WithoutSchedulerOrEventListOrNotificationController) {
+  notifications::notificationControllerDestroy();
   scheduling::eventSchedulerTearDown();
   PostRecorder posts(nullptr);
   expect({
+      {"pending", request("notifications.pending"), response(200)},
+      {"notifyperiod", request("notifications.notifyperiod"), response(200)},
+      {"cancel", request("notifications.cancel", S("a")), response(400)},
+      {"reset", request("notifications.reset", S("a")), response(400)},
+      {"delay", request("notifications.delay", delay(I(60))), response(400)},
+      {"setnotifyperiod", request("notifications.setnotifyperiod", R(60)),
+       refusal(reason::kMissingNotificationController)},
+      {"cancel a number", request("notifications.cancel", I(1)),
+       invalid(Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
       {"enabled", request("scheduler.enabled"), response(200)},
       {"setenabled", request("scheduler.setenabled", B(false)), response(400)},
   });
@@ -409,7 +406,7 @@ TEST_F(SchedulerRequestTest, WithoutSchedulerOrEventList) {
       {"events", request("scheduler.events"), response(200)},
       {"set", request("scheduler.set", validEvent("a")), response(400)},
       {"remove", request("scheduler.remove", S("a")), response(400)},
-      {"checks still come first", request("scheduler.remove", I(1)),
+      {"remove a number", request("scheduler.remove", I(1)),
        invalid(Dict({{"uniqueid", element("Must be a CFStringRef")}}))},
   });
 }

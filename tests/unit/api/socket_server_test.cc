@@ -11,8 +11,8 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,22 +35,15 @@ using plist::Value;
 
 // One non-blocking client connection that collects what the server sends.
 struct Peer {
-  explicit Peer(const std::string& socketPath) : path(socketPath) { connect(); }
+  explicit Peer(const std::string& path) {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
   ~Peer() { close(); }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
-  // Tries again: a full backlog refuses a non-blocking connect until the
-  // server has taken what waits.
-  bool connect() {
-    if (!connected && fd >= 0) {
-      sockaddr_un address{};
-      address.sun_family = AF_UNIX;
-      std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-      connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    return connected;
-  }
   bool write(const std::string& bytes) {
     return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
@@ -80,7 +73,6 @@ struct Peer {
       ::close(std::exchange(fd, -1));
   }
 
-  std::string path;
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   bool connected = false;
   bool closed = false;
@@ -173,11 +165,9 @@ TEST_F(SocketServerTest, FolderChecksAndTheNode) {
   start();
   struct stat status {};
   ASSERT_EQ(stat(folder().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0755u);
-  EXPECT_EQ(status.st_uid, 0u);
+  EXPECT_EQ(std::pair(status.st_mode & 07777, status.st_uid), std::pair(0755u, 0u));
   ASSERT_EQ(stat(path().c_str(), &status), 0);
-  EXPECT_TRUE(S_ISSOCK(status.st_mode));
-  EXPECT_EQ(status.st_mode & 0777, 0777u);
+  EXPECT_EQ(status.st_mode & (S_IFMT | 0777), S_IFSOCK | 0777u);
   // Destruction removes the node and keeps the folder.
   server.reset();
   EXPECT_NE(access(path().c_str(), F_OK), 0);
@@ -209,13 +199,15 @@ TEST_F(SocketServerTest, AnswersNoopAndDictSentByteByByteWithTheirIdentifiersAnd
 
 // A message the framing refuses closes its connection (the rules are the
 // framing's own tests). An unparsable request, or one its handler leaves
-// unanswered, gets no reply; a late answer holds its own client only, in order.
-TEST_F(SocketServerTest, BadLateUnparsableOrUnansweredRequests) {
-  std::vector<Responder> waiting;
+// unanswered, gets no reply; a late answer holds its own client only, in order,
+// and goes nowhere when its peer has vanished, as one cut mid-message does.
+TEST_F(SocketServerTest, BadLateUnparsableOrUnansweredRequestsAndVanishedPeers) {
+  std::map<std::string, Responder> waiting;
   start([&waiting](const Request& request, Responder responder) {
-    if (request.value == sample("slow"))
-      waiting.push_back(responder);
-    else if (request.value != sample("ignored"))
+    const std::string text = *request.value.get("Request").asString();
+    if (text == "slow" || text == "left")
+      waiting.emplace(text, responder);
+    else if (text != "ignored")
       responder.reply(request.value);
   });
   Peer bad(path());
@@ -224,20 +216,28 @@ TEST_F(SocketServerTest, BadLateUnparsableOrUnansweredRequests) {
   EXPECT_TRUE(bad.replies().empty());
   Peer slow(path());
   Peer other(path());
+  auto cut = std::make_unique<Peer>(path());
+  auto left = std::make_unique<Peer>(path());
+  ASSERT_TRUE(cut->write(encodeRequest(1, sample("cut"))->substr(0, 30)));
+  ASSERT_TRUE(left->write(*encodeRequest(1, sample("left"))));
   ASSERT_TRUE(slow.write(*encodeRequest(1, sample("slow")) + *encodeRequest(2, sample("after")) +
                          encodeBare(MessageType::Noop, 3)));
-  ASSERT_TRUE(pumpUntil([&] { return waiting.size() == 1; }));
+  ASSERT_TRUE(pumpUntil([&] { return waiting.size() == 2; }));
+  cut.reset();
+  left.reset();
   ASSERT_TRUE(other.write(*framing::encodePayloadMessage(MessageType::Dict, 7, "<plist>") +
                           *encodeRequest(8, sample("ignored")) +
                           *encodeRequest(9, sample("quick"))));
-  ASSERT_TRUE(pumpUntil([&] { return other.replies().size() == 1; }));
+  ASSERT_TRUE(pumpUntil([&] { return other.replies().size() == 1 && clients() == 3; }));
   EXPECT_EQ(other.replies()[0].first, 9u);
+  waiting.at("left").reply(Value::string("late"));
+  EXPECT_TRUE(pumpUntil([&] { return clients() == 2; }));
   settle();
   EXPECT_TRUE(slow.replies().empty());
   EXPECT_FALSE(other.closedByServer());
 
-  waiting[0].reply(Value::string("late"));
-  waiting[0].reply(Value::string("twice"));  // only the first answer counts
+  waiting.at("slow").reply(Value::string("late"));
+  waiting.at("slow").reply(Value::string("twice"));  // only the first answer counts
   ASSERT_TRUE(pumpUntil([&] { return slow.replies().size() == 3; }));
   EXPECT_EQ(slow.replies()[0].first, 1u);
   EXPECT_EQ(plist::parseXml(slow.replies()[0].second), Value::string("late"));
@@ -261,23 +261,6 @@ TEST_F(SocketServerTest, HeldRepliesLeaveOnRelease) {
   EXPECT_FALSE(socketServerRepliesHeld(server.get()));
   server.reset();
   EXPECT_TRUE(peer.closedByServer());
-}
-
-// One vanishes in the middle of a message, one while its request is with the
-// handler: the late answer goes nowhere.
-TEST_F(SocketServerTest, PeersThatVanish) {
-  std::optional<Responder> kept;
-  start([&](const Request&, Responder responder) { kept = responder; });
-  auto halfway = std::make_unique<Peer>(path());
-  ASSERT_TRUE(halfway->write(encodeRequest(1, sample("cut"))->substr(0, 30)));
-  auto waiting = std::make_unique<Peer>(path());
-  ASSERT_TRUE(waiting->write(*encodeRequest(2, sample("keep"))));
-  ASSERT_TRUE(pumpUntil([&] { return kept.has_value(); }));
-  halfway.reset();
-  waiting.reset();
-  ASSERT_TRUE(pumpUntil([&] { return clients() == 1; }));
-  kept->reply(Value::string("late"));
-  EXPECT_TRUE(pumpUntil([&] { return clients() == 0; }));
 }
 
 // Lowers the descriptor limit so that exactly `room` unused numbers are left,
@@ -356,38 +339,12 @@ class SocketClientTest : public ::testing::Test {
     close(other);
   }
 
-  // What arrives within up to 1000 passes of the loop, until `size` bytes.
-  std::string drain(std::size_t size) {
-    std::string out;
-    char chunk[65536];
-    for (int i = 0; i < 1000; ++i) {
-      for (ssize_t n; (n = recv(other, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;)
-        out.append(chunk, static_cast<std::size_t>(n));
-      if (out.size() >= size)
-        break;
-      sd_event_run(loop->event(), 1000);
-    }
-    return out;
-  }
-
   std::unique_ptr<runloop::RunLoop> loop = runloop::RunLoop::create();
   ReplyGate gate;
   std::shared_ptr<SocketClient> client;
   int other = -1;
   int closed = 0;
 };
-
-TEST_F(SocketClientTest, TheReplyQueueHoldsAtMostItsBytesBesideOneReplyOfAnySize) {
-  gate.held = true;
-  for (int i = 0; i < 4; ++i)
-    ASSERT_TRUE(socketClientSend(*client, framing::Message(kMaxUnsentReplyBytes / 4, 'q'))) << i;
-  EXPECT_FALSE(socketClientSend(*client, framing::encodeEmptyReply(5)));
-  TearDown();  // a fresh connection: one reply above the bound is taken when none waits
-  SetUp();
-  gate.held = true;
-  EXPECT_TRUE(socketClientSend(*client, framing::Message(kMaxUnsentReplyBytes + 1, 'a')));
-  EXPECT_FALSE(socketClientSend(*client, framing::encodeEmptyReply(1)));
-}
 
 TEST_F(SocketClientTest, AFullSocketWaitsForOneWritabilityEventAndResumesMidMessage) {
   // Large enough that the small buffers take only part of the first one.
@@ -397,7 +354,14 @@ TEST_F(SocketClientTest, AFullSocketWaitsForOneWritabilityEventAndResumesMidMess
   ASSERT_TRUE(socketClientSend(*client, second));
   EXPECT_TRUE(client->waitingForWritable);
   EXPECT_GT(client->writeOffset, 0u);
-  EXPECT_EQ(drain(first.size() + second.size()), first + second);
+  std::string received;
+  char chunk[65536];
+  for (int i = 0; i < 1000 && received.size() < first.size() + second.size(); ++i) {
+    for (ssize_t n; (n = recv(other, chunk, sizeof chunk, MSG_DONTWAIT)) > 0;)
+      received.append(chunk, static_cast<std::size_t>(n));
+    sd_event_run(loop->event(), 1000);
+  }
+  EXPECT_EQ(received, first + second);
   EXPECT_TRUE(client->replyQueue.empty());
   EXPECT_FALSE(client->waitingForWritable);
   EXPECT_EQ(closed, 0);
@@ -405,7 +369,8 @@ TEST_F(SocketClientTest, AFullSocketWaitsForOneWritabilityEventAndResumesMidMess
 
 // A peer that never reads: once 100 replies wait unsent, the next request
 // closes it, whether a NOOP's or a DICT's reply would have been the 101st.
-TEST_F(SocketClientTest, APeerThatNeverReadsIsClosedAtTheHundredAndFirstReply) {
+// The waiting replies' bytes are bounded too, beside one reply of any size.
+TEST_F(SocketClientTest, TheReplyQueueIsBoundedInCountAndBytes) {
   for (const std::string& last :
        {encodeBare(MessageType::Noop, 1), *encodeRequest(1, sample("x"))}) {
     closed = 0;
@@ -419,6 +384,15 @@ TEST_F(SocketClientTest, APeerThatNeverReadsIsClosedAtTheHundredAndFirstReply) {
     TearDown();
     SetUp();
   }
+  gate.held = true;
+  for (int i = 0; i < 4; ++i)
+    ASSERT_TRUE(socketClientSend(*client, framing::Message(kMaxUnsentReplyBytes / 4, 'q'))) << i;
+  EXPECT_FALSE(socketClientSend(*client, framing::encodeEmptyReply(5)));
+  TearDown();
+  SetUp();
+  gate.held = true;
+  EXPECT_TRUE(socketClientSend(*client, framing::Message(kMaxUnsentReplyBytes + 1, 'a')));
+  EXPECT_FALSE(socketClientSend(*client, framing::encodeEmptyReply(1)));
 }
 
 TEST_F(SocketClientTest, AWriteToAVanishedPeerClosesTheConnection) {

@@ -121,15 +121,13 @@ TEST(Framing, RepliesDecodeOnTheClientSide) {
   const Message empty = encodeEmptyReply(9);
   EXPECT_EQ(empty, rawMessage(kReply, 9, 20, word(0)));
   Frame frame = decodeReply(bytesOf(empty));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.identifier, 9u);
-  EXPECT_TRUE(frame.payload.empty());
+  EXPECT_EQ(std::tuple(frame.status, frame.identifier, frame.payload),
+            std::tuple(FrameStatus::Ready, 9u, std::string_view()));
 
   const Value reply = Value::dictionary({{"status", Value::integer(200)}});
   const Message full = *encodeReply(10, reply);
   frame = decodeReply(bytesOf(full));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.identifier, 10u);
+  EXPECT_EQ(std::tuple(frame.status, frame.identifier), std::tuple(FrameStatus::Ready, 10u));
   EXPECT_EQ(plist::parseXml(frame.payload), reply);
   EXPECT_EQ(full.substr(16, 4), word(0)) << "reserved word";
 
@@ -147,9 +145,8 @@ TEST(Framing, RequestsRoundTripAndOversizedOnesAreRefused) {
                                            {"Authorization", Value::data(plist::Bytes(32, 1))}});
   const Message message = *encodeRequest(77, request);
   const Frame frame = decodeRequest(bytesOf(message));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.identifier, 77u);
-  EXPECT_EQ(frame.length, message.size());
+  EXPECT_EQ(std::tuple(frame.status, frame.identifier, std::size_t{frame.length}),
+            std::tuple(FrameStatus::Ready, 77u, message.size()));
   EXPECT_EQ(parsePayload(frame.payload), request);
   EXPECT_TRUE(parsePayload("<plist>").isNone());
   // The largest payload that still fits the daemon's limit, and one byte more.

@@ -26,7 +26,6 @@
 #include "model/validation.h"
 #include "notifications/notification_controller.h"
 #include "plist/describe.h"
-#include "runloop/run_loop.h"
 #include "scheduling/event_action.h"
 #include "scheduling/event_scheduler.h"
 #include "scheduling/queue_controller.h"
@@ -85,7 +84,6 @@ class DispatchTest : public nightjar::testing::PortsFixture {
  protected:
   void SetUp() override {
     PortsFixture::SetUp();
-    ASSERT_NE(loop_, nullptr);
     model::eventListSetUp();
     scheduling::queueControllerListSetUp();
     scheduling::eventSchedulerSetUp(model::eventListGet(), scheduling::queueControllerListGet());
@@ -122,7 +120,6 @@ class DispatchTest : public nightjar::testing::PortsFixture {
   }
 
   RecordingLog log_;
-  std::unique_ptr<runloop::RunLoop> loop_ = runloop::RunLoop::create();
   std::set<std::string> refused_;
   std::vector<std::string> asked_;
 };
@@ -147,6 +144,9 @@ TEST_F(DispatchTest, FormThenRightThenObjectAndAction) {
       {"33 bytes", version.with("Authorization", authorizationForm(33)), unauthorized},
       {"a string of 32", version.with("Authorization", S(std::string(32, 'x'))), unauthorized},
       {"a non-ASCII object", request("sch\xC3\x89\x64uler.events"), unauthorized},
+      {"the Angstrom sign", request("build.\xE2\x84\xAB"), unauthorized},
+      {"a cut Kelvin sign", request("build.\xE2\x84"), unauthorized},
+      {"a NUL", request(std::string("build.a\0b", 9)), unauthorized},
       {"capitals: right granted, object unknown", request("Scheduler.Events"),
        refusal(reason::kUnknownObject)},
       {"Kelvin sign lowers to k", request("build.\xE2\x84\xAAill"),
@@ -160,13 +160,6 @@ TEST_F(DispatchTest, FormThenRightThenObjectAndAction) {
                         "quillon.nightjar.scheduler.events", "quillon.nightjar.build.kill",
                         "quillon.nightjar..", "quillon.nightjar.nosuch.thing",
                         "quillon.nightjar.nosuch.other", "quillon.nightjar.scheduler.set"}));
-}
-
-// Lower-casing, the Kelvin sign and é are in the dispatch tables.
-TEST(RightName, RefusesWhatIsNotAscii) {
-  EXPECT_EQ(rightName("build", "\xE2\x84\xAB"), std::nullopt);  // the Angstrom sign
-  EXPECT_EQ(rightName("build", "\xE2\x84"), std::nullopt);
-  EXPECT_EQ(rightName("build", std::string_view("a\0b", 3)), std::nullopt);
 }
 
 // Read-only, a missing parameter and an unknown action are checked alike for

@@ -379,6 +379,7 @@ TEST_F(SocketClientTest, TheReplyQueueIsBoundedInCountAndBytes) {
     ASSERT_EQ(send(other, last.data(), last.size(), 0), static_cast<ssize_t>(last.size()));
     for (int i = 0; i < 1000 && closed == 0; ++i)
       sd_event_run(loop->event(), 1000);
+    EXPECT_EQ(closed, 1);
     socketClientDestroy(*client);
     EXPECT_EQ(closed, 1) << "destroying twice notifies once";
     EXPECT_EQ(client->descriptor, -1);

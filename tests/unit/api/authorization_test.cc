@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <tuple>
 
 #include "fakes/fake_authority.h"
 #include "fakes/fake_policy_database.h"
@@ -27,17 +28,26 @@ std::vector<std::string> allChanges(std::string_view verb) {
   return out;
 }
 
-TEST(RightsTest, InstallDefinesEachMissingRightOnceInTableOrderAndLogsFailures) {
+TEST(RightsTest, InstallAndUninstallTouchOnlyTheDefaultRightsAndLogFailures) {
   FakePolicyDatabase database;
   testing::RecordingLogSink log;
   installDefaultRights(database);
+  installDefaultRights(database);  // defines nothing more
   EXPECT_EQ(database.changes, allChanges("set"));
   EXPECT_EQ(database.rights.at(kEvents), plist::Value::string("allow"));
   EXPECT_EQ(database.rights.at(kSet), writeRule());
+  database.rights.emplace("quillon.nightjar.other.right", writeRule());
+  database.removeFailures.emplace(kEvents, 5);
   database.changes.clear();
-  installDefaultRights(database);
-  EXPECT_TRUE(database.changes.empty());
-  EXPECT_TRUE(log.lines.empty());
+  uninstallRights(database);
+  EXPECT_EQ(database.changes, allChanges("remove"));
+  EXPECT_EQ(database.rights.size(), 2u);  // the foreign right and the failed one
+  database.removeFailures.clear();
+  database.changes.clear();
+  uninstallRights(database);
+  uninstallRights(database);
+  EXPECT_EQ(database.changes, std::vector<std::string>{std::string("remove ") + kEvents});
+  EXPECT_EQ(database.rights.size(), 1u);
 
   // An already defined right is kept; a failure spares every other right.
   const plist::Value own = plist::Value::string("authenticate-session-owner");
@@ -48,53 +58,30 @@ TEST(RightsTest, InstallDefinesEachMissingRightOnceInTableOrderAndLogsFailures) 
   EXPECT_EQ(other.rights.at(kSet), own);
   EXPECT_EQ(other.changes.size(), 13u);
   EXPECT_EQ(other.rights.size(), 13u);
-  EXPECT_EQ(log.lines, (std::vector<std::pair<int, std::string>>{
-                           {LOG_ERR, "Unable to set right: quillon.nightjar.build.version, 13"}}));
-}
-
-TEST(RightsTest, UninstallRemovesOnlyDefinedRightsAndLogsFailures) {
-  FakePolicyDatabase database;
-  installDefaultRights(database);
-  database.rights.emplace("quillon.nightjar.other.right", writeRule());
-  database.removeFailures.emplace(kEvents, 5);
-  database.changes.clear();
-  testing::RecordingLogSink log;
-  uninstallRights(database);
-  EXPECT_EQ(database.changes, allChanges("remove"));
-  EXPECT_EQ(database.rights.size(), 2u);  // the foreign right and the failed one
-  ASSERT_EQ(log.texts(), std::vector<std::string>{
-                             "Unable to remove right: quillon.nightjar.scheduler.events, 5"});
-  EXPECT_EQ(log.lines[0].first, LOG_ERR);
-
-  database.removeFailures.clear();
-  database.changes.clear();
-  uninstallRights(database);
-  uninstallRights(database);
-  EXPECT_EQ(database.changes, std::vector<std::string>{std::string("remove ") + kEvents});
-  EXPECT_EQ(database.rights.size(), 1u);
+  EXPECT_EQ(log.lines,
+            (std::vector<std::pair<int, std::string>>{
+                {LOG_ERR, "Unable to remove right: quillon.nightjar.scheduler.events, 5"},
+                {LOG_ERR, "Unable to set right: quillon.nightjar.build.version, 13"}}));
 }
 
 // A checker over fakes; the peer is pid 4242, started at tick 777.
 class AuthorizationCheckTest : public ::testing::Test {
  protected:
-  void SetUp() override { create(/*withAuthority=*/true); }
   void TearDown() override { authorizationDestroy(); }
 
   void create(bool withAuthority) {
     authorizationDestroy();
     auto database = std::make_unique<FakePolicyDatabase>();
-    database_ = database.get();
-    std::unique_ptr<FakeAuthority> authority;
-    if (withAuthority)
-      authority = std::make_unique<FakeAuthority>();
-    authority_ = authority.get();
+    installDefaultRights(*database);
+    database->rights.emplace("quillon.nightjar.custom.admin",
+                             plist::Value::dictionary({{"allow_any", plist::Value::string("no")}}));
+    authority_ = withAuthority ? new FakeAuthority : nullptr;
     proc_.add(4242, 777);
-    ASSERT_TRUE(authorizationCreate({std::move(database), std::move(authority), proc_.root.path}));
-    installDefaultRights(*database_);
+    ASSERT_TRUE(authorizationCreate(
+        {std::move(database), std::unique_ptr<FakeAuthority>(authority_), proc_.root.path}));
   }
-
   // Starts a check; the answer lands in `granted_` (none while waiting).
-  void check(std::uint32_t uid, std::string right = kSet, std::uint32_t formPid = 4242,
+  void check(std::uint32_t uid, std::string right, std::uint32_t formPid = 4242,
              std::uint64_t startTime = 777) {
     granted_.reset();
     calls_ = 0;
@@ -106,103 +93,75 @@ class AuthorizationCheckTest : public ::testing::Test {
   }
 
   testing::FakeProc proc_;
-  FakePolicyDatabase* database_ = nullptr;
   FakeAuthority* authority_ = nullptr;
   std::optional<bool> granted_;
   int calls_ = 0;
 };
 
-// The other mismatches of a form are in the form's own tests.
-TEST_F(AuthorizationCheckTest, ForeignFormsAndMalformedRightsAreRefusedSilently) {
-  testing::RecordingLogSink log;
-  check(1000, kEvents, /*formPid=*/4243);
-  EXPECT_EQ(granted_, false);
-  check(0, kEvents, 4242, /*startTime=*/776);  // a stale form, even for root
-  EXPECT_EQ(granted_, false);
-  for (const std::string& right :
-       {std::string(), std::string("quillon.nightjar.sch\xc3\xa9"), std::string(kEvents) + '\0'}) {
-    check(0, right);
-    EXPECT_EQ(granted_, false);
-  }
-  EXPECT_TRUE(authority_->checks.empty());
-  EXPECT_TRUE(log.lines.empty());
-}
-
-TEST_F(AuthorizationCheckTest, RootHoldsEveryDefinedRightWithoutARoundTrip) {
-  for (const RightDefinition& right : kDefaultRights) {
-    check(0, std::string(right.name));
-    EXPECT_EQ(granted_, true) << right.name;
-  }
-  EXPECT_TRUE(authority_->checks.empty());
-
-  // An undefined right is the authority's to decide, for root too.
-  testing::RecordingLogSink log;
-  check(0, "quillon.nightjar.scheduler.unknown");
-  EXPECT_EQ(authority_->checks.size(), 1u);
-  EXPECT_FALSE(granted_);
-  authority_->answer(AuthorityAnswer::Refused);
-  EXPECT_EQ(granted_, false);
-  EXPECT_EQ(log.lines,
-            (std::vector<std::pair<int, std::string>>{
-                {LOG_NOTICE, "Authorization refused: quillon.nightjar.scheduler.unknown"}}));
-}
-
-TEST_F(AuthorizationCheckTest, OthersAskTheAuthorityAboutThemselves) {
-  testing::RecordingLogSink log;
-  check(1000, kSet);
-  ASSERT_EQ(authority_->checks.size(), 1u);
-  const FakeAuthority::Check& asked = authority_->checks[0];
-  EXPECT_EQ(asked.subject.pid, 4242);
-  EXPECT_EQ(asked.subject.uid, 1000u);
-  EXPECT_EQ(asked.subject.startTime, 777u);
-  EXPECT_EQ(asked.right, kSet);
-  EXPECT_FALSE(granted_);  // waits for the answer
-  authority_->answer(AuthorityAnswer::Granted);
-  EXPECT_EQ(granted_, true);
-  EXPECT_EQ(calls_, 1);
-  EXPECT_TRUE(log.lines.empty());
-
-  // A read right is the authority's to refuse too.
-  check(1000, kEvents);
-  authority_->answer(AuthorityAnswer::Refused);
-  EXPECT_EQ(granted_, false);
-  EXPECT_EQ(log.texts(),
-            std::vector<std::string>{std::string("Authorization refused: ") + kEvents});
-  EXPECT_EQ(log.lines[0].first, LOG_NOTICE);
-}
-
-TEST_F(AuthorizationCheckTest, WithoutAnAuthorityTheInstalledPolicyDecides) {
+// Each row is checked with an authority that answers `answer` when asked (none:
+// it must not be asked); a row that answers NoAuthority is checked again
+// without an authority, where the installed policy decides alone. Every
+// refusal the authority or the policy decides is logged; a malformed check is
+// refused silently.
+TEST_F(AuthorizationCheckTest, WhoIsAskedAndWhatIsDecided) {
   struct Case {
+    const char* label;
     std::uint32_t uid;
     std::string right;
+    std::optional<AuthorityAnswer> answer;
     bool granted;
+    std::uint32_t formPid = 4242;
+    std::uint64_t startTime = 777;
   };
+  const std::string admin = "quillon.nightjar.custom.admin";
+  const std::string undefined = "quillon.nightjar.nothing.here";
+  const auto noAuthority = AuthorityAnswer::NoAuthority;
   const Case cases[] = {
-      {1000, kEvents, true},                           // "allow"
-      {1000, kSet, false},                             // the write rule
-      {1000, "quillon.nightjar.custom.admin", false},  // any other rule
-      {0, "quillon.nightjar.custom.admin", true},      // root: allow-root
-      {1000, "quillon.nightjar.nothing.here", false},  // undefined
-      {0, "quillon.nightjar.nothing.here", false},
+      {"another process's form", 1000, kEvents, {}, false, 4243},
+      {"a stale form, even for root", 0, kEvents, {}, false, 4242, 776},
+      {"an empty right", 0, "", {}, false},
+      {"a right beyond ASCII", 0, "quillon.nightjar.sch\xc3\xa9", {}, false},
+      {"a right with a NUL", 0, std::string(kEvents) + '\0', {}, false},
+      {"root asks about an undefined one", 0, undefined, AuthorityAnswer::Refused, false},
+      {"others ask about themselves", 1000, kSet, AuthorityAnswer::Granted, true},
+      {"a read right refused too", 1000, kEvents, AuthorityAnswer::Refused, false},
+      {"policy: allow", 1000, kEvents, noAuthority, true},
+      {"policy: the write rule", 1000, kSet, noAuthority, false},
+      {"policy: any other rule", 1000, admin, noAuthority, false},
+      {"root holds a defined right, whatever its rule", 0, admin, {}, true},
+      {"policy: undefined", 1000, undefined, noAuthority, false},
+      {"policy: undefined for root", 0, undefined, noAuthority, false},
   };
-  for (bool authorityAnswers : {true, false}) {
-    create(/*withAuthority=*/authorityAnswers);
-    database_->rights.emplace(
-        "quillon.nightjar.custom.admin",
-        plist::Value::dictionary({{"allow_any", plist::Value::string("no")}}));
-    for (const Case& c : cases) {
+  for (const Case& c : cases) {
+    for (bool withAuthority : {true, false}) {
+      if (!withAuthority && c.answer != noAuthority)
+        continue;
+      SCOPED_TRACE(std::string(c.label) + (withAuthority ? "" : ", without an authority"));
+      create(withAuthority);
       testing::RecordingLogSink log;
-      check(c.uid, c.right);
-      if (authorityAnswers && authority_->waiting() > 0)
-        authority_->answer(AuthorityAnswer::NoAuthority);
-      EXPECT_EQ(granted_, c.granted) << c.right << " uid " << c.uid;
+      check(c.uid, c.right, c.formPid, c.startTime);
+      if (withAuthority) {
+        ASSERT_EQ(authority_->checks.size(), c.answer ? 1u : 0u);
+        if (c.answer) {
+          const FakeAuthority::Check& asked = authority_->checks[0];
+          EXPECT_EQ(std::tuple(asked.subject.pid, asked.subject.uid, asked.subject.startTime,
+                               asked.right),
+                    std::tuple(4242, c.uid, 777u, c.right));
+          EXPECT_FALSE(granted_);  // waits for the answer
+          authority_->answer(*c.answer);
+        }
+      }
+      EXPECT_EQ(granted_, c.granted);
       EXPECT_EQ(calls_, 1);
-      EXPECT_EQ(log.texts().size(), c.granted ? 0u : 1u);
+      using Lines = std::vector<std::pair<int, std::string>>;
+      const Lines refused = {{LOG_NOTICE, "Authorization refused: " + c.right}};
+      EXPECT_EQ(log.lines, c.answer && !c.granted ? refused : Lines{});
     }
   }
 }
 
 TEST_F(AuthorizationCheckTest, AbsentCheckerRefusesAndDestroyDropsPendingChecks) {
+  create(/*withAuthority=*/true);
   check(1000, kSet);
   ASSERT_EQ(authority_->waiting(), 1u);
   authorizationDestroy();  // the fake authority goes, with its pending check

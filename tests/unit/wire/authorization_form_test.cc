@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "wire/authorization_testing.h"
 
 namespace nightjar::api {
@@ -18,25 +20,21 @@ TEST(ExternalFormTest, ParsesOnlyTheExactShape) {
   EXPECT_EQ(good[8], 0x04);  // little-endian
   std::optional<ExternalForm> form = parseExternalForm(plist::Value::data(good));
   ASSERT_TRUE(form);
-  EXPECT_EQ(form->pid, 0x01020304u);
-  EXPECT_EQ(form->uid, 1000u);
-  EXPECT_EQ(form->startTime, 1ull << 40);
+  EXPECT_EQ(std::tuple(form->pid, form->uid, form->startTime),
+            std::tuple(0x01020304u, 1000u, 1ull << 40));
 
-  auto changed = [&](std::size_t index, std::uint8_t byte) {
+  // Magic, version 2, the version's high byte, the zero tail from its first
+  // to its last byte.
+  for (const auto& [index, byte] :
+       {std::pair<int, int>(0, 'n'), {4, 2}, {7, 1}, {24, 1}, {31, 0x80}}) {
     plist::Bytes bytes = good;
-    bytes[index] = byte;
-    return plist::Value::data(bytes);
-  };
-  EXPECT_FALSE(parseExternalForm(changed(0, 'n')));    // magic
-  EXPECT_FALSE(parseExternalForm(changed(4, 2)));      // version 2
-  EXPECT_FALSE(parseExternalForm(changed(7, 1)));      // version's high byte
-  EXPECT_FALSE(parseExternalForm(changed(24, 1)));     // tail not zero
-  EXPECT_FALSE(parseExternalForm(changed(31, 0x80)));  // last byte of the tail
-  plist::Bytes shorter(good.begin(), good.end() - 1);
+    bytes[index] = static_cast<std::uint8_t>(byte);
+    EXPECT_FALSE(parseExternalForm(plist::Value::data(bytes))) << index;
+  }
   plist::Bytes longer = good;
   longer.push_back(0);
-  EXPECT_FALSE(parseExternalForm(plist::Value::data(shorter)));
   EXPECT_FALSE(parseExternalForm(plist::Value::data(longer)));
+  EXPECT_FALSE(parseExternalForm(plist::Value::data(plist::Bytes(good.begin(), good.end() - 1))));
   EXPECT_FALSE(parseExternalForm(plist::Value::string(std::string(32, 'N'))));
   EXPECT_FALSE(parseExternalForm(plist::Value()));
 }
@@ -45,9 +43,8 @@ TEST(ExternalFormTest, StartTimeIsField22AfterTheLastParenthesis) {
   FakeProc proc;
   proc.add(42, 123456789);
   EXPECT_EQ(processStartTime(proc.root.path, 42), 123456789u);
-  EXPECT_FALSE(processStartTime(proc.root.path, 43));  // no such process
-  EXPECT_FALSE(processStartTime(proc.root.path, 0));
-  EXPECT_FALSE(processStartTime(proc.root.path, -1));
+  for (pid_t absent : {43, 0, -1})
+    EXPECT_FALSE(processStartTime(proc.root.path, absent)) << absent;
 
   // Truncated, non-numeric and oversized lines are not in the kernel's shape.
   std::string nonNumeric = testing::statLine(7, 5);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "plist/xml.h"
@@ -39,21 +40,16 @@ std::string dict(std::uint32_t identifier, std::uint32_t length, std::uint32_t p
 constexpr auto kDict = static_cast<std::uint32_t>(MessageType::Dict);
 constexpr auto kNoop = static_cast<std::uint32_t>(MessageType::Noop);
 constexpr auto kGoodbye = static_cast<std::uint32_t>(MessageType::Goodbye);
+constexpr auto kReply = static_cast<std::uint32_t>(MessageType::Reply);
 
 TEST(Framing, HeaderIsFourLittleEndianWordsAndTypesTravelReversed) {
   const Message noop = encodeBare(MessageType::Noop, 0x01020304);
-  ASSERT_EQ(noop.size(), 16u);
-  EXPECT_EQ(noop.substr(0, 4), "PAJN");
-  EXPECT_EQ(noop.substr(4, 4), "POON");
-  EXPECT_EQ(noop.substr(8, 4), std::string("\x04\x03\x02\x01", 4));
-  EXPECT_EQ(noop.substr(12, 4), std::string("\x10\0\0\0", 4));
+  EXPECT_EQ(noop, std::string("PAJNPOON\x04\x03\x02\x01\x10\0\0\0", 16));
   EXPECT_EQ(encodeBare(MessageType::Dict, 0).substr(4, 4), "TCID");
   const std::optional<Header> header = readHeader(bytesOf(noop));
   ASSERT_TRUE(header);
-  EXPECT_EQ(header->magic, kMagic);
-  EXPECT_EQ(header->type, kNoop);
-  EXPECT_EQ(header->identifier, 0x01020304u);
-  EXPECT_EQ(header->length, 16u);
+  EXPECT_EQ(std::tuple(header->magic, header->type, header->identifier, header->length),
+            std::tuple(kMagic, kNoop, 0x01020304u, 16u));
   EXPECT_FALSE(readHeader(bytesOf(noop.substr(0, 15))));
 }
 
@@ -66,7 +62,6 @@ TEST(Framing, EveryLimitAtAndPastItsValue) {
   const std::vector<Case> cases = {
       {rawMessage(kNoop, 1, 16), FrameStatus::Ready, CloseReason::None},
       {rawMessage(kNoop, 1, 15), FrameStatus::Close, CloseReason::TooShort},
-      {rawMessage(kNoop, 1, 0), FrameStatus::Close, CloseReason::TooShort},
       {dict(1, 24, 0), FrameStatus::Ready, CloseReason::None},
       {dict(1, 23, 0), FrameStatus::Close, CloseReason::TooShort},
       {rawMessage(kDict, 1, 16), FrameStatus::Close, CloseReason::TooShort},
@@ -77,10 +72,8 @@ TEST(Framing, EveryLimitAtAndPastItsValue) {
       {dict(1, 40, 16), FrameStatus::Ready, CloseReason::None},
       {dict(1, 40, 17), FrameStatus::Close, CloseReason::PayloadPastEnd},
       {dict(1, 24, 0xFFFFFFFF), FrameStatus::Close, CloseReason::PayloadPastEnd},
-      {rawMessage(kGoodbye, 1, 16), FrameStatus::Close, CloseReason::Goodbye},
       {rawMessage(kGoodbye, 1, 0), FrameStatus::Close, CloseReason::Goodbye},
-      {rawMessage(0x52504C59, 1, 20, word(0)), FrameStatus::Close, CloseReason::UnknownType},
-      {rawMessage(0, 1, 16), FrameStatus::Close, CloseReason::UnknownType},
+      {rawMessage(kReply, 1, 20, word(0)), FrameStatus::Close, CloseReason::UnknownType},
       // Whole messages are waited for, whatever their type.
       {rawMessage(kGoodbye, 1, 17), FrameStatus::NeedMore, CloseReason::None},
       {dict(1, 100, 10).substr(0, 99), FrameStatus::NeedMore, CloseReason::None},
@@ -88,71 +81,37 @@ TEST(Framing, EveryLimitAtAndPastItsValue) {
   };
   for (const Case& c : cases) {
     const Frame frame = decodeRequest(bytesOf(c.bytes));
-    EXPECT_EQ(frame.status, c.status) << "message of " << c.bytes.size() << " bytes";
-    EXPECT_EQ(frame.reason, c.reason) << "message of " << c.bytes.size() << " bytes";
+    EXPECT_EQ(std::pair(frame.status, frame.reason), std::pair(c.status, c.reason))
+        << "message of " << c.bytes.size() << " bytes";
   }
 }
 
-TEST(Framing, MagicIsNotTestedAndTrailingBytesAreSkipped) {
-  std::string message = dict(7, 60, 5, "hello") + "next";
-  message[0] = 'X';
-  const Frame frame = decodeRequest(bytesOf(message));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.type, MessageType::Dict);
-  EXPECT_EQ(frame.identifier, 7u);
-  EXPECT_EQ(frame.length, 60u);
-  EXPECT_EQ(frame.payload, "hello");
-}
-
-// A stream of every kind of message the daemon reads, with what each decodes to.
-struct Decoded {
-  MessageType type;
-  std::uint32_t identifier;
-  std::string payload;
-  bool operator==(const Decoded&) const = default;
-};
-
-std::string sampleStream(std::vector<Decoded>& expected) {
-  const Message request = *encodeRequest(2, Value::dictionary({{"Request", Value::string("x")}}));
-  const std::string xml = request.substr(kPayloadOffset);
-  expected = {{MessageType::Noop, 1, ""},
-              {MessageType::Dict, 2, xml},
-              {MessageType::Dict, 3, "abc"},
-              {MessageType::Noop, 4, ""},
-              {MessageType::Dict, 5, ""}};
-  return encodeBare(MessageType::Noop, 1) + request + dict(3, 40, 3, "abc") +
-         rawMessage(kNoop, 4, 19, "xyz") + dict(5, 24, 0);
-}
-
-// Feeds `stream` in the given pieces, decoding after each, as the server does.
-std::vector<Decoded> decodeInPieces(const std::string& stream, const std::vector<std::size_t>& cuts,
-                                    ReadBuffer& buffer) {
-  std::vector<Decoded> out;
-  std::size_t from = 0;
-  for (std::size_t cut : cuts) {
-    buffer.append(bytesOf(stream.substr(from, cut - from)));
-    from = cut;
-    for (Frame frame = decodeRequest(buffer.bytes()); frame.status == FrameStatus::Ready;
-         frame = decodeRequest(buffer.bytes())) {
-      out.push_back({frame.type, frame.identifier, std::string(frame.payload)});
-      buffer.consume(frame.length);
-    }
-  }
-  return out;
-}
-
+// Feeds a stream of every kind of message the daemon reads in pieces of every
+// size, decoding after each as the server does; a wrong magic is not tested
+// and bytes after a payload are skipped with it.
 TEST(Framing, SplitAndJoinedReadsDecodeTheSameMessages) {
-  std::vector<Decoded> expected;
-  const std::string stream = sampleStream(expected);
-  // Every piece size from one byte to the whole stream at once.
+  using Decoded = std::tuple<MessageType, std::uint32_t, std::string>;
+  const Message request = *encodeRequest(2, Value::dictionary({{"Request", Value::string("x")}}));
+  std::string stream = encodeBare(MessageType::Noop, 1) + request + dict(3, 40, 3, "abc") +
+                       rawMessage(kNoop, 4, 19, "xyz") + dict(5, 24, 0);
+  stream[0] = 'X';
+  const std::vector<Decoded> expected = {{MessageType::Noop, 1, ""},
+                                         {MessageType::Dict, 2, request.substr(kPayloadOffset)},
+                                         {MessageType::Dict, 3, "abc"},
+                                         {MessageType::Noop, 4, ""},
+                                         {MessageType::Dict, 5, ""}};
   for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
-    std::vector<std::size_t> cuts;
-    for (std::size_t at = piece; at < stream.size(); at += piece) {
-      cuts.push_back(at);
-    }
-    cuts.push_back(stream.size());
     ReadBuffer buffer;
-    ASSERT_EQ(decodeInPieces(stream, cuts, buffer), expected) << "pieces of " << piece;
+    std::vector<Decoded> decoded;
+    for (std::size_t from = 0; from < stream.size(); from += piece) {
+      buffer.append(bytesOf(stream.substr(from, piece)));
+      for (Frame frame = decodeRequest(buffer.bytes()); frame.status == FrameStatus::Ready;
+           frame = decodeRequest(buffer.bytes())) {
+        decoded.emplace_back(frame.type, frame.identifier, std::string(frame.payload));
+        buffer.consume(frame.length);
+      }
+    }
+    ASSERT_EQ(decoded, expected) << "pieces of " << piece;
     EXPECT_TRUE(buffer.empty());
     EXPECT_EQ(buffer.capacity(), 0u) << "a drained buffer keeps no memory";
   }
@@ -160,17 +119,15 @@ TEST(Framing, SplitAndJoinedReadsDecodeTheSameMessages) {
 
 TEST(Framing, RepliesDecodeOnTheClientSide) {
   const Message empty = encodeEmptyReply(9);
-  EXPECT_EQ(empty, rawMessage(0x52504C59, 9, 20, word(0)));
+  EXPECT_EQ(empty, rawMessage(kReply, 9, 20, word(0)));
   Frame frame = decodeReply(bytesOf(empty));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.identifier, 9u);
-  EXPECT_TRUE(frame.payload.empty());
+  EXPECT_EQ(std::tuple(frame.status, frame.identifier, frame.payload),
+            std::tuple(FrameStatus::Ready, 9u, std::string_view()));
 
   const Value reply = Value::dictionary({{"status", Value::integer(200)}});
   const Message full = *encodeReply(10, reply);
   frame = decodeReply(bytesOf(full));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.identifier, 10u);
+  EXPECT_EQ(std::tuple(frame.status, frame.identifier), std::tuple(FrameStatus::Ready, 10u));
   EXPECT_EQ(plist::parseXml(frame.payload), reply);
   EXPECT_EQ(full.substr(16, 4), word(0)) << "reserved word";
 
@@ -178,7 +135,7 @@ TEST(Framing, RepliesDecodeOnTheClientSide) {
   EXPECT_EQ(decodeReply(bytesOf(full), 100).reason, CloseReason::TooLong);
   EXPECT_EQ(decodeReply(bytesOf(encodeBare(MessageType::Noop, 1))).reason,
             CloseReason::UnknownType);
-  EXPECT_EQ(decodeReply(bytesOf(rawMessage(0x52504C59, 1, 21, word(0) + "x"))).reason,
+  EXPECT_EQ(decodeReply(bytesOf(rawMessage(kReply, 1, 21, word(0) + "x"))).reason,
             CloseReason::TooShort);
   EXPECT_FALSE(encodeReply(1, Value()));
 }
@@ -188,17 +145,14 @@ TEST(Framing, RequestsRoundTripAndOversizedOnesAreRefused) {
                                            {"Authorization", Value::data(plist::Bytes(32, 1))}});
   const Message message = *encodeRequest(77, request);
   const Frame frame = decodeRequest(bytesOf(message));
-  ASSERT_EQ(frame.status, FrameStatus::Ready);
-  EXPECT_EQ(frame.identifier, 77u);
-  EXPECT_EQ(frame.length, message.size());
+  EXPECT_EQ(std::tuple(frame.status, frame.identifier, std::size_t{frame.length}),
+            std::tuple(FrameStatus::Ready, 77u, message.size()));
   EXPECT_EQ(parsePayload(frame.payload), request);
   EXPECT_TRUE(parsePayload("<plist>").isNone());
-
   // The largest payload that still fits the daemon's limit, and one byte more.
   const std::size_t overhead = encodeRequest(0, Value::string(""))->size();
   const std::string fits(kMaxRequestLength - overhead, 'a');
-  ASSERT_TRUE(encodeRequest(0, Value::string(fits)));
-  EXPECT_EQ(encodeRequest(0, Value::string(fits))->size(), kMaxRequestLength);
+  EXPECT_EQ(encodeRequest(0, Value::string(fits)).value_or("").size(), kMaxRequestLength);
   EXPECT_FALSE(encodeRequest(0, Value::string(fits + "a")));
   EXPECT_FALSE(encodeRequest(0, Value()));
 }

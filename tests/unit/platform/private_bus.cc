@@ -60,18 +60,6 @@ void stop(pid_t pid) {
   waitpid(pid, nullptr, 0);
 }
 
-bool nameHasOwner(sd_bus* bus, const std::string& name) {
-  sd_bus_message* reply = nullptr;
-  int owned = 0;
-  if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                         "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
-                         name.c_str()) >= 0) {
-    sd_bus_message_read(reply, "b", &owned);
-  }
-  sd_bus_message_unref(reply);
-  return owned != 0;
-}
-
 }  // namespace
 
 PrivateBus::PrivateBus() {
@@ -82,7 +70,6 @@ PrivateBus::PrivateBus() {
   std::string config = kConfig;
   config.replace(config.find("@DIR@"), 5, directory_);
   std::ofstream(directory_ + "/bus.conf") << config;
-
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0)
     return;
@@ -93,9 +80,8 @@ PrivateBus::PrivateBus() {
   // The daemon prints its address once it listens, or exits and closes the pipe.
   FILE* printed = fdopen(out[0], "r");
   char line[512] = "";
-  if (printed != nullptr && std::fgets(line, sizeof line, printed) != nullptr) {
+  if (printed != nullptr && std::fgets(line, sizeof line, printed) != nullptr)
     address_.assign(line, std::strcspn(line, "\n"));
-  }
   if (printed != nullptr)
     std::fclose(printed);
 }
@@ -127,15 +113,17 @@ bool PrivateBus::startTemplate(const std::string& name, const std::string& busNa
     return false;
   mocks_.push_back(pid);
   platform::linux_adapter::BusPtr bus = connect();
-  const auto deadline = Clock::now() + std::chrono::seconds(20);
-  while (bus != nullptr && Clock::now() < deadline) {
-    if (nameHasOwner(bus.get(), busName))
+  for (const auto deadline = Clock::now() + std::chrono::seconds(20);
+       bus != nullptr && Clock::now() < deadline;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    if (sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "GetNameOwner", nullptr, nullptr, "s",
+                           busName.c_str()) >= 0)
       return true;
     if (waitpid(pid, nullptr, WNOHANG) == pid) {
       mocks_.pop_back();
       return false;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return false;
 }
@@ -161,6 +149,64 @@ bool runUntil(sd_event* event, const std::function<bool()>& done,
     sd_event_run(event, 20'000);
   }
   return true;
+}
+
+std::string readValue(sd_bus_message* m) {
+  char type = 0;
+  const char* contents = nullptr;
+  if (sd_bus_message_peek_type(m, &type, &contents) <= 0)
+    return "?";
+  if (std::strchr("arev", type) != nullptr) {
+    std::string text = type == 'a' ? "[" : type == 'r' ? "(" : "";
+    sd_bus_message_enter_container(m, type, contents);
+    for (bool first = true; sd_bus_message_at_end(m, 0) == 0; first = false)
+      text += (first ? "" : type == 'e' ? "=" : ",") + readValue(m);
+    sd_bus_message_exit_container(m);
+    return text + (type == 'a' ? "]" : type == 'r' ? ")" : "");
+  }
+  union {
+    const char* s;
+    int b;
+    std::uint32_t u;
+    std::int32_t i;
+    std::uint64_t t;
+  } value{};
+  const char skipped[] = {type, '\0'};
+  if (std::strchr("sobuit", type) == nullptr)
+    sd_bus_message_skip(m, skipped);
+  else if (sd_bus_message_read_basic(m, type, &value) > 0)
+    return type == 'b'   ? (value.b ? "true" : "false")
+           : type == 'u' ? std::to_string(value.u)
+           : type == 'i' ? std::to_string(value.i)
+           : type == 't' ? std::to_string(value.t)
+                         : value.s;
+  return "?";
+}
+
+std::vector<std::vector<std::string>> mockCalls(sd_bus* bus, const char* service, const char* path,
+                                                const char* method) {
+  std::vector<std::vector<std::string>> calls;
+  sd_bus_message* reply = nullptr;
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  if (sd_bus_call_method(bus, service, path, "org.freedesktop.DBus.Mock", "GetMethodCalls", &error,
+                         &reply, "s", method) < 0) {
+    ADD_FAILURE() << "GetMethodCalls: " << (error.message ? error.message : "failed");
+    sd_bus_error_free(&error);
+    return calls;
+  }
+  sd_bus_message_enter_container(reply, 'a', "(tav)");
+  while (sd_bus_message_enter_container(reply, 'r', "tav") > 0) {
+    sd_bus_message_skip(reply, "t");
+    std::vector<std::string> arguments;
+    sd_bus_message_enter_container(reply, 'a', "v");
+    while (sd_bus_message_at_end(reply, 0) == 0)
+      arguments.push_back(readValue(reply));
+    sd_bus_message_exit_container(reply);
+    sd_bus_message_exit_container(reply);
+    calls.push_back(std::move(arguments));
+  }
+  sd_bus_message_unref(reply);
+  return calls;
 }
 
 }  // namespace nightjar::testing

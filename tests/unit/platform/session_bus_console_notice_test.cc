@@ -7,7 +7,6 @@
 
 #include <filesystem>
 
-#include "platform/dbusmock_calls.h"
 #include "platform/private_bus.h"
 #include "platform/temporary_root.h"
 

@@ -13,7 +13,6 @@ namespace nightjar::platform::linux_adapter {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 constexpr char kService[] = "org.freedesktop.PolicyKit1";
 constexpr char kPath[] = "/org/freedesktop/PolicyKit1/Authority";
@@ -61,9 +60,13 @@ TEST_F(PolkitAuthorityTest, PolkitGrantsAndRefuses) {
   ASSERT_TRUE(answered());
   EXPECT_EQ(answer_, AuthorityAnswer::Refused);
   // About the process, without details and without AllowUserInteraction.
-  EXPECT_THAT(testing::mockCalls(driver_.get(), kService, kPath, "CheckAuthorization").at(0),
-              ElementsAre("(unix-process,[pid=4242,start-time=123456789012,uid=1000])", kSet, "[]",
-                          "0", ""));
+  EXPECT_EQ(bus_.calls("polkitd", "CheckAuthorization").at(0),
+            "dbus.Struct((dbus.String('unix-process'), dbus.Dictionary({"
+            "dbus.String('pid'): dbus.UInt32(4242, variant_level=1), "
+            "dbus.String('start-time'): dbus.UInt64(123456789012, variant_level=1), "
+            "dbus.String('uid'): dbus.Int32(1000, variant_level=1)}, "
+            "signature=dbus.Signature('sv'))), signature=None) "
+            R"("quillon.nightjar.scheduler.set" {} 0 "")");
 }
 
 TEST_F(PolkitAuthorityTest, SilentPolkitRefusesAfterTheTimeOut) {

@@ -33,6 +33,9 @@ class PrivateBus {
   bool startTemplate(const std::string& name, const std::string& busName,
                      const std::string& parameters = "{}");
   void stopTemplates();
+  // The calls of `method` that template `name` logged, oldest first, as their
+  // arguments in the mock's words: `"text" 0 True [1, 2] {}`.
+  std::vector<std::string> calls(const std::string& name, const std::string& method) const;
   platform::linux_adapter::BusPtr connect() const;
 
  private:
@@ -45,16 +48,6 @@ class PrivateBus {
 // Runs `event` until `done()` holds or `timeout` passed; answers done().
 bool runUntil(sd_event* event, const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-// The value at the cursor of `m` as text: strings as they are, booleans
-// "true" or "false", integers in decimal, arrays as "[a,b]", structs as
-// "(a,b)", dictionary entries as "key=value" and variants as what they hold.
-std::string readValue(sd_bus_message* m);
-
-// The arguments of every call of `method` that the mock object at `path` of
-// `service` recorded, oldest first.
-std::vector<std::vector<std::string>> mockCalls(sd_bus* bus, const char* service, const char* path,
-                                                const char* method);
 
 // Calls a method and waits for its answer; a failure fails the test.
 template <typename... Args>

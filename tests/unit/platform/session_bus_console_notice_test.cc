@@ -17,7 +17,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr char kService[] = "org.freedesktop.Notifications";
-constexpr char kPath[] = "/org/freedesktop/Notifications";
 
 // A private bus with dbusmock's notification server stands in for the console
 // user's session bus, reached at "<root>/run/user/<uid>/bus".
@@ -36,8 +35,8 @@ class SessionBusConsoleNoticeTest : public nightjar::testing::BusTest {
     notice_ = makeSessionBusConsoleNotice(*loop_, root_.path, [this] { return consoleUid_; });
   }
 
-  std::vector<std::vector<std::string>> calls(const char* method) {
-    return nightjar::testing::mockCalls(driver_.get(), kService, kPath, method);
+  std::vector<std::string> calls(const char* method) {
+    return bus_.calls("notification_daemon", method);
   }
   bool pumpUntilCalled(const char* method) {
     return pump([&] { return !calls(method).empty(); });
@@ -59,10 +58,10 @@ TEST_F(SessionBusConsoleNoticeTest, ShowsTheNoticeAndClosesIt) {
   pump([] { return false; }, std::chrono::milliseconds(100));
   notice_->close();
   ASSERT_TRUE(pump([&] { return calls("CloseNotification").size() == 2; }));
-  EXPECT_THAT(calls("CloseNotification"), ElementsAre(ElementsAre("1"), ElementsAre("2")));
-  EXPECT_THAT(calls("Notify").at(0),
-              ElementsAre("nightjard", "0", "", "Scheduled restart has begun",
-                          "An automated restart has begun.", "[ok,OK]", "[]", "2000"));
+  EXPECT_THAT(calls("CloseNotification"), ElementsAre("1", "2"));
+  EXPECT_EQ(calls("Notify").at(0),
+            R"("nightjard" 0 "" "Scheduled restart has begun" "An automated restart has begun." )"
+            R"(["ok", "OK"] {} 2000)");
 }
 
 TEST_F(SessionBusConsoleNoticeTest, NobodyAtTheConsoleOrNoBusMeansNoNotice) {

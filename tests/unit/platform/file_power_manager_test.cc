@@ -231,7 +231,6 @@ TEST_F(FilePowerManagerTest, OnTheRunLoopTheListIsWrittenOncePerPass) {
   const double now = runloop::systemClock().now();
   writeFile(root / kListFile, plist::writeXml(Value::array({entry(now + 7200, "saved", "wake")})));
   auto loop = runloop::RunLoop::create();
-  ASSERT_NE(loop, nullptr);
   auto manager = makeFilePowerManager(root.path, loop.get());
   // Every later date is taken when the burst ends, so that a slow machine (or
   // a sanitizer build) that takes long over the burst sees the same passes.
@@ -240,14 +239,16 @@ TEST_F(FilePowerManagerTest, OnTheRunLoopTheListIsWrittenOncePerPass) {
   std::uint64_t writesAfterBurst = 0;
   std::string alarmAfterBurst;
   std::string alarmAfterSoon;
-  std::unique_ptr<runloop::Timer> check, checkAfterSoon, stop;
+  std::unique_ptr<runloop::Timer> check, stop;
   check = loop->addTimer([&] {
     writesAfterBurst = manager->fileWrites();
     alarmAfterBurst = alarm();
   });
   // Checked before the pass ends: the alarm's own timer must have moved it.
-  checkAfterSoon = loop->addTimer([&] { alarmAfterSoon = alarm(); });
-  stop = loop->addTimer([&] { loop->stop(); });
+  stop = loop->addTimer([&] {
+    alarmAfterSoon = alarm();
+    loop->stop();
+  });
   auto burst = loop->addTimer([&] {
     alarmAtStart = alarm();
     for (int i = 0; i < 10000; ++i)
@@ -258,18 +259,15 @@ TEST_F(FilePowerManagerTest, OnTheRunLoopTheListIsWrittenOncePerPass) {
     manager->schedule(soon, "soon", "wake");
     // Not yet due when the burst returns, so the pass ends (and flushes) first.
     check->setNextFireDate(end + 0.05);
-    checkAfterSoon->setNextFireDate(soon + 1.2);
-    stop->setNextFireDate(soon + 1.3);
+    stop->setNextFireDate(soon + 1.2);
   });
   burst->setNextFireDate(now + 0.1);
   EXPECT_EQ(loop->run(), 0);
-
   EXPECT_EQ(alarmAtStart, epoch(now + 7200));
   EXPECT_EQ(writesAfterBurst, 1u);
   EXPECT_EQ(alarmAfterBurst, epoch(soon));
   // "soon" passed during the run: pruned, and the alarm moved on by itself.
   EXPECT_EQ(alarmAfterSoon, epoch(now + 3600));
-  EXPECT_EQ(alarm(), epoch(now + 3600));
   EXPECT_EQ(listFile().count(), 10001u);
   EXPECT_EQ(manager->fileWrites(), 2u);
 }

@@ -61,37 +61,6 @@ long countInhibitors(sd_bus* bus, const std::string& wanted) {
   return count;
 }
 
-// Sends a signal from `from` to `to`'s connection alone, as any local process
-// could: no adapter may take it for logind's.
-template <typename... Args>
-void sendForgedSignal(sd_bus* from, sd_bus* to, const std::string& path, const char* interface,
-                      const char* member, const char* types, Args... args) {
-  const char* destination = nullptr;
-  sd_bus_message* signal = nullptr;
-  ASSERT_GE(sd_bus_get_unique_name(to, &destination), 0);
-  ASSERT_GE(sd_bus_message_new_signal(from, &signal, path.c_str(), interface, member), 0);
-  EXPECT_GE(sd_bus_message_set_destination(signal, destination), 0);
-  EXPECT_GE(sd_bus_message_append(signal, types, args...), 0);
-  EXPECT_GE(sd_bus_send(from, signal, nullptr), 0);
-  sd_bus_message_unref(signal);
-}
-
-// Returns once `client` has handled all sent to it so far and logind's answers
-// to the calls that this made it send: the bus has routed all that `driver`
-// sent once it answers it, logind all that `client` asked once it answers it.
-void settle(sd_bus* driver, sd_bus* client) {
-  for (int round = 0; round < 2; ++round) {
-    ASSERT_GE(sd_bus_call_method(driver, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus", "GetId", nullptr, nullptr, ""),
-              0);
-    ASSERT_GE(sd_bus_call_method(client, kService, kManager, "org.freedesktop.DBus.Peer", "Ping",
-                                 nullptr, nullptr, ""),
-              0);
-    while (sd_bus_process(client, nullptr) > 0) {
-    }
-  }
-}
-
 // logind's mock on the bus, and what the adapters under test report.
 class LogindTest : public testing::BusTest {
  protected:
@@ -105,7 +74,37 @@ class LogindTest : public testing::BusTest {
     testing::callOrFail(driver_.get(), kService, path, interface, member, args...);
   }
   long held(const std::string& inhibitor) { return countInhibitors(driver_.get(), inhibitor); }
-  void settle() { linux_adapter::settle(driver_.get(), client_.get()); }
+  // Returns once the adapters have handled all sent to them so far and
+  // logind's answers to the calls that this made them send: the bus has routed
+  // all that `driver_` sent once it answers it, logind all that `client_` asked
+  // once it answers it.
+  void settle() {
+    for (int round = 0; round < 2; ++round) {
+      ASSERT_GE(sd_bus_call_method(driver_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "GetId", nullptr, nullptr, ""),
+                0);
+      ASSERT_GE(sd_bus_call_method(client_.get(), kService, kManager, "org.freedesktop.DBus.Peer",
+                                   "Ping", nullptr, nullptr, ""),
+                0);
+      while (sd_bus_process(client_.get(), nullptr) > 0) {
+      }
+    }
+  }
+  // Sends a signal to the adapters' connection alone, as any local process
+  // could: no adapter may take it for logind's.
+  template <typename... Args>
+  void sendForgedSignal(const std::string& path, const char* interface, const char* member,
+                        const char* types, Args... args) {
+    const char* destination = nullptr;
+    sd_bus_message* signal = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(client_.get(), &destination), 0);
+    ASSERT_GE(sd_bus_message_new_signal(driver_.get(), &signal, path.c_str(), interface, member),
+              0);
+    EXPECT_GE(sd_bus_message_set_destination(signal, destination), 0);
+    EXPECT_GE(sd_bus_message_append(signal, types, args...), 0);
+    EXPECT_GE(sd_bus_send(driver_.get(), signal, nullptr), 0);
+    sd_bus_message_unref(signal);
+  }
   // An active session of class "user"; the mock makes it its seat's active one.
   void addSession(const char* id, const char* seat, uid_t uid, const char* user) {
     call(kManager, kMock, "AddSession", "ssusb", id, seat, uid, user, 1);
@@ -168,8 +167,7 @@ class LogindTest : public testing::BusTest {
 TEST_F(LogindTest, DelayLockHoldsSleepUntilTheHandlerReturnedAndForgeriesAreIgnored) {
   startPower();
   ASSERT_TRUE(pump([&] { return held(kSleepDelay) == 1; }));
-  sendForgedSignal(driver_.get(), client_.get(), kManager, kManagerInterface, "PrepareForSleep",
-                   "b", 1);
+  sendForgedSignal(kManager, kManagerInterface, "PrepareForSleep", "b", 1);
   emitPrepareForSleep(/*start=*/true);  // arrives after the forgery
   ASSERT_TRUE(pump([&] { return sleeps_ == 1; }));
   EXPECT_TRUE(delayHeldWhileSleeping_);
@@ -252,9 +250,9 @@ TEST_F(LogindTest, QuickConsoleChangesAreEachReportedInOrder) {
        "sa{sv}as", 3, "s", "org.freedesktop.login1.Seat", "a{sv}", 1, "ActiveSession", "s", "bogus",
        "as", 0);
   // A well-formed change, sent to us alone by someone who is not logind.
-  sendForgedSignal(driver_.get(), client_.get(), seatPath("seat0"), kProperties,
-                   "PropertiesChanged", "sa{sv}as", "org.freedesktop.login1.Seat", 1,
-                   "ActiveSession", "(so)", "b", sessionPath("b").c_str(), 0);
+  sendForgedSignal(seatPath("seat0"), kProperties, "PropertiesChanged", "sa{sv}as",
+                   "org.freedesktop.login1.Seat", 1, "ActiveSession", "(so)", "b",
+                   sessionPath("b").c_str(), 0);
   activate("g1");
   activate("b");
   activate("a");
@@ -275,53 +273,38 @@ TEST_F(LogindTest, QuickConsoleChangesAreEachReportedInOrder) {
   EXPECT_EQ(reports_.size(), 5u);
 }
 
-class LogindIdleTest : public LogindTest {
- protected:
-  void SetUp() override {
-    LogindTest::SetUp();
-    clock_.set(runloop::fromUnixSeconds(static_cast<double>(kNowUsec) / 1e6));
-    source_ = makeLogindIdleTimeSource(connection_.get(), clock_);
-  }
-  template <typename T>
-  void setManager(const char* property, const char* type, T value) {
-    call(kManager, kProperties, "Set", "ssv", kManagerInterface, property, type, value);
-  }
-  void setIdle(bool idle, std::uint64_t sinceUsec) {
-    setManager("IdleHint", "b", static_cast<int>(idle));
-    setManager("IdleSinceHint", "t", sinceUsec);
-  }
-  // Asks for a fresh answer and runs the loop until it is in.
-  double read() {
-    int answers = 0;
-    source_->setListener([&answers] { ++answers; });
-    EXPECT_TRUE(source_->refresh());
-    EXPECT_EQ(answers, 0);  // the loop never waits for logind
-    EXPECT_TRUE(pump([&answers] { return answers > 0; }));
-    source_->setListener({});
-    return source_->idleTime();
-  }
-
-  fakes::FakeClock clock_;
-  std::unique_ptr<IdleTimeSource> source_;
-};
-
-TEST_F(LogindIdleTest, IdleTimeRunsFromTheHintWhileTheUserIsIdle) {
+TEST_F(LogindTest, IdleTimeRunsFromTheHintWhileTheUserIsIdle) {
+  fakes::FakeClock clock;
+  clock.set(runloop::fromUnixSeconds(static_cast<double>(kNowUsec) / 1e6));
+  auto source = makeLogindIdleTimeSource(connection_.get(), clock);
+  int answers = 0;
+  source->setListener([&answers] { ++answers; });
+  const auto read = [&] {  // a fresh answer
+    const int before = answers;
+    EXPECT_TRUE(source->refresh());
+    EXPECT_EQ(answers, before);  // the loop never waits for logind
+    EXPECT_TRUE(pump([&] { return answers > before; }));
+    return source->idleTime();
+  };
+  const auto setIdle = [&](bool idle, std::uint64_t sinceUsec) {
+    call(kManager, kProperties, "Set", "ssv", kManagerInterface, "IdleHint", "b", int{idle});
+    call(kManager, kProperties, "Set", "ssv", kManagerInterface, "IdleSinceHint", "t", sinceUsec);
+  };
   EXPECT_EQ(read(), 0);                   // the mock starts active
   setIdle(true, kNowUsec - 700'500'000);  // 700.5 s ago
   EXPECT_DOUBLE_EQ(read(), 700.5);
-  clock_.advance(3600);  // counted on from the last answer
-  EXPECT_DOUBLE_EQ(source_->idleTime(), 4300.5);
-
-  setIdle(false, kNowUsec - 700'500'000);         // the user came back
-  EXPECT_DOUBLE_EQ(source_->idleTime(), 4300.5);  // not yet heard
+  clock.advance(3600);  // counted on from the last answer
+  EXPECT_DOUBLE_EQ(source->idleTime(), 4300.5);
+  setIdle(false, kNowUsec - 700'500'000);        // the user came back
+  EXPECT_DOUBLE_EQ(source->idleTime(), 4300.5);  // not yet heard
   EXPECT_EQ(read(), 0);
   // Hints that make no sense read as zero.
   setIdle(true, 0);  // idle since an unknown moment
   EXPECT_EQ(read(), 0);
   setIdle(true, kNowUsec + 3'660'000'000);  // a minute ahead of the clock
   EXPECT_EQ(read(), 0);
-  setManager("IdleHint", "s", "yes");  // not a boolean
-  EXPECT_EQ(read(), 0);
+  call(kManager, kProperties, "Set", "ssv", kManagerInterface, "IdleHint", "s", "yes");
+  EXPECT_EQ(read(), 0);  // not a boolean
 }
 
 // A refusal gives its error number; dropping the adapter drops an unanswered

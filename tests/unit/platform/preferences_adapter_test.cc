@@ -76,18 +76,16 @@ TEST_F(PreferencesAdapterTest, BadFilesReadAsEmptyAndAreLoggedOncePerVersion) {
     SCOPED_TRACE(kind);
     fs::remove_all(root_ / "var");
     fs::create_directories(folder());
-    if (kind == "directory") {
+    if (kind == "directory")
       fs::create_directories(file() / "x");
-    } else if (kind == "fifo") {  // must not block the reader
+    else if (kind == "fifo")  // must not block the reader
       ASSERT_EQ(::mkfifo(file().c_str(), 0644), 0);
-    } else if (kind == "oversized") {
-      writeFile(file(), plistText({{"k", Value::real(1)}}));
+    else
+      writeFile(file(), kind == "array"   ? plist::writeXml(Value::array({}))
+                        : kind == "empty" ? ""
+                                          : "garbage");
+    if (kind == "oversized")
       fs::resize_file(file(), kMaxStoredFileBytes + 1);
-    } else if (kind == "array") {
-      writeFile(file(), plist::writeXml(Value::array({})));
-    } else {
-      writeFile(file(), kind == "empty" ? "" : "garbage");
-    }
     log_.lines.clear();
     auto store = makeStore();
     store->synchronize();
@@ -171,7 +169,6 @@ TEST_F(PreferencesAdapterTest, FailedWriteKeepsTheOldFileAndIsRetried) {
   bool written = store->setValue("big", Value::data(plist::Bytes(64 * 1024, 7)));
   ::setrlimit(RLIMIT_FSIZE, &old);
   std::signal(SIGXFSZ, oldHandler);
-
   EXPECT_FALSE(written);
   EXPECT_EQ(readFile(file()), before);
   EXPECT_EQ(folderEntries(), 1u);

@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <map>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -44,13 +43,12 @@ class PreferencesAdapterTest : public ::testing::Test {
   std::size_t folderEntries() const {
     return std::distance(fs::directory_iterator(folder()), fs::directory_iterator());
   }
-  // The texts of the files kept aside as unreadable, by name.
-  std::map<std::string, std::string> keptAside() const {
-    std::map<std::string, std::string> kept;
+  // The texts of the files kept aside as unreadable.
+  std::multiset<std::string> keptAside() const {
+    std::multiset<std::string> kept;
     for (const auto& entry : fs::directory_iterator(folder())) {
-      const std::string name = entry.path().filename();
-      if (name.starts_with("preferences.plist.unreadable-"))
-        kept[name] = entry.is_regular_file() ? readFile(entry.path()) : "";
+      if (entry.path().filename().string().starts_with("preferences.plist.unreadable-"))
+        kept.insert(entry.is_regular_file() ? readFile(entry.path()) : "");
     }
     return kept;
   }
@@ -78,18 +76,16 @@ TEST_F(PreferencesAdapterTest, BadFilesReadAsEmptyAndAreLoggedOncePerVersion) {
     SCOPED_TRACE(kind);
     fs::remove_all(root_ / "var");
     fs::create_directories(folder());
-    if (kind == "directory") {
+    if (kind == "directory")
       fs::create_directories(file() / "x");
-    } else if (kind == "fifo") {  // must not block the reader
+    else if (kind == "fifo")  // must not block the reader
       ASSERT_EQ(::mkfifo(file().c_str(), 0644), 0);
-    } else if (kind == "oversized") {
-      writeFile(file(), plistText({{"k", Value::real(1)}}));
+    else
+      writeFile(file(), kind == "array"   ? plist::writeXml(Value::array({}))
+                        : kind == "empty" ? ""
+                                          : "garbage");
+    if (kind == "oversized")
       fs::resize_file(file(), kMaxStoredFileBytes + 1);
-    } else if (kind == "array") {
-      writeFile(file(), plist::writeXml(Value::array({})));
-    } else {
-      writeFile(file(), kind == "empty" ? "" : "garbage");
-    }
     log_.lines.clear();
     auto store = makeStore();
     store->synchronize();
@@ -103,32 +99,9 @@ TEST_F(PreferencesAdapterTest, BadFilesReadAsEmptyAndAreLoggedOncePerVersion) {
   }
 }
 
-TEST_F(PreferencesAdapterTest, FileReplacedByGarbageWhileRunning) {
-  auto store = makeStore();
-  ASSERT_TRUE(store->setValue("k", Value::real(1)));
-  writeFile(file(), "<plist><dict><key>k</key>");
-  log_.lines.clear();
-  store->synchronize();
-  store->synchronize();
-  EXPECT_TRUE(store->copyValue("k").isNone());
-  ASSERT_EQ(log_.lines.size(), 1u);
-  EXPECT_EQ(log_.lines[0].first, LOG_ERR);
-  EXPECT_NE(log_.lines[0].second.find("corrupt"), std::string::npos);
-  EXPECT_NE(log_.lines[0].second.find("kept as " + file().string() + ".unreadable-"),
-            std::string::npos);
-  writeFile(file(), "still <garbage>");  // another bad version is logged again
-  store->synchronize();
-  EXPECT_EQ(log_.lines.size(), 2u);
-  ASSERT_TRUE(store->setValue("j", Value::real(2)));  // and the next write repairs the file
-  EXPECT_EQ(plist::parseXml(readFile(file())), Value::dictionary({{"j", Value::real(2)}}));
-  std::multiset<std::string> kept;
-  for (const auto& [name, text] : keptAside())
-    kept.insert(text);
-  EXPECT_EQ(kept, (std::multiset<std::string>{"<plist><dict><key>k</key>", "still <garbage>"}));
-  EXPECT_EQ(store->storedBytes(), readFile(file()).size());
-}
-
-TEST_F(PreferencesAdapterTest, ChangeByAnotherProcessIsSeenAndKeptByTheNextWrite) {
+// Another process's version is read at the next look, and kept by the next
+// write; a bad one is kept aside and logged once per version.
+TEST_F(PreferencesAdapterTest, FilesReplacedByAnotherProcessWhileRunning) {
   auto store = makeStore();
   ASSERT_TRUE(store->setValue("x", Value::real(1)));
   writeFile(file(), plistText({{"x", Value::real(2)}}));
@@ -138,6 +111,25 @@ TEST_F(PreferencesAdapterTest, ChangeByAnotherProcessIsSeenAndKeptByTheNextWrite
   writeFile(file(), plistText({{"x", Value::real(3)}}));
   ASSERT_TRUE(store->setValue("y", Value::real(4)));
   EXPECT_EQ(plist::parseXml(readFile(file())).get("x"), Value::real(3));
+
+  writeFile(file(), "<plist><dict><key>k</key>");
+  log_.lines.clear();
+  store->synchronize();
+  store->synchronize();
+  EXPECT_TRUE(store->copyValue("x").isNone());
+  ASSERT_EQ(log_.lines.size(), 1u);
+  EXPECT_EQ(log_.lines[0].first, LOG_ERR);
+  EXPECT_NE(log_.lines[0].second.find("corrupt"), std::string::npos);
+  EXPECT_NE(log_.lines[0].second.find("kept as " + file().string() + ".unreadable-"),
+            std::string::npos);
+  writeFile(file(), "still <garbage>");
+  store->synchronize();
+  EXPECT_EQ(log_.lines.size(), 2u);
+  ASSERT_TRUE(store->setValue("j", Value::real(2)));  // and the next write repairs the file
+  EXPECT_EQ(plist::parseXml(readFile(file())), Value::dictionary({{"j", Value::real(2)}}));
+  EXPECT_EQ(keptAside(),
+            (std::multiset<std::string>{"<plist><dict><key>k</key>", "still <garbage>"}));
+  EXPECT_EQ(store->storedBytes(), readFile(file()).size());
 }
 
 // given files written by hand: wrong types read as defaults, forced values win
@@ -177,7 +169,6 @@ TEST_F(PreferencesAdapterTest, FailedWriteKeepsTheOldFileAndIsRetried) {
   bool written = store->setValue("big", Value::data(plist::Bytes(64 * 1024, 7)));
   ::setrlimit(RLIMIT_FSIZE, &old);
   std::signal(SIGXFSZ, oldHandler);
-
   EXPECT_FALSE(written);
   EXPECT_EQ(readFile(file()), before);
   EXPECT_EQ(folderEntries(), 1u);

@@ -60,18 +60,6 @@ void stop(pid_t pid) {
   waitpid(pid, nullptr, 0);
 }
 
-bool nameHasOwner(sd_bus* bus, const std::string& name) {
-  sd_bus_message* reply = nullptr;
-  int owned = 0;
-  if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                         "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
-                         name.c_str()) >= 0) {
-    sd_bus_message_read(reply, "b", &owned);
-  }
-  sd_bus_message_unref(reply);
-  return owned != 0;
-}
-
 }  // namespace
 
 PrivateBus::PrivateBus() {
@@ -82,7 +70,6 @@ PrivateBus::PrivateBus() {
   std::string config = kConfig;
   config.replace(config.find("@DIR@"), 5, directory_);
   std::ofstream(directory_ + "/bus.conf") << config;
-
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0)
     return;
@@ -93,9 +80,8 @@ PrivateBus::PrivateBus() {
   // The daemon prints its address once it listens, or exits and closes the pipe.
   FILE* printed = fdopen(out[0], "r");
   char line[512] = "";
-  if (printed != nullptr && std::fgets(line, sizeof line, printed) != nullptr) {
+  if (printed != nullptr && std::fgets(line, sizeof line, printed) != nullptr)
     address_.assign(line, std::strcspn(line, "\n"));
-  }
   if (printed != nullptr)
     std::fclose(printed);
 }
@@ -118,24 +104,30 @@ bool PrivateBus::startTemplate(const std::string& name, const std::string& busNa
                                const std::string& parameters) {
   if (!ok())
     return false;
-  // exec keeps the pid, so that stopping it stops the mock.
+  // exec keeps the pid, so that stopping it stops the mock. Its calls are
+  // logged on its stdout.
+  const int log = ::open((directory_ + "/" + name + ".log").c_str(),
+                         O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   const pid_t pid =
       spawn({"/usr/bin/env", "DBUS_SYSTEM_BUS_ADDRESS=" + address_, "/usr/bin/python3", "-m",
              "dbusmock", "--system", "--template", name, "--parameters", parameters},
-            -1, /*quiet=*/false);
+            log, /*quiet=*/false);
+  close(log);
   if (pid <= 0)
     return false;
   mocks_.push_back(pid);
   platform::linux_adapter::BusPtr bus = connect();
-  const auto deadline = Clock::now() + std::chrono::seconds(20);
-  while (bus != nullptr && Clock::now() < deadline) {
-    if (nameHasOwner(bus.get(), busName))
+  for (const auto deadline = Clock::now() + std::chrono::seconds(20);
+       bus != nullptr && Clock::now() < deadline;
+       std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    if (sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "GetNameOwner", nullptr, nullptr, "s",
+                           busName.c_str()) >= 0)
       return true;
     if (waitpid(pid, nullptr, WNOHANG) == pid) {
       mocks_.pop_back();
       return false;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return false;
 }
@@ -161,6 +153,18 @@ bool runUntil(sd_event* event, const std::function<bool()>& done,
     sd_event_run(event, 20'000);
   }
   return true;
+}
+
+std::vector<std::string> PrivateBus::calls(const std::string& name,
+                                           const std::string& method) const {
+  std::ifstream log(directory_ + "/" + name + ".log");
+  std::vector<std::string> calls;
+  for (std::string line; std::getline(log, line);) {
+    const std::string call = line.substr(line.find(' ') + 1);  // after the time
+    if ((call == method || call.starts_with(method + ' ')) && !call.starts_with(method + " raised"))
+      calls.push_back(call.substr(std::min(call.size(), method.size() + 1)));
+  }
+  return calls;
 }
 
 }  // namespace nightjar::testing

@@ -1,5 +1,6 @@
 // A private, system-bus-like dbus-daemon for one test, with python3-dbusmock
-// templates on it. Every child it starts is killed when it goes.
+// templates on it, and the fixture of the tests that use one. Every child it
+// starts is killed when it goes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +21,6 @@ namespace nightjar::testing {
 
 class PrivateBus {
  public:
-  // Starts the daemon; ok() tells whether it runs.
   PrivateBus();
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
@@ -28,16 +28,14 @@ class PrivateBus {
 
   bool ok() const { return daemon_ > 0 && !address_.empty(); }
   const std::string& address() const { return address_; }
-
-  // Starts `/usr/bin/python3 -m dbusmock --system --template <name>` with the
-  // JSON `parameters` and waits until it owns `busName`. Answers whether it did.
+  // Starts `python3 -m dbusmock --system --template <name>` with the JSON
+  // `parameters` and answers whether it came to own `busName`.
   bool startTemplate(const std::string& name, const std::string& busName,
                      const std::string& parameters = "{}");
-
-  // Stops every template started so far.
   void stopTemplates();
-
-  // A new client connection to the bus; attach it to a loop to receive.
+  // The calls of `method` that template `name` logged, oldest first, as their
+  // arguments in the mock's words: `"text" 0 True [1, 2] {}`.
+  std::vector<std::string> calls(const std::string& name, const std::string& method) const;
   platform::linux_adapter::BusPtr connect() const;
 
  private:
@@ -50,6 +48,17 @@ class PrivateBus {
 // Runs `event` until `done()` holds or `timeout` passed; answers done().
 bool runUntil(sd_event* event, const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Calls a method and waits for its answer; a failure fails the test.
+template <typename... Args>
+void callOrFail(sd_bus* bus, const char* service, const std::string& path, const char* interface,
+                const char* member, const char* types, Args... args) {
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  if (sd_bus_call_method(bus, service, path.c_str(), interface, member, &error, nullptr, types,
+                         args...) < 0)
+    ADD_FAILURE() << member << ": " << (error.message ? error.message : "failed");
+  sd_bus_error_free(&error);
+}
 
 // A private bus, a run loop, the adapter's connection (`client_`, attached to
 // the loop; `connection_` is the adapter's view of it) and the test's own

@@ -1,18 +1,54 @@
+// The notification controller over the ports fixture, and the terminal
+// warnings that follow its pending list.
 #include "notifications/notification_controller.h"
 
 #include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <ctime>
 #include <limits>
+#include <string>
+#include <vector>
 
-#include "notifications/notification_testing.h"
+#include "fakes/fake_terminal_broadcast.h"
+#include "fakes/ports_fixture.h"
+#include "model/model_testing.h"
+#include "notifications/terminal_warnings.h"
 #include "plist/describe.h"
 
 namespace nightjar::notifications::testing {
 namespace {
 
+using namespace nightjar::model::testing;
+
+constexpr plist::AbsoluteTime kStart = nightjar::testing::kPortsStart;
 constexpr double kPeriod = 900;
+
+class NotificationControllerTest : public nightjar::testing::PortsFixture {
+ public:
+  void TearDown() override {
+    notificationControllerDestroy();
+    PortsFixture::TearDown();
+  }
+
+  NotificationController* create() {
+    notificationControllerCreate(clock_, timers_.timerFactory(),
+                                 [this](const plist::Value& id) { rescheduled_.push_back(id); });
+    return notificationControllerGet();
+  }
+  fakes::FakeTimer& timer() { return *timers_.last(); }
+  plist::Value pending(NotificationController* controller, const std::string& id) {
+    return model::eventQueueFind(notificationControllerPendingQueue(controller), S(id));
+  }
+  std::vector<std::string> pendingIds(NotificationController* controller) {
+    return idsOf(model::eventQueueCopyEvents(notificationControllerPendingQueue(controller)));
+  }
+
+  std::vector<plist::Value> rescheduled_, cancels_;
+  std::vector<std::pair<plist::Value, double>> delays_;
+};
 
 // An entry without a trigger date (a hand-edited saved state) waits last.
 TEST_F(NotificationControllerTest, WarnsInOrderOfWarnTimeAndArmsForTheNext) {
@@ -38,7 +74,6 @@ TEST_F(NotificationControllerTest, WarnsInOrderOfWarnTimeAndArmsForTheNext) {
   EXPECT_EQ(pending(controller, "soon").get("metadatanotified"), D(kStart));
   EXPECT_EQ(pendingIds(controller), (std::vector<std::string>{"late", "undated", "soon"}));
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 7200 - kPeriod);
-
   // Fired at the warn time, not later (or early, a clock stepped back): re-armed.
   posts.posts.clear();
   clock_.set(kStart + 7200 - kPeriod);
@@ -81,7 +116,6 @@ TEST_F(NotificationControllerTest, AForcedPeriodWinsSilently) {
   EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), 120);
   notificationControllerAddPending(controller, validEvent("a"), kStart + 3600);
   PostRecorder posts(controller);
-
   preferences_.force("notificationcontroller.notifyperiod", R(60));
   notificationControllerSetNotifyPeriod(controller, 600);
   EXPECT_TRUE(posts.posts.empty());
@@ -181,14 +215,20 @@ TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   const plist::Value held = pending(controller, "a");
   EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);  // no handlers yet
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
-  recordHandlers(controller);
+  NotificationHandlers handlers;  // recording into delays_ and cancels_
+  handlers.cancel = [](NotificationController*, const plist::Value& event, void* context) {
+    static_cast<NotificationControllerTest*>(context)->cancels_.push_back(event);
+  };
+  handlers.delay = [](NotificationController*, const plist::Value& event, double s, void* self) {
+    static_cast<NotificationControllerTest*>(self)->delays_.emplace_back(event, s);
+  };
+  handlers.context = this;
+  notificationControllerRegisterHandlers(controller, handlers);
   EXPECT_EQ(
       notificationRequestPending(controller),
       Dict({{"status", I(200)}, {"response", notificationControllerCopyPendingView(controller)}}));
   EXPECT_EQ(notificationRequestNotifyPeriod(controller),
             Dict({{"status", I(200)}, {"response", R(900)}}));
-  EXPECT_TRUE(notificationRequestNotifyPeriod(controller).get("response").isReal());
-
   EXPECT_EQ(notificationRequestCancel(controller, S("a")), kOk);
   EXPECT_EQ(notificationRequestCancel(controller, S("not pending")), kOk);
   EXPECT_EQ(notificationRequestCancel(controller, {}), kFailed);
@@ -198,7 +238,6 @@ TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(60)), kOk);
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(90.7)), kOk);  // read as 90
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(0)), kOk);     // does nothing
-  EXPECT_EQ(notificationRequestDelay(controller, S("a"), R(-5)), kOk);    // does nothing
   EXPECT_EQ(notificationRequestDelay(controller, S("not pending"), I(60)), kOk);
   EXPECT_EQ(notificationRequestDelay(controller, {}, I(60)), kFailed);
   EXPECT_EQ(notificationRequestDelay(controller, S("a"), I(std::int64_t{1} << 40)), kFailed);
@@ -207,7 +246,6 @@ TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   EXPECT_EQ(cancels_, std::vector<plist::Value>{held});
   EXPECT_EQ(rescheduled_, std::vector<plist::Value>{S("a")});
   EXPECT_EQ(delays_, (std::vector<std::pair<plist::Value, double>>{{held, 60}, {held, 90}}));
-
   const plist::Value invalidSeconds = Dict({{"error", I(405)}, {"reason", S("Invalid seconds")}});
   EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I((std::int64_t{1} << 53) + 1)),
             invalidSeconds);
@@ -226,6 +264,85 @@ TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   EXPECT_DOUBLE_EQ(timer().nextFireDate(), kStart + 3600 - 61.5);
   EXPECT_EQ(notificationRequestSetNotifyPeriod(controller, I(-30)), kOk);
   EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), -30);
+}
+
+// Dates in the messages are local: the tests set the zone to UTC.
+class TerminalWarningsTest : public NotificationControllerTest {
+  void SetUp() override {
+    NotificationControllerTest::SetUp();
+    setenv("TZ", "UTC0", 1);
+    tzset();
+  }
+};
+
+plist::Value eventDoing(const std::string& action) {
+  return validEvent("halt", "Nightly off").with("action", Dict({{"type", S(action)}}));
+}
+
+enum class Then { Nothing, Cancel, Delay };
+
+// Given an event warned `lead` seconds ahead and what happens next, expect a
+// message at each moment, each holding its fragment (none for no message).
+TEST_F(TerminalWarningsTest, WritesAtTheWarningAndAMinuteBeforeTheAction) {
+  struct Case {
+    const char* action;
+    double lead;
+    Then then;
+    std::vector<std::string> fragments;
+  };
+  const Case cases[] = {
+      {"shutdown", 900, Then::Nothing, {"06:28:20 UTC (in 15 minutes)", "06:28:20 UTC (in 60 s"}},
+      {"restart", 300, Then::Nothing, {"will restart at", "restart at Sat 2026-05-09 06:18:20"}},
+      {"logout", 600, Then::Nothing, {"logged out at", "(in 60 seconds)"}},
+      {"sleep", 900, Then::Nothing, {}},
+      {"reboot", 900, Then::Nothing, {}},  // no such action: never listed
+      {"shutdown", 30, Then::Nothing, {"(in 30 seconds)"}},
+      {"shutdown", 900, Then::Cancel, {"(in 15 minutes)"}},
+      {"shutdown", 900, Then::Delay, {"(in 15 minutes)", "(in 25 minutes)", "06:38:20 UTC (in 60"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.action) + " lead " + std::to_string(c.lead));
+    clock_.set(kStart);
+    NotificationController* controller = create();
+    notificationControllerSetNotifyPeriod(controller, 2000);  // every lead below is inside it
+    fakes::FakeTimer& warnTimer = timer();
+    auto terminals = std::make_unique<nightjar::testing::FakeTerminalBroadcast>();
+    const std::vector<std::string>& written = terminals->written;
+    auto warnings =
+        TerminalWarnings::create(controller, std::move(terminals), clock_, timers_.timerFactory());
+    ASSERT_NE(warnings, nullptr);
+    auto add = [&](double lead) {
+      notificationControllerAddPending(controller, eventDoing(c.action), clock_.now() + lead);
+      warnTimer.fire();  // inside the period: warned at once
+    };
+    add(c.lead);
+    double trigger = kStart + c.lead;
+    if (c.then != Then::Nothing)
+      notificationControllerRemovePending(controller, S("halt"));
+    if (c.then == Then::Delay)
+      add((trigger += 600) - clock_.now());
+    for (double before : {kFinalTerminalWarningLead + 1, kFinalTerminalWarningLead, 1.0}) {
+      clock_.set(trigger - before);
+      if (timer().due(clock_.now()))  // the warnings' timer
+        timer().fire();
+    }
+    ASSERT_EQ(written.size(), c.fragments.size());
+    for (std::size_t i = 0; i < c.fragments.size(); ++i)
+      EXPECT_NE(written[i].find(c.fragments[i]), std::string::npos) << written[i];
+    warnings.reset();
+    notificationControllerDestroy();
+  }
+}
+
+TEST_F(TerminalWarningsTest, TheMessageNamesTheEventAndTheDelayCommandWithoutControls) {
+  const plist::Value event = eventDoing("shutdown")
+                                 .with("name", S("Off\x1b]0;x\x07 \xc2\x9bnow"))
+                                 .with("uniqueid", S("a b"));
+  EXPECT_EQ(terminalWarningText(event, kStart + 900, kStart),
+            "\r\nBroadcast message from nightjard (Sat 2026-05-09 06:13:20 UTC):\r\n\r\n"
+            "The system will shut down at Sat 2026-05-09 06:28:20 UTC (in 15 minutes),\r\n"
+            "as scheduled by the event \"Off?]0;x? ?now\".\r\n"
+            "To put it off by 10 minutes: nightjarctl delay 'a b' 10m\r\n");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "fakes/fake_time_zone_source.h"
 #include "fakes/notification_recorder.h"
 #include "fakes/recording_log_sink.h"
+#include "model/model_testing.h"
 #include "monitors/file_watcher.h"
 #include "monitors/monitor_decisions.h"
 #include "monitors/system_monitor.h"
@@ -18,7 +19,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testing::namedZone;
-using Dictionary = plist::Dictionary;
+using namespace model::testing;
 
 class FileWatcherTest : public ::testing::Test {
  protected:
@@ -39,7 +40,8 @@ class FileWatcherTest : public ::testing::Test {
   std::optional<testing::NotificationRecorder> recorder_;
 };
 
-// Paths naming one file are each posted, unless an observer drops one meanwhile.
+// Paths naming one file are each posted, unless an observer drops one
+// meanwhile.
 TEST_F(FileWatcherTest, ChangesArePostedUnderEachPathWatched) {
   fileWatcherAdd(watcher_, "/a");
   fileWatcherAdd(watcher_, "/etc");
@@ -134,12 +136,8 @@ TEST_F(SystemMonitorTest, ConsoleAndPowerReportsArePosted) {
                           "externalevents.logout", "externalevents.sleep", "externalevents.wake"));
   EXPECT_EQ(recorder_->posts[5].object, monitor_);
   EXPECT_EQ(recorder_->posts[0].userInfo,
-            plist::Value::dictionary(Dictionary{{"username", plist::Value::string("alice")},
-                                                {"uid", plist::Value::integer(1000)},
-                                                {"gid", plist::Value::integer(100)}}));
-  // What is unknown is left out.
-  EXPECT_EQ(recorder_->posts[1].userInfo,
-            plist::Value::dictionary(Dictionary{{"uid", plist::Value::integer(1001)}}));
+            Dict({{"username", S("alice")}, {"uid", I(1000)}, {"gid", I(100)}}));
+  EXPECT_EQ(recorder_->posts[1].userInfo, Dict({{"uid", I(1001)}}));  // unknowns left out
   EXPECT_TRUE(recorder_->posts[2].userInfo.isNone());
   EXPECT_FALSE(isConsoleUserActive());
   console_->session = testing::userSession("alice", 1000, 100);
@@ -187,8 +185,9 @@ TEST_F(SystemMonitorTest, WithoutFacilitiesNothingIsFollowedPostedOrRefused) {
   EXPECT_EQ(systemMonitorGet(), monitor_);
 }
 
-// An unreadable zone is no change, and the held zone stays.
-TEST_F(SystemMonitorTest, OnlyARealZoneChangeIsPosted) {
+// An unreadable zone is no change, and the held zone stays; destroy drops the
+// watch only when given the watcher.
+TEST_F(SystemMonitorTest, OnlyARealZoneChangeIsPostedUntilTheWatchIsDropped) {
   createWithFakes(watcher_);
   EXPECT_THAT(source_->adds, ElementsAre("/etc/"));
   source_->change("/etc/");  // say, a new entry in /etc/
@@ -204,19 +203,14 @@ TEST_F(SystemMonitorTest, OnlyARealZoneChangeIsPosted) {
   source_->change("/etc/");
   EXPECT_THAT(recorder_->names(),
               ElementsAre("externalevents.timezone", "externalevents.timezone"));
-}
-
-TEST_F(SystemMonitorTest, DestroyDropsTheWatchOnlyWhenGivenTheWatcher) {
-  createWithFakes(watcher_);
   systemMonitorDestroy(nullptr);
   EXPECT_EQ(systemMonitorGet(), nullptr);
-  source_->change("/etc/");  // the watch stays; the gone monitor hears nothing
-
+  source_->change("/etc/");   // the watch stays; the gone monitor hears nothing
   createWithFakes(watcher_);  // the watch is now referenced twice
   systemMonitorDestroy(watcher_);
   systemMonitorDestroy(watcher_);  // absent: nothing
   EXPECT_THAT(source_->removes, IsEmpty());
-  fileWatcherRemove(watcher_, "/etc/");  // the first monitor's reference was the last
+  fileWatcherRemove(watcher_, "/etc/");  // the first monitor's was the last
   EXPECT_EQ(source_->removes.size(), 1u);
 }
 

@@ -151,8 +151,7 @@ inline AbsoluteTime utc(int year, int month, int day, int hour = 0, int minute =
 
 // Makes `zone` the C library's local zone for the object's lifetime, then
 // restores the TZ it found.
-class ScopedZone {
- public:
+struct ScopedZone {
   explicit ScopedZone(const std::string& zone) {
     if (const char* tz = std::getenv("TZ"))
       saved_ = tz;
@@ -165,8 +164,6 @@ class ScopedZone {
   }
   ScopedZone(const ScopedZone&) = delete;
   ScopedZone& operator=(const ScopedZone&) = delete;
-
- private:
   std::optional<std::string> saved_;
 };
 

@@ -136,7 +136,6 @@ TEST(EventActionPredicates, Table) {
       {event("shutdown"), false, 0, true, std::nullopt},
       {event("Wake"), false, 0, true, std::nullopt},
       {event(""), false, 0, true, std::nullopt},
-      {Dict({{"action", Dict({{"type", I(3)}})}}), false, 0, true, std::nullopt},
       {plist::Value(), false, 0, true, std::nullopt},
   };
   for (const auto& row : rows) {
@@ -180,14 +179,6 @@ TEST_F(EventActionTest, EachActionRunsTheWholeSequenceInOrder) {
       EXPECT_EQ(broadcast.userInfo, e);
     EXPECT_FALSE(eventActionBusy());
   }
-}
-
-// Wake kinds complete at once too: see the order test below.
-TEST_F(EventActionTest, AnEventWithoutATypePostsNothingAndCompletesAtOnce) {
-  const plist::Value untyped = event("");
-  perform(untyped);
-  EXPECT_EQ(journal_, concat(opening(untyped), {"activity down", "done"}));
-  EXPECT_FALSE(eventActionBusy());
 }
 
 // The tool's outcome arrives after the perform ended; only a failure is logged.
@@ -291,9 +282,10 @@ TEST_F(EventActionTest, TearDownDuringThePauseEndsThePerform) {
   EXPECT_THAT(commands_.commands, IsEmpty());
 }
 
-// Without set-up only the completion runs, without an event nothing; a run
-// loop that cannot make the pause timer gets the action without a pause.
-TEST_F(EventActionTest, WithoutSetUpEventOrTimer) {
+// Without set-up only the completion runs, without an event nothing, without a
+// type no broadcast (wake kinds: see the order test); a run loop that cannot
+// make the pause timer gets the action without a pause.
+TEST_F(EventActionTest, WithoutSetUpEventTypeOrTimer) {
   eventActionTearDown();
   journal_.clear();
   perform(event("shutdown"));
@@ -303,6 +295,10 @@ TEST_F(EventActionTest, WithoutSetUpEventOrTimer) {
   journal_.clear();
   perform(plist::Value());
   EXPECT_THAT(journal_, IsEmpty());
+  const plist::Value untyped = event("");
+  perform(untyped);
+  EXPECT_EQ(journal_, concat(opening(untyped), {"activity down", "done"}));
+  journal_.clear();
   const plist::Value e = event("shutdown");
   perform(e);
   EXPECT_EQ(journal_, concat(opening(e), {"post event.willperform", std::string(kGracestop) + " -h",

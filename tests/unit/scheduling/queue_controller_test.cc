@@ -1,9 +1,10 @@
-// QueueController, QueueControllerList and QueueTimer against recording
-// callback tables and fake timers.
+// QueueController, QueueControllerList, QueueTimer and the event scheduler
+// that feeds them, against recording callback tables and fake timers.
 #include <gtest/gtest.h>
 
 #include "fakes/fake_clock.h"
 #include "fakes/fake_timer.h"
+#include "runloop/notification_center.h"
 #include "scheduling/engine_testing.h"
 
 namespace nightjar::scheduling {
@@ -11,6 +12,7 @@ namespace {
 
 using namespace testing;
 using Calls = std::vector<std::string>;
+using Ids = std::vector<std::string>;
 
 class QueueControllerTest : public ::testing::Test {
  protected:
@@ -25,13 +27,9 @@ TEST_F(QueueControllerTest, CreateHandsTheContextFromCreateToEveryCallback) {
   QueueControllerCallbacks callbacks = recordingCallbacks(&recorder);
   callbacks.create = [](QueueController*) -> void* { return &made; };
   QueueController* created = queueControllerCreate("Made", callbacks, {});
-  EXPECT_EQ(queueControllerContext(created), &made);
   queueControllerStore(created, validEvent("a"));
   queueControllerDestroy(created);
   EXPECT_EQ(made.calls, (Calls{"willAdd a", "didChange", "destroy"}));
-  EXPECT_TRUE(recorder.calls.empty());
-  // Without a create slot the table's initial context stays.
-  EXPECT_EQ(queueControllerContext(controller), &recorder);
 }
 
 // An unchanged update posts nothing but still runs didChange.
@@ -76,11 +74,8 @@ TEST_F(QueueControllerTest, RefusalsLeaveTheQueueAndSkipDidChange) {
   EXPECT_EQ(queueControllerRemove(controller, S("missing")), -1);
   EXPECT_EQ(recorder.calls,
             (Calls{"willAdd a", "willAdd a", "didChange", "willModify a a", "willRemove a"}));
-}
-
-// A refused event stays; the ones after it still go.
-TEST_F(QueueControllerTest, RemoveAllSendsEachEventThroughWillRemove) {
-  for (const char* id : {"a", "b", "c"})
+  // Remove-all asks each event: a refused one stays, the ones after it still go.
+  for (const char* id : {"b", "c"})
     queueControllerStore(controller, validEvent(id));
   recorder.calls.clear();
   recorder.refuseRemove = {"b"};
@@ -195,25 +190,163 @@ TEST(QueueTimer, StartsParkedAndCallsTheCalloutWithItsHolder) {
   static std::vector<QueueTimer*> fired;
   fakes::FakeClock clock{1000};
   fakes::FakeTimerFactory timers{clock};
-  QueueController* controller = reinterpret_cast<QueueController*>(0x1);
   const auto callout = [](QueueTimer* holder) { fired.push_back(holder); };
-  QueueTimer* holder = queueTimerCreate(controller, callout, timers.timerFactory());
+  QueueTimer* holder = queueTimerCreate(nullptr, callout, timers.timerFactory());
   fakes::FakeTimer* timer = timers.last();
-  EXPECT_EQ(queueTimerGetTimer(holder), timer);
-  EXPECT_EQ(queueTimerGetController(holder), controller);
   EXPECT_TRUE(timer->parked());
   timer->setNextFireDate(1500);
   timer->fire();
   EXPECT_EQ(fired, (std::vector<QueueTimer*>{holder}));
-  EXPECT_TRUE(timer->armed());
-  EXPECT_TRUE(timer->parked());
-  timer->setNextFireDate(1600);
-  queueTimerPark(holder);
-  EXPECT_TRUE(timer->parked());
+  EXPECT_TRUE(timer->parked());  // armed again by park(): fire() disarmed it
   queueTimerDestroy(holder);
-  EXPECT_EQ(timers.timer(0), nullptr);
   timers.setFailing(true);
-  EXPECT_EQ(queueTimerCreate(controller, callout, timers.timerFactory()), nullptr);
+  EXPECT_EQ(queueTimerCreate(nullptr, callout, timers.timerFactory()), nullptr);
+}
+
+class EventSchedulerTest : public EngineFixture {
+ protected:
+  EventScheduler* start() {
+    eventSchedulerSetUp(model::eventListGet(), list);
+    posts = std::make_unique<PostRecorder>(eventSchedulerGet());
+    return eventSchedulerGet();
+  }
+  static void put(const Value& event) { model::eventListStore(model::eventListGet(), event); }
+  void clearCalls() {
+    dateTime.calls.clear();
+    idle.calls.clear();
+  }
+  std::size_t schedulerPosts() const { return posts->names().size(); }
+
+  std::unique_ptr<PostRecorder> posts;
+  RecordingLog log;
+};
+
+// Enabled events go to the controller of their trigger; a modified one moves,
+// is updated in place or taken out when disabled; each change is announced.
+TEST_F(EventSchedulerTest, AddAndModifyHandEventsToTheirControllers) {
+  start();
+  put(validEvent("daily"));
+  put(inactiveEvent("idle"));
+  put(validEvent("off").with("enabled", B(false)));
+  put(onceEvent("e", 5000));
+  EXPECT_EQ(queuedIds(byDate), (Ids{"daily", "e"}));
+  EXPECT_EQ(queuedIds(byIdle), (Ids{"idle"}));
+  EXPECT_EQ(schedulerPosts(), 4u);
+  clearCalls();
+  put(inactiveEvent("e"));
+  put(inactiveEvent("e", 900));
+  EXPECT_EQ(dateTime.calls, (Calls{"willRemove e", "didChange"}));
+  EXPECT_EQ(idle.calls, (Calls{"willAdd e", "didChange", "willModify e e", "didChange"}));
+  put(inactiveEvent("e", 900).with("enabled", B(false)));
+  EXPECT_EQ(queuedIds(byIdle), (Ids{"idle"}));
+  EXPECT_EQ(queuedIds(byDate), (Ids{"daily"}));
+}
+
+TEST_F(EventSchedulerTest, InvalidOrForeignNotificationsAreDroppedAsSpecified) {
+  start();
+  runloop::NotificationCenter& center = runloop::localCenter();
+  const Value invalid = validEvent("bad").with("enabled", S("yes"));
+  center.post(model::kEventsAddNotification, model::eventListGet(), invalid);
+  EXPECT_EQ(log.texts(), (Ids{"Dropped invalid event within scheduler.",
+                              "Invalid event: " + plist::describeValue(invalid)}));
+  EXPECT_EQ(schedulerPosts(), 1u);  // dropped, yet announced
+  // Another object, or no user information: silence.
+  int other = 0;
+  center.post(model::kEventsAddNotification, &other, validEvent("x"));
+  center.post(model::kEventsAddNotification, model::eventListGet(), Value());
+  EXPECT_TRUE(queuedIds(byDate).empty());
+  EXPECT_EQ(schedulerPosts(), 1u);
+}
+
+TEST_F(EventSchedulerTest, DisablePurgesAndEnableRehandsEveryEnabledEvent) {
+  EventScheduler* scheduler = start();
+  put(validEvent("a"));
+  put(inactiveEvent("b"));
+  put(validEvent("c").with("enabled", B(false)));
+  power.add(fakes::FakePowerManager::entryValue(2000, "quillon.nightjar.2000.gone", "wake"));
+  power.add(fakes::FakePowerManager::entryValue(2000, "other.program", "wake"));
+  clearCalls();
+  eventSchedulerSetEnabled(scheduler, false);
+  EXPECT_FALSE(eventSchedulerIsEnabled(scheduler));
+  EXPECT_EQ(store.disk().get("eventscheduler.enabled"), B(false));
+  EXPECT_EQ(dateTime.calls, (Calls{"willRemove a", "didChange"}));
+  EXPECT_EQ(idle.calls, (Calls{"willRemove b", "didChange"}));
+  ASSERT_EQ(power.entries().size(), 1u);
+  EXPECT_EQ(power.entries()[0].get("scheduledby"), S("other.program"));
+  put(validEvent("d"));  // changes no queue while disabled
+  EXPECT_TRUE(queuedIds(byDate).empty());
+  // A stray queued copy still goes when the list drops the event.
+  queueControllerStore(byDate, validEvent("c"));
+  model::eventListRemove(model::eventListGet(), S("c"));
+  EXPECT_TRUE(queuedIds(byDate).empty());
+  eventSchedulerSetEnabled(scheduler, true);
+  EXPECT_TRUE(eventSchedulerIsEnabled(scheduler));
+  EXPECT_FALSE(store.stores("eventscheduler.enabled"));  // the default is not stored
+  EXPECT_EQ(queuedIds(byDate), (Ids{"a", "d"}));
+  EXPECT_EQ(queuedIds(byIdle), (Ids{"b"}));
+  // Setting the current value again writes nothing.
+  const int writes = store.writes();
+  eventSchedulerSetEnabled(scheduler, true);
+  EXPECT_EQ(store.writes(), writes);
+}
+
+// A forced value wins over a set, and is read at creation.
+TEST_F(EventSchedulerTest, AForcedValueWinsAndNothingElseHappens) {
+  EventScheduler* scheduler = start();
+  put(validEvent("a"));
+  power.add(fakes::FakePowerManager::entryValue(2000, "quillon.nightjar.2000.a", "wake"));
+  store.force("eventscheduler.enabled", B(true));
+  clearCalls();
+  eventSchedulerSetEnabled(scheduler, false);
+  EXPECT_TRUE(eventSchedulerIsEnabled(scheduler));
+  EXPECT_TRUE(dateTime.calls.empty());
+  EXPECT_EQ(power.entries().size(), 1u);
+  eventSchedulerTearDown();
+  store.force("eventscheduler.enabled", B(false));
+  EXPECT_FALSE(eventSchedulerIsEnabled(start()));
+  EXPECT_TRUE(eventSchedulerIsEnabled(nullptr));
+}
+
+TEST_F(EventSchedulerTest, ResyncAndRescheduleStartFromTheListsCopy) {
+  EventScheduler* scheduler = start();
+  put(validEvent("b"));
+  put(validEvent("a"));
+  put(validEvent("off").with("enabled", B(false)));
+  clearCalls();
+  eventSchedulerResync(scheduler);
+  // Each queued event leaves through willRemove; then the list, in its order.
+  EXPECT_EQ(dateTime.calls, (Calls{"willRemove a", "didChange", "willRemove b", "didChange",
+                                   "willAdd b", "didChange", "willAdd a", "didChange"}));
+  // A copy the controller changed goes; the list's copy comes back through willAdd.
+  queueControllerStore(byDate, validEvent("a", "private name"));
+  clearCalls();
+  eventSchedulerReschedule(scheduler, S("a"));
+  EXPECT_EQ(dateTime.calls, (Calls{"willRemove a", "didChange", "willAdd a", "didChange"}));
+  EXPECT_EQ(queueControllerFirstEvent(byDate).get("name"), S("a"));
+  // An identifier the list no longer has is only taken back.
+  queueControllerStore(byDate, validEvent("stray"));
+  eventSchedulerReschedule(scheduler, S("stray"));
+  EXPECT_EQ(queuedIds(byDate), (Ids{"a", "b"}));
+  EXPECT_EQ(schedulerPosts(), 3u);  // the list changes only
+}
+
+// Only the monitor's time-zone notification resyncs; tear-down removes both of
+// the scheduler's observations.
+TEST_F(EventSchedulerTest, ATimeZoneChangeFromTheMonitorResyncs) {
+  EventScheduler* scheduler = start();
+  int monitor = 0, other = 0;
+  const std::size_t before = runloop::localCenter().observationCount();
+  eventSchedulerObserveTimeZone(scheduler, &monitor);
+  put(validEvent("a"));
+  clearCalls();
+  runloop::localCenter().post("externalevents.wake", &monitor);
+  runloop::localCenter().post("externalevents.timezone", &other);
+  EXPECT_TRUE(dateTime.calls.empty());
+  runloop::localCenter().post("externalevents.timezone", &monitor);
+  EXPECT_EQ(dateTime.calls, (Calls{"willRemove a", "didChange", "willAdd a", "didChange"}));
+  eventSchedulerTimeZoneChanged(nullptr, "externalevents.timezone");
+  eventSchedulerTearDown();
+  EXPECT_EQ(runloop::localCenter().observationCount(), before - 1);
 }
 
 }  // namespace

@@ -266,14 +266,8 @@ TEST_F(NotificationControllerTest, RequestsAnswerAsTheirTableSays) {
   EXPECT_EQ(notificationControllerGetNotifyPeriod(controller), -30);
 }
 
-// Dates in the messages are local: the tests set the zone to UTC.
-class TerminalWarningsTest : public NotificationControllerTest {
-  void SetUp() override {
-    NotificationControllerTest::SetUp();
-    setenv("TZ", "UTC0", 1);
-    tzset();
-  }
-};
+// Dates in the messages are local: each test sets the zone to UTC.
+using TerminalWarningsTest = NotificationControllerTest;
 
 plist::Value eventDoing(const std::string& action) {
   return validEvent("halt", "Nightly off").with("action", Dict({{"type", S(action)}}));
@@ -284,6 +278,8 @@ enum class Then { Nothing, Cancel, Delay };
 // Given an event warned `lead` seconds ahead and what happens next, expect a
 // message at each moment, each holding its fragment (none for no message).
 TEST_F(TerminalWarningsTest, WritesAtTheWarningAndAMinuteBeforeTheAction) {
+  setenv("TZ", "UTC0", 1);
+  tzset();
   struct Case {
     const char* action;
     double lead;
@@ -335,6 +331,8 @@ TEST_F(TerminalWarningsTest, WritesAtTheWarningAndAMinuteBeforeTheAction) {
 }
 
 TEST_F(TerminalWarningsTest, TheMessageNamesTheEventAndTheDelayCommandWithoutControls) {
+  setenv("TZ", "UTC0", 1);
+  tzset();
   const plist::Value event = eventDoing("shutdown")
                                  .with("name", S("Off\x1b]0;x\x07 \xc2\x9bnow"))
                                  .with("uniqueid", S("a b"));

@@ -127,17 +127,6 @@ TEST_F(DateTimeControllerTest, QueuesByTriggerDateWithWakeEntriesAndWarnings) {
   EXPECT_TRUE(timer().parked());
 }
 
-// Each arming of the timer makes the first event's wake entry again, so an
-// entry that was lost (a failed write, a crash) comes back: here after a wake
-// with nothing passed, below after a wake or a restore that reschedules.
-TEST_F(DateTimeControllerTest, ArmingMakesTheFirstEventsEntriesAgain) {
-  add(onceEvent("first", kTen, "wake"));
-  power_.cancel(kTen, entry(kTen, "first"), platform::kWakeEntry);
-  ASSERT_TRUE(entries().empty());
-  postWake();
-  EXPECT_EQ(entries(), std::vector<std::string>{entry(kTen, "first")});
-}
-
 // The timer firing at the date, not yet past, or during the pause performs
 // nothing; the completion queues the event afresh from the event list.
 TEST_F(DateTimeControllerTest, PerformsOnceThenReschedulesFromTheCompletion) {
@@ -263,7 +252,9 @@ TEST_F(DateTimeControllerTest, DelayAndCancelMoveTheOccurrenceAndKeepTheWarning)
 
 // After a sleep, and for a queue restored after the daemon was down, what
 // passed meanwhile is rescheduled, never performed; an occurrence being
-// performed is left to its completion.
+// performed is left to its completion. Each arming of the timer makes the
+// first event's wake entry again, so an entry that was lost (a failed write, a
+// crash) comes back.
 TEST_F(DateTimeControllerTest, WakeAndRestoreReschedulePassedEventsWithoutPerforming) {
   const std::function<void()> catchUps[] = {
       [] { postWake(); },

@@ -21,6 +21,7 @@ TEST(PowerEventIdentifier, NamesTheProgramTheRoundedDateAndTheEventWithoutAManag
   EXPECT_EQ(powerEventIdentifier(250000000, validEvent("DF3A-17")),
             "quillon.nightjar.250000000.DF3A-17");
   EXPECT_EQ(powerEventIdentifier(250000000.6, validEvent("x")), "quillon.nightjar.250000001.x");
+  EXPECT_EQ(powerEventIdentifier(250000000.4, validEvent("x")), "quillon.nightjar.250000000.x");
   EXPECT_EQ(powerEventIdentifier(1, validEvent("x").without("uniqueid")), std::nullopt);
   // Without a power manager nothing is made, cancelled or found.
   const Value wake = withAction("w", "wake");

@@ -84,15 +84,6 @@ Value sample(const std::string& text) {
   return Value::dictionary({{"Request", Value::string(text)}});
 }
 
-std::string rawHeader(std::uint32_t type, std::uint32_t identifier, std::uint32_t length) {
-  std::string message = encodeBare(MessageType::Noop, identifier);
-  for (int i = 0; i < 4; ++i) {
-    message[4 + i] = static_cast<char>(type >> (8 * i));
-    message[12 + i] = static_cast<char>(length >> (8 * i));
-  }
-  return message;
-}
-
 // A server on a real run loop under a temporary root; the test writes, pumps
 // the loop until what it waits for has happened, then reads.
 class SocketServerTest : public ::testing::Test {
@@ -210,7 +201,9 @@ TEST_F(SocketServerTest, BadLateUnparsableOrUnansweredRequestsAndVanishedPeers) 
       responder.reply(request.value);
   });
   Peer bad(path());
-  ASSERT_TRUE(bad.write(rawHeader(0x41424344, 1, 16)));
+  std::string unknownType = encodeBare(MessageType::Noop, 1);
+  unknownType[4] = 'X';
+  ASSERT_TRUE(bad.write(unknownType));
   EXPECT_TRUE(pumpUntil([&] { return bad.closedByServer() && clients() == 0; }));
   EXPECT_TRUE(bad.replies().empty());
   Peer slow(path());

@@ -29,9 +29,9 @@ void writeFile(const fs::path& path, const std::string& text) {
   fs::rename(path.string() + ".new", path);
 }
 
-std::string plistText(const plist::Dictionary& entries) {
+const auto plistText = [](const plist::Dictionary& entries) {
   return plist::writeXml(Value::dictionary(entries));
-}
+};
 
 class PreferencesAdapterTest : public ::testing::Test {
  protected:

@@ -63,12 +63,12 @@ class FilePowerManagerTest : public ::testing::Test {
 // holds only future entries, the earliest of which is the alarm.
 using ModelEntry = std::tuple<double, std::string, std::string>;
 
-Value modelList(const std::set<ModelEntry>& model) {
+const auto modelList = [](const std::set<ModelEntry>& model) {
   plist::Array members;
   for (const auto& [time, by, type] : model)
     members.push_back(entry(time, by, type));
   return Value::array(std::move(members));
-}
+};
 
 TEST_F(FilePowerManagerTest, TheFilesFollowAModelThroughRandomChangesAndARestart) {
   std::mt19937 random(20261123);

@@ -140,13 +140,13 @@ TEST_F(FilePowerManagerTest, TheFilesFollowAModelThroughRandomChangesAndARestart
 }
 
 TEST_F(FilePowerManagerTest, ABadFileReadsAsEmptyIsKeptAsideAndIsLoggedOnce) {
-  std::multiset<std::uintmax_t> badSizes, keptSizes;
-  for (const std::string& bad :
+  std::multiset<std::string> bad;
+  for (const std::string& text :
        {std::string("garbage"), plist::writeXml(Value::string("x")), std::string("oversized")}) {
-    writeFile(root / kListFile, bad);
-    if (bad == "oversized")
+    writeFile(root / kListFile, text);
+    if (text == "oversized")
       fs::resize_file(root / kListFile, kMaxStoredFileBytes + 1);
-    badSizes.insert(fs::file_size(root / kListFile));
+    bad.insert(readFile(root / kListFile));
     log.lines.clear();
     auto manager = open();
     EXPECT_EQ(manager->copyEntries(), Value::array({}));
@@ -155,11 +155,7 @@ TEST_F(FilePowerManagerTest, ABadFileReadsAsEmptyIsKeptAsideAndIsLoggedOnce) {
     manager->flush();
     EXPECT_EQ(listFile().count(), 1u);  // a good file beside the bad one
   }
-  for (const auto& file : fs::directory_iterator(fs::path(root / kListFile).parent_path())) {
-    if (file.path().filename().string().starts_with("powerevents.plist.unreadable-"))
-      keptSizes.insert(fs::file_size(file.path()));
-  }
-  EXPECT_EQ(keptSizes, badSizes);  // each kept whole
+  EXPECT_EQ(testing::keptAside(root / kListFile), bad);  // each kept whole
   // Well-formed entries of a partly bad file are kept.
   writeFile(root / kListFile,
             plist::writeXml(Value::array({entry(clock.now() + 5, "a", "wake"), Value::string("x"),

@@ -252,22 +252,6 @@ TEST_F(SocketServerTest, HeldRepliesLeaveOnRelease) {
   EXPECT_TRUE(peer.closedByServer());
 }
 
-// Lowers the descriptor limit so that exactly `room` unused numbers are left,
-// and restores it when it goes.
-struct DescriptorLimit {
-  explicit DescriptorLimit(int room) {
-    getrlimit(RLIMIT_NOFILE, &saved);
-    int fd = 0;
-    for (int unused = 0; unused < room; ++fd)
-      unused += fcntl(fd, F_GETFD) == -1 ? 1 : 0;
-    rlimit lowered = saved;
-    lowered.rlim_cur = static_cast<rlim_t>(fd);
-    setrlimit(RLIMIT_NOFILE, &lowered);
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved); }
-  rlimit saved{};
-};
-
 TEST_F(SocketServerTest, OutOfDescriptorsAcceptingPausesInsteadOfSpinning) {
 #if defined(__SANITIZE_ADDRESS__)
   // The sanitizers' runtime opens descriptors of its own to check the log
@@ -276,7 +260,16 @@ TEST_F(SocketServerTest, OutOfDescriptorsAcceptingPausesInsteadOfSpinning) {
 #endif
   nightjar::testing::RecordingLogSink log;
   start();
-  DescriptorLimit limit(6);  // four peers and two accepted connections
+  // The descriptor limit leaves six unused numbers: four peers and two
+  // accepted connections.
+  rlimit saved{};
+  getrlimit(RLIMIT_NOFILE, &saved);
+  int fd = 0;
+  for (int unused = 0; unused < 6; ++fd)
+    unused += fcntl(fd, F_GETFD) == -1 ? 1 : 0;
+  rlimit lowered = saved;
+  lowered.rlim_cur = static_cast<rlim_t>(fd);
+  setrlimit(RLIMIT_NOFILE, &lowered);
   std::vector<std::unique_ptr<Peer>> peers;
   for (std::uint32_t i = 0; i < 4; ++i) {
     peers.push_back(std::make_unique<Peer>(path()));
@@ -299,6 +292,7 @@ TEST_F(SocketServerTest, OutOfDescriptorsAcceptingPausesInsteadOfSpinning) {
   EXPECT_TRUE(pumpUntil(
       [&] { return peers[2]->replies().size() == 1 && peers[3]->replies().size() == 1; }));
   EXPECT_EQ(log.lines.size(), 1u);
+  setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 // One connection over a socket pair with small buffers: the client end is the

@@ -158,9 +158,7 @@ TEST_F(AuthorizationCheckTest, WhoIsAskedAndWhatIsDecided) {
       EXPECT_EQ(log.lines, c.answer && !c.granted ? refused : Lines{});
     }
   }
-}
-
-TEST_F(AuthorizationCheckTest, AbsentCheckerRefusesAndDestroyDropsPendingChecks) {
+  // Destroying the checker drops a pending check; without one, all is refused.
   create(/*withAuthority=*/true);
   check(1000, kSet);
   ASSERT_EQ(authority_->waiting(), 1u);

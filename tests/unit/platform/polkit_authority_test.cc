@@ -21,8 +21,6 @@ const AuthorizationSubject kSubject{.pid = 4242, .uid = 1000, .startTime = 12345
 
 class PolkitAuthorityTest : public testing::BusTest {
  protected:
-  void startPolkit() { ASSERT_TRUE(bus_.startTemplate("polkitd", kService)); }
-
   template <typename... Args>
   void mock(const char* member, Args... args) {
     testing::callOrFail(driver_.get(), kService, kPath, "org.freedesktop.DBus.Mock", member,
@@ -42,14 +40,14 @@ class PolkitAuthorityTest : public testing::BusTest {
 };
 
 // Nobody on polkit's name is no authority; polkit itself grants or refuses.
-TEST_F(PolkitAuthorityTest, PolkitGrantsAndRefuses) {
+TEST_F(PolkitAuthorityTest, PolkitGrantsRefusesOrTimesOut) {
   EXPECT_EQ(makePolkitAuthority(nullptr), nullptr);
   auto authority = makePolkitAuthority(connection_.get());
   ASSERT_NE(authority, nullptr);
   check(*authority, kSet);
   ASSERT_TRUE(answered());
   EXPECT_EQ(answer_, AuthorityAnswer::NoAuthority);
-  startPolkit();
+  ASSERT_TRUE(bus_.startTemplate("polkitd", kService));
   const char* allowed[] = {kSet};
   mock("SetAllowed", "as", 1, allowed[0]);
   check(*authority, kSet);
@@ -67,12 +65,9 @@ TEST_F(PolkitAuthorityTest, PolkitGrantsAndRefuses) {
             "dbus.String('uid'): dbus.Int32(1000, variant_level=1)}, "
             "signature=dbus.Signature('sv'))), signature=None) "
             R"("quillon.nightjar.scheduler.set" {} 0 "")");
-}
-
-TEST_F(PolkitAuthorityTest, SilentPolkitRefusesAfterTheTimeOut) {
-  startPolkit();
+  // A silent polkit refuses after the time-out.
   mock("SimulateHang", "b", 1);
-  auto authority = makePolkitAuthority(connection_.get(), 100ms);
+  authority = makePolkitAuthority(connection_.get(), 100ms);
   check(*authority, kSet);
   ASSERT_TRUE(answered());
   EXPECT_EQ(answer_, AuthorityAnswer::Refused);
@@ -85,7 +80,6 @@ TEST_F(PolkitAuthorityTest, SilentPolkitRefusesAfterTheTimeOut) {
 TEST(PolkitTimeoutTest, EnvironmentSetsASaneTimeOut) {
   const std::pair<const char*, std::chrono::microseconds> cases[] = {
       {"0.25", 250001us},
-      {"0", kDefaultPolkitTimeout},
       {"601", kDefaultPolkitTimeout},
       {"2s", kDefaultPolkitTimeout},
       {"nan", kDefaultPolkitTimeout}};

@@ -29,9 +29,9 @@ void writeFile(const fs::path& path, const std::string& text) {
   fs::rename(path.string() + ".new", path);
 }
 
-std::string plistText(const plist::Dictionary& entries) {
+const auto plistText = [](const plist::Dictionary& entries) {
   return plist::writeXml(Value::dictionary(entries));
-}
+};
 
 class PreferencesAdapterTest : public ::testing::Test {
  protected:
@@ -42,15 +42,6 @@ class PreferencesAdapterTest : public ::testing::Test {
   std::unique_ptr<PreferencesStore> makeStore() { return makeFilePreferencesStore(root_); }
   std::size_t folderEntries() const {
     return std::distance(fs::directory_iterator(folder()), fs::directory_iterator());
-  }
-  // The texts of the files kept aside as unreadable.
-  std::multiset<std::string> keptAside() const {
-    std::multiset<std::string> kept;
-    for (const auto& entry : fs::directory_iterator(folder())) {
-      if (entry.path().filename().string().starts_with("preferences.plist.unreadable-"))
-        kept.insert(entry.is_regular_file() ? readFile(entry.path()) : "");
-    }
-    return kept;
   }
 
   testing::TemporaryRoot temporary_;
@@ -94,7 +85,7 @@ TEST_F(PreferencesAdapterTest, BadFilesReadAsEmptyAndAreLoggedOncePerVersion) {
     EXPECT_EQ(log_.lines.size(), 2u);  // this file, and the missing forced file
     // What could not be read is kept beside, not written over.
     ASSERT_TRUE(store->setValue("k", Value::real(2)));
-    EXPECT_EQ(keptAside().size(), kind == "empty" ? 0u : 1u);
+    EXPECT_EQ(testing::keptAside(file()).size(), kind == "empty" ? 0u : 1u);
     EXPECT_EQ(folderEntries(), kind == "empty" ? 1u : 2u);
   }
 }
@@ -127,7 +118,7 @@ TEST_F(PreferencesAdapterTest, FilesReplacedByAnotherProcessWhileRunning) {
   EXPECT_EQ(log_.lines.size(), 2u);
   ASSERT_TRUE(store->setValue("j", Value::real(2)));  // and the next write repairs the file
   EXPECT_EQ(plist::parseXml(readFile(file())), Value::dictionary({{"j", Value::real(2)}}));
-  EXPECT_EQ(keptAside(),
+  EXPECT_EQ(testing::keptAside(file()),
             (std::multiset<std::string>{"<plist><dict><key>k</key>", "still <garbage>"}));
   EXPECT_EQ(store->storedBytes(), readFile(file()).size());
 }

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -40,6 +41,17 @@ inline std::string readFile(const std::filesystem::path& path) {
 inline void writeFile(const std::filesystem::path& path, const std::string& text) {
   std::filesystem::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// The texts of the files kept aside as unreadable beside `path` ("" for a
+// folder).
+inline std::multiset<std::string> keptAside(const std::filesystem::path& path) {
+  std::multiset<std::string> kept;
+  for (const auto& entry : std::filesystem::directory_iterator(path.parent_path())) {
+    if (entry.path().filename().string().starts_with(path.filename().string() + ".unreadable-"))
+      kept.insert(entry.is_regular_file() ? readFile(entry.path()) : "");
+  }
+  return kept;
 }
 
 }  // namespace nightjar::testing

@@ -13,8 +13,8 @@ import dbus
 import pytest
 
 from nightjar_harness import (CTL, LOGIND_MANAGER, LOGIND_PATH, MOCK, RTC_ALARM_FILE, daily_event,
-                              epoch, inhibitors, once_event, pending_dates, seconds_of_day,
-                              tool_calls, utc_in, wait_until, wake_entries)
+                              epoch, inhibitors, once_event, pending_dates, tool_calls, utc_in,
+                              wait_until, wake_entries)
 
 
 @pytest.fixture(autouse=True)
@@ -113,7 +113,7 @@ def switch_zone(client, root, date):
 
 SET = step("scheduler.set", lambda date: once_event("up", "start up or wake", date), 0)
 DAILY = step("scheduler.set", lambda date: daily_event(
-    "up", "start up or wake", seconds_of_day(date)), 0)
+    "up", "start up or wake", date.hour * 3600 + date.minute * 60 + date.second), 0)
 DELAY = step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600}, 600)
 ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; the zone last
     "set": [SET],

@@ -10,10 +10,9 @@ import threading
 import time
 
 from nightjar_client import OK, ConnectionClosed, authorization_form
-from nightjar_harness import (RTC_ALARM_FILE, STATE_FILE, WAKE_ENTRIES_FILE, epoch, once_event,
-                              pending_dates, saved_ids, tool_calls, utc_in, wait_until,
-                              wake_entries)
-from nightjar_harness import daily_event
+from nightjar_harness import (RTC_ALARM_FILE, STATE_FILE, WAKE_ENTRIES_FILE, daily_event, epoch,
+                              once_event, pending_dates, saved_ids, tool_calls, utc_in,
+                              wait_until, wake_entries)
 
 
 def test_events_warnings_and_wake_entries_survive_a_restart(start_daemon, root, logind):

@@ -63,10 +63,6 @@ def mounted(world, *options):
     return unmount
 
 
-def read_only(world):
-    return mounted(world, "--bind", "-o", "ro")
-
-
 @contextlib.contextmanager
 def disk_full(world):
     """On a small tmpfs that `on_disk_full_tmpfs` mounted before the daemon started."""
@@ -144,7 +140,8 @@ def polkit_hung(world):
 
 # (row, the fault (broken on entry, mended on exit), the line that must be logged exactly once)
 FAULTS = [
-    ("state folder read-only", read_only, "Failed to save the state"),
+    ("state folder read-only", lambda w: mounted(w, "--bind", "-o", "ro"),
+     "Failed to save the state"),
     ("disk full (small tmpfs)", disk_full, "Failed to save the state"),
     ("file-size limit (RLIMIT_FSIZE)", file_size_limit, "Failed to save the state"),
     ("preferences corrupted", replaced(lambda w: w.state.write_bytes(
@@ -190,7 +187,7 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
                 client.ok("scheduler.remove", "before-2")
                 model.discard("before-2")
                 assert listed(client) == model
-                if fault in (read_only, disk_full, file_size_limit):
+                if logged == "Failed to save the state":
                     assert world.state.read_bytes() == good  # the last good state
             # Back on the bus (the sleep delay retaken), the broadcasts reach it again.
             assert wait_until(lambda: inhibitors(world.mocks["logind"], "sleep"), timeout=15)

@@ -114,13 +114,12 @@ def switch_zone(client, root, date):
 SET = step("scheduler.set", lambda date: once_event("up", "start up or wake", date), 0)
 DAILY = step("scheduler.set", lambda date: daily_event(
     "up", "start up or wake", date.hour * 3600 + date.minute * 60 + date.second), 0)
-DELAY = step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600}, 600)
 ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; the zone last
     "set": [SET],
     "change": [SET, step("scheduler.set", lambda date: once_event(
         "up", "start up or wake", date + datetime.timedelta(hours=1)), 3600)],
-    "delay": [SET, DELAY, step("notifications.delay",  # delays add up
-                               lambda date: {"uniqueid": "up", "seconds": 600}, 1200)],
+    "delay": [SET] + [step("notifications.delay",  # delays add up
+                           lambda date: {"uniqueid": "up", "seconds": 600}, s) for s in (600, 1200)],
     "cancel": [SET, step("notifications.cancel", lambda date: "up")],
     # A cancelled daily occurrence gives way to the next day's.
     "daily cancel": [DAILY, step("notifications.cancel", lambda date: "up", 86400)],

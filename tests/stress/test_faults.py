@@ -66,20 +66,13 @@ def mounted(world, *options):
 
 @contextlib.contextmanager
 def disk_full(world):
-    """On a small tmpfs that `on_disk_full_tmpfs` mounted before the daemon started."""
+    """On the small tmpfs the test mounted before the daemon started."""
     filler = world.state.parent / "filler"
     with contextlib.suppress(OSError), open(filler, "wb") as output:
         while True:
             output.write(bytes(4096))
     yield
     filler.unlink()
-
-
-def on_disk_full_tmpfs(world):
-    kept = world.root / "kept"
-    shutil.copytree(world.state.parent, kept)
-    world.mount = mounted(world, "-t", "tmpfs", "-o", "size=256k")
-    shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
 
 
 @contextlib.contextmanager
@@ -163,8 +156,10 @@ FAULTS = [
 def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, row, fault,
                                               logged):
     world = World(root, system_bus)
-    if fault is disk_full:
-        on_disk_full_tmpfs(world)
+    if fault is disk_full:  # the state folder, as it is, on a small tmpfs
+        kept = shutil.copytree(world.state.parent, root / "kept")
+        world.mount = mounted(world, "-t", "tmpfs", "-o", "size=256k")
+        shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
     daemon = world.daemon = start_daemon(extra_env={"NIGHTJAR_POLKIT_TIMEOUT": "120"})
     model = set()
 

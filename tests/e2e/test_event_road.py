@@ -118,8 +118,8 @@ ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; t
     "set": [SET],
     "change": [SET, step("scheduler.set", lambda date: once_event(
         "up", "start up or wake", date + datetime.timedelta(hours=1)), 3600)],
-    "delay": [SET] + [step("notifications.delay",  # delays add up
-                           lambda date: {"uniqueid": "up", "seconds": 600}, s) for s in (600, 1200)],
+    "delay": [SET] + [step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600},
+                           s) for s in (600, 1200)],  # delays add up
     "cancel": [SET, step("notifications.cancel", lambda date: "up")],
     # A cancelled daily occurrence gives way to the next day's.
     "daily cancel": [DAILY, step("notifications.cancel", lambda date: "up", 86400)],

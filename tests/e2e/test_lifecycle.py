@@ -110,12 +110,6 @@ WRITES = ["notifications.cancel", "notifications.delay", "notifications.reset",
           "scheduler.setevents", "scheduler.set", "scheduler.remove"]
 
 
-def defaults_by_id(path):
-    return {action.get("id"): tuple((action.find("defaults").findtext(key) or "no").strip()
-                                    for key in ("allow_any", "allow_inactive", "allow_active"))
-            for action in ElementTree.parse(path).getroot().iter("action")}
-
-
 def test_install_defines_the_fourteen_rights_once_and_uninstall_removes_them(
         start_daemon, root):
     policy = root / "usr/share/polkit-1/actions/quillon.nightjar.policy"
@@ -126,9 +120,11 @@ def test_install_defines_the_fourteen_rights_once_and_uninstall_removes_them(
         assert not any("Unable to" in m for m in daemon.messages()), option
 
     run("-i")
-    assert list(defaults_by_id(policy).items()) == [
-        ("quillon.nightjar." + name, ("yes",) * 3) for name in READS] + [
-        ("quillon.nightjar." + name, ("auth_admin_keep",) * 3) for name in WRITES]
+    keys = ("allow_any", "allow_inactive", "allow_active")
+    assert [(action.get("id"), [action.find("defaults").findtext(key).strip() for key in keys])
+            for action in ElementTree.parse(policy).getroot().iter("action")] == [
+        ("quillon.nightjar." + name, ["yes"] * 3) for name in READS] + [
+        ("quillon.nightjar." + name, ["auth_admin_keep"] * 3) for name in WRITES]
     assert oct(policy.stat().st_mode & 0o777) == "0o644"
     first = policy.read_bytes()
     run("-i")

@@ -76,7 +76,12 @@ class ConnectionClosed(Exception):
     """The daemon closed the connection."""
 
 
-Reply = collections.namedtuple("Reply", "identifier payload")  # one RPLY, its payload raw
+class Reply(collections.namedtuple("Reply", "identifier payload")):
+    """One RPLY: its identifier, its raw payload, and (`value`) the payload parsed."""
+
+    @property
+    def value(self):
+        return plistlib.loads(self.payload) if self.payload else None
 
 
 class Client:
@@ -121,7 +126,7 @@ class Client:
         identifier = self.send(request)
         reply = self.receive()
         assert reply.identifier == identifier, (reply.identifier, identifier)
-        return plistlib.loads(reply.payload) if reply.payload else None
+        return reply.value
 
     def call(self, name, parameter=None):
         """{"Request": name, "Authorization": this process's form[, "Parameter"]}."""

@@ -90,6 +90,31 @@ def open_to_others(folder: Path):
         os.chmod(each, os.stat(each).st_mode | 0o011)
 
 
+def make_root(base: Path) -> Path:
+    """Lays out a daemon root: the folders and files the daemon reads or writes."""
+    root = base / "root"
+    for folder in ("var/run", "var/tmp", "var/lib/nightjar", "etc/nightjar",
+                   "sys/class/rtc/rtc0", "usr/local/nightjar/bin", "usr/share/polkit-1/actions"):
+        (root / folder).mkdir(parents=True, exist_ok=True)
+    os.chmod(root / "var/tmp", 0o1777)
+    shutil.copy("/usr/share/zoneinfo/UTC", root / "etc/localtime")
+    (root / "sys/class/rtc/rtc0/wakealarm").write_text("")
+    for tool in ("gracestop", "perch"):  # each call logged, for tool_calls()
+        path = root / "usr/local/nightjar/bin" / tool
+        path.write_text(f'#!/bin/sh\necho "$0 $*" >> "{root}/tool-calls.log"\n')
+        os.chmod(path, 0o755)
+    return root
+
+
+def install_rights(root: Path):
+    """Installs the daemon's rights in the root's polkit action file (`nightjard -i`)."""
+    if (root / "usr/share/polkit-1/actions/quillon.nightjar.policy").exists():
+        return
+    env = dict(os.environ, NIGHTJAR_ROOT=str(root), NIGHTJAR_LOG="stderr")
+    subprocess.run([str(DAEMON), "-i"], env=env, check=True, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL, timeout=30)
+
+
 class PrivateBus:
     """A dbus-daemon of its own, configured like a permissive system bus."""
 
@@ -333,19 +358,7 @@ def tool_calls(root):
 
 @pytest.fixture
 def root(tmp_path):
-    """A daemon root: the folders and files the daemon reads or writes."""
-    root = tmp_path / "root"
-    for folder in ("var/run", "var/tmp", "var/lib/nightjar", "etc/nightjar",
-                   "sys/class/rtc/rtc0", "usr/local/nightjar/bin", "usr/share/polkit-1/actions"):
-        (root / folder).mkdir(parents=True)
-    os.chmod(root / "var/tmp", 0o1777)
-    shutil.copy("/usr/share/zoneinfo/UTC", root / "etc/localtime")
-    (root / "sys/class/rtc/rtc0/wakealarm").write_text("")
-    for tool in ("gracestop", "perch"):  # each call logged, for tool_calls()
-        path = root / "usr/local/nightjar/bin" / tool
-        path.write_text(f'#!/bin/sh\necho "$0 $*" >> "{root}/tool-calls.log"\n')
-        os.chmod(path, 0o755)
-    return root
+    return make_root(tmp_path)
 
 
 @pytest.fixture
@@ -376,8 +389,8 @@ def start_daemon(root, system_bus):
 
     def start(*args, bus=True, extra_env=None, nofile=None, running=False):
         # A daemon that is to run gets the rights installed first, as `nightjard -i` would.
-        if not args and not any((root / "usr/share/polkit-1/actions").iterdir()):
-            assert Daemon(root, args=("-i",)).wait(timeout=30) == 0
+        if not args:
+            install_rights(root)
         daemon = Daemon(root, system_bus.address if bus else None, args, extra_env, nofile)
         started.append(daemon)
         assert not running or daemon.wait_running()

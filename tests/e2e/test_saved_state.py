@@ -105,7 +105,7 @@ def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_firs
         client.send({"Request": "scheduler.remove", "Parameter": "late",
                      "Authorization": authorization_form()})
         daemon.signal(signal.SIGTERM)
-        assert plistlib.loads(client.receive().payload) == OK
+        assert client.receive().value == OK
     assert daemon.wait(timeout=5) == 0 and not daemon.pid_file.exists()
     assert "gracestop -r" in tool_calls(root)
     assert broadcasts.wait_for("socket.closed")

@@ -4,7 +4,6 @@ well-behaved probe client, and the figures they print (never asserted against a 
 import asyncio
 import concurrent.futures
 import os
-import plistlib
 import socket
 import time
 
@@ -51,7 +50,7 @@ async def call(reader, writer, identifier, request):
     head = await reader.readexactly(HEADER.size)
     reply, _ = split_reply(head + await reader.readexactly(HEADER.unpack(head)[3] - HEADER.size))
     assert reply.identifier == identifier, (reply.identifier, identifier)
-    return plistlib.loads(reply.payload)
+    return reply.value
 
 
 def probe(path, count, prefix="probe"):

@@ -72,13 +72,11 @@ def test_a_sleep_goes_to_logind_and_a_wake_due_with_it_announces_nothing(client,
 
 def test_an_inactivity_event_is_performed_once_the_user_is_idle(client, root, logind, broadcasts):
     idle_since = int((time.time() - 100) * 1_000_000)
-    logind.object(LOGIND_PATH).UpdateProperties(
-        LOGIND_MANAGER,
-        {"IdleHint": dbus.Boolean(True), "IdleSinceHint": dbus.UInt64(idle_since)},
+    logind.object(LOGIND_PATH).UpdateProperties(LOGIND_MANAGER, {
+        "IdleHint": dbus.Boolean(True), "IdleSinceHint": dbus.UInt64(idle_since)},
         dbus_interface=MOCK)
-    client.ok("scheduler.set", {"uniqueid": "idle", "name": "idle", "enabled": True,
-                                "action": {"type": "logout"},
-                                "trigger": {"type": "inactive", "secondsofinactivity": 30}})
+    client.ok("scheduler.set", dict(once_event("idle", "logout", None),
+                                    trigger={"type": "inactive", "secondsofinactivity": 30}))
     # Idle for 100 s already: due at once, and not warned ahead. The machine may not
     # idle-sleep while the action is under way.
     assert pending_dates(client) == {}

@@ -43,7 +43,6 @@ def test_each_signal_is_logged_and_the_quitting_ones_tear_down(start_daemon, bro
     assert daemon.wait_for_line("SIGHUP/restart signal caught")
     assert daemon.process.poll() is None and daemon.pid_file.exists()
     assert daemon.terminate() == 0
-    assert "SIGTERM/SIGQUIT/quit signal caught" in daemon.messages()
     assert "<6>Caught 15 signal, quitting" in daemon.lines()
     assert not daemon.pid_file.exists()
     assert broadcasts.wait_for("socket.closed")

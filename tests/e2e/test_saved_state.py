@@ -62,8 +62,7 @@ def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
         client.ok("scheduler.set", once_event("kept", "restart", utc_in(3600)))
     assert daemon.terminate() == 0
     # The corrupt store was kept aside, and a whole one holds the new state.
-    saved = plistlib.loads((root / STATE_FILE).read_bytes())
-    assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]
+    assert saved_ids(root) == {"kept"}
     for name, text in (("preferences", "<plist><dict><key>engine"),
                        ("powerevents", "<plist><array>")):
         kept = (root / STATE_FILE).parent.glob(f"{name}.plist.unreadable-*")

@@ -39,7 +39,7 @@ def test_each_signal_is_logged_and_the_quitting_ones_tear_down(start_daemon, bro
     daemon = start_daemon(running=True)  # with a bus but no logind on it: the daemon runs on
     assert broadcasts.wait_for("socket.open")
     assert daemon.pid_file.read_text() == str(daemon.process.pid)
-    daemon.signal(signal.SIGHUP)  # each signal's line is a unit case
+    daemon.process.send_signal(signal.SIGHUP)  # each signal's line is a unit case
     assert daemon.wait_for_line("SIGHUP/restart signal caught")
     assert daemon.process.poll() is None and daemon.pid_file.exists()
     assert daemon.terminate() == 0
@@ -49,7 +49,7 @@ def test_each_signal_is_logged_and_the_quitting_ones_tear_down(start_daemon, bro
     assert broadcasts.names() == ["socket.open", "socket.closed"]
     assert all("<dict/>" in info or "<dict>\n</dict>" in info for _, info in broadcasts.received())
     daemon = start_daemon(bus=False, running=True)  # without a system bus too
-    daemon.signal(signal.SIGINT)
+    daemon.process.send_signal(signal.SIGINT)
     assert daemon.wait() == 0 and "Caught 2 signal, quitting" in daemon.messages()
 
 
@@ -93,13 +93,16 @@ def test_daemonise_detaches_and_the_child_keeps_running(start_daemon, root, broa
 def test_the_status_line_follows_the_events_and_the_watchdog_is_fed(start_daemon):
     # WATCHDOG_USEC as the unit's WatchdogSec= sets it.
     daemon = start_daemon(extra_env={"WATCHDOG_USEC": "1000000"}, running=True)
-    assert daemon.wait_for_notify("STATUS=0 events")
+
+    def notified(line):
+        return wait_until(lambda: line in daemon.lines(notified=True))
+    assert notified("STATUS=0 events")
     with daemon.client() as client:
         client.ok("scheduler.set", once_event("n1", "shutdown", datetime.datetime(
             2100, 1, 1, 22, 30), name="Nightly\noff"))
     # The zone is the root's, UTC; a name cannot break the line.
-    assert daemon.wait_for_notify("STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
-    assert daemon.wait_for_notify("WATCHDOG=1")
+    assert notified("STATUS=1 event; next: Nightly off on 2100-01-01 at 22:30")
+    assert notified("WATCHDOG=1")
 
 
 READS = ["build.version", "notifications.pending", "notifications.notifyperiod",

@@ -39,7 +39,7 @@ def ctl(root, system_bus, daemon):
 def api_lines(daemon):
     """The exchanges logged so far: a SIGUSR1 line read back marks the end of what is logged."""
     marks = daemon.messages().count("SIGUSR1/rotate signal caught") + 1
-    daemon.signal(signal.SIGUSR1)
+    daemon.process.send_signal(signal.SIGUSR1)
     assert wait_until(lambda: daemon.messages().count("SIGUSR1/rotate signal caught") == marks)
     return [line for line in daemon.messages() if line.startswith("API:")]
 

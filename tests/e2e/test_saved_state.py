@@ -103,7 +103,7 @@ def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_firs
         assert broadcasts.wait_for("event.willperform", timeout=5)
         client.send({"Request": "scheduler.remove", "Parameter": "late",
                      "Authorization": authorization_form()})
-        daemon.signal(signal.SIGTERM)
+        daemon.process.send_signal(signal.SIGTERM)
         assert client.receive().value == OK
     assert daemon.wait(timeout=5) == 0 and not daemon.pid_file.exists()
     assert "gracestop -r" in tool_calls(root)
@@ -140,7 +140,7 @@ def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root
         sender = threading.Thread(target=send_until_closed, args=(daemon, f"r{round_number}"))
         sender.start()
         time.sleep(rng.uniform(0.003, 0.1))
-        daemon.signal(signal.SIGKILL)
+        daemon.process.send_signal(signal.SIGKILL)
         daemon.wait()
         sender.join(timeout=10)
         assert not sender.is_alive(), context

@@ -51,16 +51,12 @@ class World:
             self.mocks.pop(name).stop()
 
 
-def run(*command):
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-
-
 def mounted(world, *options):
     folder = str(world.state.parent)
     if subprocess.run(["mount", *options, folder, folder], stderr=subprocess.DEVNULL).returncode:
         pytest.skip(f"mount {' '.join(options)} is refused here")
     unmount = contextlib.ExitStack()
-    unmount.callback(run, "umount", folder)
+    unmount.callback(subprocess.check_call, ["umount", folder])
     return unmount
 
 
@@ -80,9 +76,9 @@ def file_size_limit(world):
     """Disk full as a process meets it under RLIMIT_FSIZE (the soft limit only: root may lack
     the right to raise a hard one again)."""
     pid = str(world.daemon.process.pid)
-    run("prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:")
+    subprocess.check_call(["prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:"])
     yield
-    run("prlimit", "--pid", pid, "--fsize=unlimited:")
+    subprocess.check_call(["prlimit", "--pid", pid, "--fsize=unlimited:"])
 
 
 def replaced(make):

@@ -26,19 +26,17 @@ def socket_path(root):
     return os.path.join(str(root), "var/tmp/quillon.nightjar/api")
 
 
-def process_start_time(pid="self"):
-    """Field 22 of /proc/<pid>/stat, counted from the last ")" (the name may hold one)."""
-    with open(f"/proc/{pid}/stat", "rb") as stat:
+def process_start_time():
+    """Field 22 of /proc/self/stat, counted from the last ")" (the name may hold one)."""
+    with open("/proc/self/stat", "rb") as stat:
         line = stat.read()
     return int(line[line.rindex(b")") + 2:].split()[19])
 
 
-def authorization_form(pid=None, uid=None, start_time=None):
-    """The 32-byte form for this process; any field may be forged for a test."""
-    pid = os.getpid() if pid is None else pid
-    uid = os.getuid() if uid is None else uid
+def authorization_form(start_time=None):
+    """The 32-byte form for this process; its start time may be forged for a test."""
     start_time = process_start_time() if start_time is None else start_time
-    return b"NJAZ" + struct.pack("<IIIQQ", 1, pid, uid, start_time, 0)
+    return b"NJAZ" + struct.pack("<IIIQQ", 1, os.getpid(), os.getuid(), start_time, 0)
 
 
 def header(message_type, identifier, length):
@@ -130,9 +128,9 @@ class Client:
         assert reply.identifier == identifier, (reply.identifier, identifier)
         return reply.value
 
-    def call(self, name, parameter=None, authorization=None):
+    def call(self, name, parameter=None):
         """{"Request": name, "Authorization": this process's form[, "Parameter"]}."""
-        request = {"Request": name, "Authorization": authorization or authorization_form()}
+        request = {"Request": name, "Authorization": authorization_form()}
         if parameter is not None:
             request["Parameter"] = parameter
         return self.request(request)

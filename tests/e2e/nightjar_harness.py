@@ -255,16 +255,10 @@ class Daemon:
     def wait_for_line(self, text, timeout=5.0):
         return wait_until(lambda: any(text in line for line in self.messages()), timeout)
 
-    def wait_for_notify(self, line, timeout=5.0):
-        return wait_until(lambda: line in self.lines(notified=True), timeout)
-
     def wait_running(self, timeout=5.0):
         """Waits for the daemon's READY=1; answers False if it exits or it never comes."""
         return wait_until(lambda: self.process.poll() is not None or "READY=1" in self.lines(
             notified=True), timeout) and self.process.poll() is None
-
-    def signal(self, number):
-        self.process.send_signal(number)
 
     def wait(self, timeout=10.0):
         code = self.process.wait(timeout=timeout)
@@ -277,7 +271,7 @@ class Daemon:
 
     def terminate(self, timeout=10.0):
         """Sends SIGTERM and answers the exit status."""
-        self.signal(signal.SIGTERM)
+        self.process.send_signal(signal.SIGTERM)
         return self.wait(timeout)
 
     def stop(self):
@@ -316,10 +310,6 @@ def utc_in(seconds):
 def epoch(date):
     """A naive UTC date as the RTC alarm file holds it: seconds since 1970, as text."""
     return str(int(date.replace(tzinfo=datetime.timezone.utc).timestamp()))
-
-
-def seconds_of_day(date):
-    return date.hour * 3600 + date.minute * 60 + date.second
 
 
 def once_event(uniqueid, action, date, name=None):

@@ -11,7 +11,7 @@ import dbus
 import pytest
 
 from nightjar_harness import (AGENT, CTL, MOCK, NOBODY, DbusMock, PrivateBus, open_to_others,
-                              utc_in, wait_until)
+                              pending_dates, utc_in, wait_until)
 from nightjar_harness import once_event as any_once_event
 
 ACTIONS = [("delay-600", "Delay 10 minutes"), ("delay-3600", "Delay 1 hour"), ("cancel", "Cancel")]
@@ -68,10 +68,8 @@ class Desktop:
         for event in events:
             self.client.ok("scheduler.set", event)
 
-    def pending(self, uniqueid):
-        """The date of `uniqueid`'s pending warning, None without one."""
-        pending = self.client.call("notifications.pending")["response"]
-        return next((e["trigger"]["date"] for e in pending if e["uniqueid"] == uniqueid), None)
+    def pending(self, uniqueid):  # the date of its pending warning, None without one
+        return pending_dates(self.client).get(uniqueid)
 
     def stop(self):
         for agent in self.agents:
@@ -132,7 +130,7 @@ def test_a_restarted_daemon_leaves_one_notice_per_warning(desktop, start_daemon)
     desktop.start_agent()
     desktop.warn(once_event("halt", 900), once_event("boot", 1000, "restart"))
     assert wait_until(lambda: len(desktop.notices()) == 2)
-    desktop.daemon.signal(signal.SIGKILL)
+    desktop.daemon.process.send_signal(signal.SIGKILL)
     desktop.daemon.wait()
     desktop.client.close()
     desktop.client = start_daemon(running=True).client()

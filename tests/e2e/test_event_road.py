@@ -13,8 +13,8 @@ import dbus
 import pytest
 
 from nightjar_harness import (CTL, LOGIND_MANAGER, LOGIND_PATH, MOCK, RTC_ALARM_FILE, daily_event,
-                              epoch, inhibitors, once_event, pending_dates, seconds_of_day,
-                              tool_calls, utc_in, wait_until, wake_entries)
+                              epoch, inhibitors, once_event, pending_dates, tool_calls, utc_in,
+                              wait_until, wake_entries)
 
 
 @pytest.fixture(autouse=True)
@@ -72,13 +72,11 @@ def test_a_sleep_goes_to_logind_and_a_wake_due_with_it_announces_nothing(client,
 
 def test_an_inactivity_event_is_performed_once_the_user_is_idle(client, root, logind, broadcasts):
     idle_since = int((time.time() - 100) * 1_000_000)
-    logind.object(LOGIND_PATH).UpdateProperties(
-        LOGIND_MANAGER,
-        {"IdleHint": dbus.Boolean(True), "IdleSinceHint": dbus.UInt64(idle_since)},
+    logind.object(LOGIND_PATH).UpdateProperties(LOGIND_MANAGER, {
+        "IdleHint": dbus.Boolean(True), "IdleSinceHint": dbus.UInt64(idle_since)},
         dbus_interface=MOCK)
-    client.ok("scheduler.set", {"uniqueid": "idle", "name": "idle", "enabled": True,
-                                "action": {"type": "logout"},
-                                "trigger": {"type": "inactive", "secondsofinactivity": 30}})
+    client.ok("scheduler.set", dict(once_event("idle", "logout", None),
+                                    trigger={"type": "inactive", "secondsofinactivity": 30}))
     # Idle for 100 s already: due at once, and not warned ahead. The machine may not
     # idle-sleep while the action is under way.
     assert pending_dates(client) == {}
@@ -113,14 +111,13 @@ def switch_zone(client, root, date):
 
 SET = step("scheduler.set", lambda date: once_event("up", "start up or wake", date), 0)
 DAILY = step("scheduler.set", lambda date: daily_event(
-    "up", "start up or wake", seconds_of_day(date)), 0)
-DELAY = step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600}, 600)
+    "up", "start up or wake", date.hour * 3600 + date.minute * 60 + date.second), 0)
 ENTRY_CASES = {  # each case's steps in order, for an event three hours ahead; the zone last
     "set": [SET],
     "change": [SET, step("scheduler.set", lambda date: once_event(
         "up", "start up or wake", date + datetime.timedelta(hours=1)), 3600)],
-    "delay": [SET, DELAY, step("notifications.delay",  # delays add up
-                               lambda date: {"uniqueid": "up", "seconds": 600}, 1200)],
+    "delay": [SET] + [step("notifications.delay", lambda date: {"uniqueid": "up", "seconds": 600},
+                           s) for s in (600, 1200)],  # delays add up
     "cancel": [SET, step("notifications.cancel", lambda date: "up")],
     # A cancelled daily occurrence gives way to the next day's.
     "daily cancel": [DAILY, step("notifications.cancel", lambda date: "up", 86400)],

@@ -39,7 +39,7 @@ def ctl(root, system_bus, daemon):
 def api_lines(daemon):
     """The exchanges logged so far: a SIGUSR1 line read back marks the end of what is logged."""
     marks = daemon.messages().count("SIGUSR1/rotate signal caught") + 1
-    daemon.signal(signal.SIGUSR1)
+    daemon.process.send_signal(signal.SIGUSR1)
     assert wait_until(lambda: daemon.messages().count("SIGUSR1/rotate signal caught") == marks)
     return [line for line in daemon.messages() if line.startswith("API:")]
 
@@ -73,7 +73,6 @@ SUBCOMMANDS = [
     (["raw", "build.version"], 0, "<string>nightjard v3.7.3</string>", ""),
     (["export"], 0, '"name": "Weekend"', ""),
     (["remove", "{id}"], 0, "", ""),
-    (["list"], 0, "NAME", ""),
     (["remove", "{id}"], 1, "", "no event has the identifier {id}"),
     # Refused by the daemon: exit status 1, the reply as sentences.
     (["add", "--idle", "25h", "--action", "sleep"], 1, "",
@@ -117,18 +116,16 @@ def test_a_local_date_and_a_status_that_warns_when_the_rtc_holds_another_alarm(c
     assert json.loads(ctl("status", "--json")[1])["wakematches"] is False
 
 
-def test_a_daemon_that_is_not_running(root, tmp_path):
+def test_a_daemon_that_is_not_running(root):
     path = root / "var/tmp/quillon.nightjar/api"
-    for stale in (False, True):
-        if stale:  # a socket left behind, with no daemon at it
-            path.parent.mkdir()
-            socket.socket(socket.AF_UNIX).bind(str(path))
+    for wanted in (f"no socket at {path}", f"stale socket at {path}, nobody accepts on it"):
         done = subprocess.run([str(CTL), "list"], env=ctl_env(root), capture_output=True,
                               text=True)
-        wanted = f"stale socket at {path}, nobody accepts on it" if stale else \
-            f"no socket at {path}"
         assert (done.returncode, done.stderr) == (
             1, f"nightjarctl: nightjard is not running ({wanted})\n")
+        if not path.exists():  # then a socket left behind, with no daemon at it
+            path.parent.mkdir()
+            socket.socket(socket.AF_UNIX).bind(str(path))
 
 
 def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, tmp_path):
@@ -156,8 +153,6 @@ def test_export_then_apply_sends_nothing_and_a_second_apply_neither(ctl, tmp_pat
     status, out, _ = ctl("apply", str(wanted))
     assert (status, sorted(out.splitlines())) == (0, [
         "add Fleet (F1)", f"change Up early ({kept})", f"remove Idle ({gone})"])
-    fleet = [e for e in json.loads(ctl("export")[1]) if e["uniqueid"] == "F1"][0]
-    assert [fleet["site"], fleet["weight"], repr(fleet["count"])] == [{"base64": "AAEC"}, 1.5, "3"]
     assert apply(str(wanted)) == (0, "", "")
 
 

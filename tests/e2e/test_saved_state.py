@@ -10,10 +10,9 @@ import threading
 import time
 
 from nightjar_client import OK, ConnectionClosed, authorization_form
-from nightjar_harness import (RTC_ALARM_FILE, STATE_FILE, WAKE_ENTRIES_FILE, epoch, once_event,
-                              pending_dates, saved_ids, tool_calls, utc_in, wait_until,
-                              wake_entries)
-from nightjar_harness import daily_event
+from nightjar_harness import (RTC_ALARM_FILE, STATE_FILE, WAKE_ENTRIES_FILE, daily_event, epoch,
+                              once_event, pending_dates, saved_ids, tool_calls, utc_in,
+                              wait_until, wake_entries)
 
 
 def test_events_warnings_and_wake_entries_survive_a_restart(start_daemon, root, logind):
@@ -63,8 +62,7 @@ def test_a_forced_notify_period_wins_and_corrupt_files_are_kept_aside(
         client.ok("scheduler.set", once_event("kept", "restart", utc_in(3600)))
     assert daemon.terminate() == 0
     # The corrupt store was kept aside, and a whole one holds the new state.
-    saved = plistlib.loads((root / STATE_FILE).read_bytes())
-    assert [e["uniqueid"] for e in saved["engine"]["events"]] == ["kept"]
+    assert saved_ids(root) == {"kept"}
     for name, text in (("preferences", "<plist><dict><key>engine"),
                        ("powerevents", "<plist><array>")):
         kept = (root / STATE_FILE).parent.glob(f"{name}.plist.unreadable-*")
@@ -105,8 +103,8 @@ def test_sigterm_during_the_pause_finishes_the_perform_and_waiting_requests_firs
         assert broadcasts.wait_for("event.willperform", timeout=5)
         client.send({"Request": "scheduler.remove", "Parameter": "late",
                      "Authorization": authorization_form()})
-        daemon.signal(signal.SIGTERM)
-        assert client.receive().value == {"status": 200}
+        daemon.process.send_signal(signal.SIGTERM)
+        assert client.receive().value == OK
     assert daemon.wait(timeout=5) == 0 and not daemon.pid_file.exists()
     assert "gracestop -r" in tool_calls(root)
     assert broadcasts.wait_for("socket.closed")
@@ -142,7 +140,7 @@ def test_kill_9_at_random_moments_loses_no_acknowledged_event(start_daemon, root
         sender = threading.Thread(target=send_until_closed, args=(daemon, f"r{round_number}"))
         sender.start()
         time.sleep(rng.uniform(0.003, 0.1))
-        daemon.signal(signal.SIGKILL)
+        daemon.process.send_signal(signal.SIGKILL)
         daemon.wait()
         sender.join(timeout=10)
         assert not sender.is_alive(), context

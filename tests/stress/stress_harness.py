@@ -4,7 +4,6 @@ well-behaved probe client, and the figures they print (never asserted against a 
 import asyncio
 import concurrent.futures
 import os
-import re
 import socket
 import time
 
@@ -27,11 +26,6 @@ def percentiles(name, seconds):
     pick = lambda share: ordered[min(len(ordered) - 1, int(share * len(ordered)))] * 1000
     print(f"\n{name}: {len(seconds)} replies, p50 {pick(0.5):.2f} ms, p99 {pick(0.99):.2f} ms, "
           f"max {ordered[-1] * 1000:.2f} ms")
-
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status") as status:
-        return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
 
 
 async def connect(path, refused):
@@ -71,9 +65,3 @@ def probe(path, count, prefix="probe"):
             assert client.call(name, parameter) == {"status": 200}, (name, number)
             latencies.append(time.monotonic() - started)
     return latencies
-
-
-def fault_lines(daemon, since):
-    """Log lines from index `since` on at error level or worse, but the "API: " trace."""
-    return [line for line in daemon.lines()[since:]
-            if re.match(r"^<[0-3]>", line) and not line[3:].startswith("API: ")]

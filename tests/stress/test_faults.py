@@ -3,6 +3,7 @@ good state, loses no acknowledged change, and recovers on its own when the fault
 
 import contextlib
 import os
+import re
 import select
 import shutil
 import subprocess
@@ -12,7 +13,7 @@ import pytest
 from nightjar_client import Client, socket_path
 from nightjar_harness import (NOBODY, PYTHON, STATE_FILE, BroadcastListener, DbusMock, as_user,
                               inhibitors, once_event, saved_ids, wait_until)
-from stress_harness import FAR, fault_lines
+from stress_harness import FAR
 
 HUNG_POLKIT = """
 import sys, dbus, dbus.service, dbus.mainloop.glib
@@ -50,26 +51,18 @@ class World:
             self.mocks.pop(name).stop()
 
 
-def run(*command):
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-
-
 def mounted(world, *options):
     folder = str(world.state.parent)
     if subprocess.run(["mount", *options, folder, folder], stderr=subprocess.DEVNULL).returncode:
         pytest.skip(f"mount {' '.join(options)} is refused here")
     unmount = contextlib.ExitStack()
-    unmount.callback(run, "umount", folder)
+    unmount.callback(subprocess.check_call, ["umount", folder])
     return unmount
-
-
-def read_only(world):
-    return mounted(world, "--bind", "-o", "ro")
 
 
 @contextlib.contextmanager
 def disk_full(world):
-    """On a small tmpfs that `on_disk_full_tmpfs` mounted before the daemon started."""
+    """On the small tmpfs the test mounted before the daemon started."""
     filler = world.state.parent / "filler"
     with contextlib.suppress(OSError), open(filler, "wb") as output:
         while True:
@@ -78,21 +71,14 @@ def disk_full(world):
     filler.unlink()
 
 
-def on_disk_full_tmpfs(world):
-    kept = world.root / "kept"
-    shutil.copytree(world.state.parent, kept)
-    world.mount = mounted(world, "-t", "tmpfs", "-o", "size=256k")
-    shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
-
-
 @contextlib.contextmanager
 def file_size_limit(world):
     """Disk full as a process meets it under RLIMIT_FSIZE (the soft limit only: root may lack
     the right to raise a hard one again)."""
     pid = str(world.daemon.process.pid)
-    run("prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:")
+    subprocess.check_call(["prlimit", "--pid", pid, f"--fsize={world.state.stat().st_size}:"])
     yield
-    run("prlimit", "--pid", pid, "--fsize=unlimited:")
+    subprocess.check_call(["prlimit", "--pid", pid, "--fsize=unlimited:"])
 
 
 def replaced(make):
@@ -144,7 +130,8 @@ def polkit_hung(world):
 
 # (row, the fault (broken on entry, mended on exit), the line that must be logged exactly once)
 FAULTS = [
-    ("state folder read-only", read_only, "Failed to save the state"),
+    ("state folder read-only", lambda w: mounted(w, "--bind", "-o", "ro"),
+     "Failed to save the state"),
     ("disk full (small tmpfs)", disk_full, "Failed to save the state"),
     ("file-size limit (RLIMIT_FSIZE)", file_size_limit, "Failed to save the state"),
     ("preferences corrupted", replaced(lambda w: w.state.write_bytes(
@@ -165,8 +152,10 @@ FAULTS = [
 def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, row, fault,
                                               logged):
     world = World(root, system_bus)
-    if fault is disk_full:
-        on_disk_full_tmpfs(world)
+    if fault is disk_full:  # the state folder, as it is, on a small tmpfs
+        kept = shutil.copytree(world.state.parent, root / "kept")
+        world.mount = mounted(world, "-t", "tmpfs", "-o", "size=256k")
+        shutil.copytree(kept, world.state.parent, dirs_exist_ok=True)
     daemon = world.daemon = start_daemon(extra_env={"NIGHTJAR_POLKIT_TIMEOUT": "120"})
     model = set()
 
@@ -190,7 +179,7 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
                 client.ok("scheduler.remove", "before-2")
                 model.discard("before-2")
                 assert listed(client) == model
-                if fault in (read_only, disk_full, file_size_limit):
+                if logged == "Failed to save the state":
                     assert world.state.read_bytes() == good  # the last good state
             # Back on the bus (the sleep delay retaken), the broadcasts reach it again.
             assert wait_until(lambda: inhibitors(world.mocks["logind"], "sleep"), timeout=15)
@@ -200,7 +189,8 @@ def test_a_fault_loses_no_acknowledged_change(start_daemon, root, system_bus, ro
             listener.stop()
             assert listed(client) == model and saved_ids(root) == model
             assert client.call("notifications.notifyperiod") == {"status": 200, "response": 90}
-        faults = fault_lines(daemon, since)
+        faults = [line for line in daemon.lines()[since:]  # error or worse, but the API trace
+                  if re.match(r"^<[0-3]>", line) and not line[3:].startswith("API: ")]
         assert len(set(faults)) == len(faults), faults
         assert len([m for m in daemon.messages()[since:] if logged in m]) == 1, faults
         assert world.sentinel.read_text() == "sentinel\n"

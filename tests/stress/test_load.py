@@ -3,12 +3,13 @@ acknowledged change kept, and no memory growth from one identical round to the n
 
 import asyncio
 import random
+import re
 import resource
 import time
 
 from nightjar_client import OK, Client, authorization_form, socket_path
 from nightjar_harness import once_event, saved_ids
-from stress_harness import CLIENTS, FAR, REQUESTS, call, connect, percentiles, rss_kib
+from stress_harness import CLIENTS, FAR, REQUESTS, call, connect, percentiles
 
 SEED = 20261125
 IDS_PER_CLIENT = 3
@@ -79,7 +80,8 @@ def test_many_clients_get_right_replies_and_lose_nothing(start_daemon, root):
             listed = client.call("scheduler.events")["response"]
         assert {event["uniqueid"] for event in listed} == expected
         assert saved_ids(root) == expected
-        rss.append(rss_kib(daemon.process.pid))
+        with open(f"/proc/{daemon.process.pid}/status") as status:
+            rss.append(int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1)))
         percentiles(f"load round {number}, {CLIENTS} clients x {REQUESTS} requests", latencies)
         print(f"load round {number}: {elapsed:.1f} s, {len(expected)} events, {refused} connects "
               f"refused by the backlog and retried, daemon RSS {rss[-1]} KiB")

@@ -1,7 +1,6 @@
 #include "wire/authorization_form.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <tuple>
 
@@ -68,13 +67,6 @@ TEST(ExternalFormTest, FormMustNameTheConnectedPeer) {
   EXPECT_FALSE(
       formOfPeer(formValue(4242, 1000, 777), {.pid = 4242, .uid = 1000}, proc.root / "/missing"));
   EXPECT_FALSE(formOfPeer(formValue(0, 1000, 777), {.pid = 0, .uid = 1000}, proc.root.path));
-}
-
-TEST(ExternalFormTest, ThisProcessNamesItselfUnderTheRealProc) {
-  const std::optional<std::uint64_t> started = processStartTime("/proc", ::getpid());
-  ASSERT_TRUE(started);
-  const platform::PeerCredentials self{.pid = ::getpid(), .uid = ::getuid(), .gid = ::getgid()};
-  EXPECT_TRUE(formOfPeer(formValue(::getpid(), ::getuid(), *started), self, "/proc"));
 }
 
 }  // namespace

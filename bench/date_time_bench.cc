@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 
-#include "fakes/fake_clock.h"
 #include "fakes/fake_timer.h"
 #include "logging/logging.h"
 #include "model/event_list.h"

@@ -19,7 +19,6 @@
 #include <memory>
 #include <string>
 
-#include "fakes/fake_clock.h"
 #include "fakes/fake_timer.h"
 #include "model/event_list.h"
 #include "notifications/notification_controller.h"

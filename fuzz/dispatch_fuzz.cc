@@ -15,7 +15,6 @@
 #include <string_view>
 
 #include "api/dispatcher.h"
-#include "fakes/fake_clock.h"
 #include "fakes/fake_timer.h"
 #include "logging/logging.h"
 #include "model/event_list.h"

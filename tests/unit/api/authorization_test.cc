@@ -5,8 +5,7 @@
 #include <optional>
 #include <tuple>
 
-#include "fakes/fake_authority.h"
-#include "fakes/fake_policy_database.h"
+#include "fakes/port_fakes.h"
 #include "fakes/recording_log_sink.h"
 #include "wire/authorization_testing.h"
 

@@ -18,7 +18,7 @@
 #include "api/refusal_log.h"
 #include "api/request_handler.h"
 #include "api/scheduler_requests.h"
-#include "fakes/fake_policy_database.h"
+#include "fakes/port_fakes.h"
 #include "fakes/ports_fixture.h"
 #include "model/event_list.h"
 #include "model/model_testing.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_distributed_center.h"
+#include "fakes/port_fakes.h"
 #include "runloop/loop_fixture.h"
 
 namespace nightjar::core {

@@ -1,5 +1,6 @@
-// A timer that records how it was armed and fires only when the test calls
-// fire(), plus a factory that keeps track of the timers it handed out.
+// Time under the test's control: a clock that moves only when the test moves it,
+// timers that record how they were armed and fire only when the test calls fire(),
+// and a factory that keeps track of the timers it handed out.
 #pragma once
 
 #include <functional>
@@ -10,6 +11,19 @@
 #include "runloop/timer.h"
 
 namespace nightjar::fakes {
+
+// A wall clock that moves only when the test moves it.
+class FakeClock final : public runloop::Clock {
+ public:
+  explicit FakeClock(runloop::AbsoluteTime start = 0) : now_(start) {}
+
+  runloop::AbsoluteTime now() const override { return now_; }
+  void set(runloop::AbsoluteTime now) { now_ = now; }
+  void advance(double seconds) { now_ += seconds; }
+
+ private:
+  runloop::AbsoluteTime now_;
+};
 
 class FakeTimer final : public runloop::Timer {
  public:

@@ -9,9 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_clock.h"
-#include "fakes/fake_preferences_store.h"
 #include "fakes/fake_timer.h"
+#include "fakes/port_fakes.h"
 #include "monitors/system_monitor.h"
 #include "persistence/preferences.h"
 #include "plist/value.h"
@@ -47,7 +46,7 @@ class PortsFixture : public ::testing::Test {
 
   fakes::FakeClock clock_;
   fakes::FakeTimerFactory timers_{clock_};
-  fakes::FakePreferencesStore preferences_;
+  testing::FakePreferencesStore preferences_;
 };
 
 }  // namespace nightjar::testing

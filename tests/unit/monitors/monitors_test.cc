@@ -1,12 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_console_user_source.h"
-#include "fakes/fake_file_change_source.h"
-#include "fakes/fake_power_source.h"
-#include "fakes/fake_sleep_guard.h"
-#include "fakes/fake_time_zone_source.h"
 #include "fakes/notification_recorder.h"
+#include "fakes/port_fakes.h"
 #include "fakes/recording_log_sink.h"
 #include "model/model_testing.h"
 #include "monitors/file_watcher.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_terminal_broadcast.h"
+#include "fakes/port_fakes.h"
 #include "fakes/ports_fixture.h"
 #include "model/model_testing.h"
 #include "notifications/terminal_warnings.h"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "fakes/fake_preferences_store.h"
+#include "fakes/port_fakes.h"
 
 namespace nightjar::persistence {
 namespace {
@@ -13,7 +13,7 @@ class PreferencesTest : public ::testing::Test {
  protected:
   void SetUp() override { preferencesSetStore(&store_); }
   void TearDown() override { preferencesSetStore(nullptr); }
-  fakes::FakePreferencesStore store_;
+  testing::FakePreferencesStore store_;
   const Value engine_ = Value::dictionary({{"events", Value::array({})}});
 };
 

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "fakes/fake_clock.h"
+#include "fakes/fake_timer.h"
 #include "fakes/recording_log_sink.h"
 #include "platform/linux/file_power_manager.h"
 #include "platform/stored_file_limit.h"

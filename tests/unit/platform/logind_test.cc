@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_clock.h"
+#include "fakes/fake_timer.h"
 #include "platform/linux/logind_console_user_source.h"
 #include "platform/linux/logind_idle_time_source.h"
 #include "platform/linux/logind_power_source.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/clock_change.h"
-#include "fakes/fake_power_manager.h"
+#include "fakes/port_fakes.h"
 #include "model/event_list.h"
 #include "notifications/notification_controller.h"
 #include "runloop/run_loop.h"
@@ -89,7 +89,7 @@ class DateTimeControllerTest : public PerformFixture {
 
   ScopedZone zone_{"UTC"};
   fakes::FakeTimerFactory warnings_{clock_};
-  fakes::FakePowerManager power_;
+  nightjar::testing::FakePowerManager power_;
   QueueController* controller_ = nullptr;
   int zoneRefreshes_ = 0;
 };

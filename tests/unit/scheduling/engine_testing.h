@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_distributed_center.h"
-#include "fakes/fake_power_manager.h"
+#include "fakes/port_fakes.h"
 #include "fakes/ports_fixture.h"
 #include "model/event.h"
 #include "model/event_list.h"
@@ -190,9 +189,9 @@ class EngineFixture : public ::testing::Test {
     persistence::preferencesSetStore(nullptr);
   }
 
-  fakes::FakePreferencesStore store;
+  nightjar::testing::FakePreferencesStore store;
   fakes::FakeClock clock{1000};
-  fakes::FakePowerManager power;
+  nightjar::testing::FakePowerManager power;
   Recorder dateTime, idle;
   QueueController *byDate = nullptr, *byIdle = nullptr;
   QueueControllerList* list = nullptr;

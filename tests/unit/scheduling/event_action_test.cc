@@ -7,14 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_clock.h"
-#include "fakes/fake_command_runner.h"
-#include "fakes/fake_console_notice.h"
-#include "fakes/fake_console_user_source.h"
-#include "fakes/fake_distributed_center.h"
-#include "fakes/fake_preferences_store.h"
-#include "fakes/fake_system_sleep.h"
 #include "fakes/fake_timer.h"
+#include "fakes/port_fakes.h"
 #include "logging/logging.h"
 #include "model/model_testing.h"
 #include "monitors/system_monitor.h"
@@ -114,7 +108,7 @@ class EventActionTest : public ::testing::Test {
   JournalSink sink_{journal_};
   fakes::FakeClock clock_{5000};
   fakes::FakeTimerFactory timers_{clock_};
-  fakes::FakePreferencesStore preferences_;
+  nightjar::testing::FakePreferencesStore preferences_;
   testing::FakeConsoleUserSource* console_ = nullptr;
   testing::FakeDistributedCenter center_;
   testing::FakeSystemSleep sleep_;

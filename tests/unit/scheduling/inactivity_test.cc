@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "fakes/fake_idle_time_source.h"
+#include "fakes/port_fakes.h"
 #include "scheduling/engine_testing.h"
 
 namespace nightjar::scheduling {
@@ -33,7 +33,7 @@ class InactivityTest : public PerformFixture {
     idle_.answer();
   }
 
-  fakes::FakeIdleTimeSource idle_{clock_};
+  nightjar::testing::FakeIdleTimeSource idle_{clock_};
   QueueController* controller_ = nullptr;
 };
 

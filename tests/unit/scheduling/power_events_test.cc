@@ -8,7 +8,7 @@ namespace nightjar::scheduling {
 namespace {
 
 using namespace testing;
-using Call = fakes::FakePowerManager::Call;
+using Call = nightjar::testing::FakePowerManager::Call;
 using Calls = std::vector<Call>;
 
 Value withAction(const std::string& id, const std::string& type) {
@@ -106,11 +106,14 @@ TEST_F(PowerEventsTest, PurgeRemovesEveryEntryOfThisDaemonAndNoOther) {
   powerEventsScheduleForEvent(withAction("a", "wake"), clock.now() + 100);
   powerEventsScheduleForEvent(withAction("b", "restart"), clock.now() + 200);
   // Made before a restart, for an event no longer queued, and already past.
-  power.add(fakes::FakePowerManager::entryValue(5, "quillon.nightjar.5.old", "wakepoweron"));
+  power.add(
+      nightjar::testing::FakePowerManager::entryValue(5, "quillon.nightjar.5.old", "wakepoweron"));
   const Value others[] = {
-      fakes::FakePowerManager::entryValue(clock.now() + 50, "com.vendor.updater", "wake"),
-      fakes::FakePowerManager::entryValue(clock.now() + 50, "quillon.nightjarx.1.y", "wake"),
-      fakes::FakePowerManager::entryValue(clock.now() + 50, "quillon.nightjar", "wake"),
+      nightjar::testing::FakePowerManager::entryValue(clock.now() + 50, "com.vendor.updater",
+                                                      "wake"),
+      nightjar::testing::FakePowerManager::entryValue(clock.now() + 50, "quillon.nightjarx.1.y",
+                                                      "wake"),
+      nightjar::testing::FakePowerManager::entryValue(clock.now() + 50, "quillon.nightjar", "wake"),
       Dict({{"scheduledby", S("quillon.nightjar.9.bad")}}),  // incomplete: left alone
   };
   for (const Value& other : others)

@@ -2,7 +2,6 @@
 // that feeds them, against recording callback tables and fake timers.
 #include <gtest/gtest.h>
 
-#include "fakes/fake_clock.h"
 #include "fakes/fake_timer.h"
 #include "runloop/notification_center.h"
 #include "scheduling/engine_testing.h"
@@ -263,8 +262,9 @@ TEST_F(EventSchedulerTest, DisablePurgesAndEnableRehandsEveryEnabledEvent) {
   put(validEvent("a"));
   put(inactiveEvent("b"));
   put(validEvent("c").with("enabled", B(false)));
-  power.add(fakes::FakePowerManager::entryValue(2000, "quillon.nightjar.2000.gone", "wake"));
-  power.add(fakes::FakePowerManager::entryValue(2000, "other.program", "wake"));
+  power.add(
+      nightjar::testing::FakePowerManager::entryValue(2000, "quillon.nightjar.2000.gone", "wake"));
+  power.add(nightjar::testing::FakePowerManager::entryValue(2000, "other.program", "wake"));
   clearCalls();
   eventSchedulerSetEnabled(scheduler, false);
   EXPECT_FALSE(eventSchedulerIsEnabled(scheduler));
@@ -294,7 +294,8 @@ TEST_F(EventSchedulerTest, DisablePurgesAndEnableRehandsEveryEnabledEvent) {
 TEST_F(EventSchedulerTest, AForcedValueWinsAndNothingElseHappens) {
   EventScheduler* scheduler = start();
   put(validEvent("a"));
-  power.add(fakes::FakePowerManager::entryValue(2000, "quillon.nightjar.2000.a", "wake"));
+  power.add(
+      nightjar::testing::FakePowerManager::entryValue(2000, "quillon.nightjar.2000.a", "wake"));
   store.force("eventscheduler.enabled", B(true));
   clearCalls();
   eventSchedulerSetEnabled(scheduler, false);

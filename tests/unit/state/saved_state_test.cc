@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_idle_time_source.h"
+#include "fakes/port_fakes.h"
 #include "fakes/ports_fixture.h"
 #include "model/event_list.h"
 #include "model/model_testing.h"
@@ -74,7 +74,7 @@ class SavedStateTest : public nightjar::testing::PortsFixture {
   void post() { runloop::localCenter().post("test.change", this); }
   void pass() { saveOnChangeObserverRunPass(observer_); }
 
-  fakes::FakeIdleTimeSource idle_{clock_};
+  nightjar::testing::FakeIdleTimeSource idle_{clock_};
   std::unique_ptr<runloop::RunLoop> loop_;
   SaveOnChangeObserver* observer_ = nullptr;
   int dirtied_ = 0;

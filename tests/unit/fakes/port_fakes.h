@@ -33,6 +33,18 @@
 
 namespace nightjar::testing {
 
+// Takes the oldest waiting completion off `queue` and calls it with `result`;
+// nothing when none waits.
+template <typename Completion, typename Result>
+void completeOldest(std::deque<Completion>& queue, Result result) {
+  if (queue.empty())
+    return;
+  Completion completion = std::move(queue.front());
+  queue.pop_front();
+  if (completion)
+    completion(std::move(result));
+}
+
 // An idle time that grows with a fake clock from the user's last input, which
 // the test sets by hand. A refresh stays outstanding until the test answers
 // it; until then the source keeps what it learnt at the last answer.
@@ -215,14 +227,7 @@ class FakeCommandRunner final : public platform::CommandRunner {
       running.push_back(std::move(completion));
   }
   // Ends the oldest command still running with exit status `status`.
-  void exit(int status) {
-    if (running.empty())
-      return;
-    Completion completion = std::move(running.front());
-    running.pop_front();
-    if (completion)
-      completion({.started = true, .status = status});
-  }
+  void exit(int status) { completeOldest(running, Outcome{.started = true, .status = status}); }
 
   std::vector<Command> commands;
   std::deque<Completion> running;
@@ -393,14 +398,7 @@ class FakeSystemSleep final : public platform::SystemSleep {
       trace("sleep");
   }
   // Answers the oldest request still waiting, as the power manager would later.
-  void answer(int error) {
-    if (pending.empty())
-      return;
-    Completion completion = std::move(pending.front());
-    pending.pop_front();
-    if (completion)
-      completion(error);
-  }
+  void answer(int error) { completeOldest(pending, error); }
 
   std::deque<Completion> pending;
   std::function<void(const std::string&)> trace;  // told of every request
